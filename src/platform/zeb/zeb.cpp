@@ -1,0 +1,154 @@
+// The trace service on Linux: text lines on stderr for the journal, groups chosen by ZEB_TRACE.
+#include "platform/zeb.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "platform/zeb/zeb_sink.h"
+
+namespace {
+
+constexpr uint32_t bit(uint32_t group) { return 1u << group; }
+
+constexpr uint32_t default_mask =
+    bit(ZEB_GROUP_ERROR) | bit(ZEB_GROUP_INFO) | bit(ZEB_GROUP_STATE_CHANGE);
+
+struct group_row {
+    uint32_t group;
+    const char* name;
+    int journal_priority; // as in sd-daemon: 3 error, 5 notice, 6 information, 7 debug
+};
+
+constexpr group_row groups[] = {
+    {ZEB_GROUP_ERROR, "error", 3},
+    {ZEB_GROUP_ENTER, "enter", 7},
+    {ZEB_GROUP_RETURN, "return", 7},
+    {ZEB_GROUP_INFO, "info", 6},
+    {ZEB_GROUP_TRACE, "trace", 7},
+    {ZEB_GROUP_DETAIL, "detail", 7},
+    {ZEB_GROUP_STATE_CHANGE, "state-change", 5},
+    {ZEB_GROUP_RECEIVE_SIGNAL, "receive", 7},
+    {ZEB_GROUP_SEND_SIGNAL, "send", 7},
+};
+
+const group_row& row_of(uint32_t group) {
+    static constexpr group_row unknown = {0, "?", 7};
+    for (const group_row& row : groups) {
+        if (row.group == group)
+            return row;
+    }
+    return unknown;
+}
+
+constexpr size_t text_size = 1024;
+__thread char text_buffer[text_size];
+__thread char thread_name[32];
+
+// One write per record, so that the lines of several processes do not mix.
+void write_to_stderr(const zeb::record& record) {
+    const group_row& row = row_of(record.group);
+    char line[text_size + 256];
+    int length = snprintf(line, sizeof line, "<%d>%s%s%s %s:%d %s\n", row.journal_priority, thread_name,
+                          thread_name[0] ? ": " : "", row.name, record.file, record.line, record.text);
+    if (length < 0)
+        return;
+    size_t size = static_cast<size_t>(length);
+    if (size >= sizeof line) {
+        size = sizeof line - 1;
+        line[size - 1] = '\n';
+    }
+    // A full pipe or a closed stderr loses the line; the daemon must not wait for its reader.
+    [[maybe_unused]] ssize_t written = write(STDERR_FILENO, line, size);
+}
+
+zeb::sink current_sink = write_to_stderr;
+
+void emit(uint32_t group, const char* file, int line, const char* text) {
+    int saved_errno = errno;
+    current_sink({group, file, line, text ? text : ""});
+    errno = saved_errno;
+}
+
+} // namespace
+
+__thread zeb_proc_info procInfo = {{0, 0, 0}, default_mask};
+
+namespace zeb {
+
+void set_sink(sink new_sink) { current_sink = new_sink ? new_sink : write_to_stderr; }
+
+const char* group_name(uint32_t group) { return row_of(group).name; }
+
+uint32_t mask_from_text(const char* text) {
+    uint32_t mask = 0;
+    while (*text) {
+        size_t length = strcspn(text, ", ");
+        bool found = length == 0 || (length == 4 && !strncmp(text, "none", 4));
+        for (const group_row& row : groups) {
+            bool wanted = (length == 3 && !strncmp(text, "all", 3)) ||
+                          (length == strlen(row.name) && !strncmp(text, row.name, length));
+            if (wanted) {
+                mask |= bit(row.group);
+                found = true;
+            }
+        }
+        if (!found) {
+            fprintf(stderr, "ZEB_TRACE: no trace group '%.*s'; the groups are:", static_cast<int>(length), text);
+            for (const group_row& row : groups)
+                fprintf(stderr, " %s", row.name);
+            fprintf(stderr, ", or 'all' or 'none'\n");
+        }
+        text += length;
+        text += strspn(text, ", ");
+    }
+    return mask;
+}
+
+} // namespace zeb
+
+int zeb_init(void) {
+    const char* chosen = getenv("ZEB_TRACE");
+    procInfo.trace_group_mask = chosen ? zeb::mask_from_text(chosen) : default_mask;
+    return 0;
+}
+
+void zeb_register_thread_name(const char* name) { snprintf(thread_name, sizeof thread_name, "%s", name); }
+
+void lttngZebTrace(uint32_t group, const char* short_file_name, int line, const char* text,
+                   const zeb_proc_info*) {
+    emit(group, short_file_name, line, text);
+}
+
+void lttngZebSendSigTrace(const char* short_file_name, int line, uint32_t message_number, oka_mailbox receiver,
+                          const char* text, const zeb_proc_info*) {
+    char full[text_size + 64];
+    snprintf(full, sizeof full, "0x%x to mailbox %u: %s", message_number, receiver, text);
+    emit(ZEB_GROUP_SEND_SIGNAL, short_file_name, line, full);
+}
+
+void lttngZebRecSigTrace(const char* short_file_name, int line, const oka_message* message, const char* text,
+                         const zeb_proc_info*) {
+    char full[text_size + 96];
+    snprintf(full, sizeof full, "0x%x of %u bytes from mailbox %u on mailbox %u: %s", message->number,
+             oka_size(message), oka_sender(message), oka_receiver(message), text);
+    emit(ZEB_GROUP_RECEIVE_SIGNAL, short_file_name, line, full);
+}
+
+const char* formatStr(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    int length = vsnprintf(text_buffer, sizeof text_buffer, format, arguments);
+    va_end(arguments);
+    if (length < 0)
+        text_buffer[0] = '\0';
+    return text_buffer;
+}
+
+const char* short_fname(const char* path) {
+    const char* slash = strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
