@@ -57,11 +57,11 @@ typedef struct oxhal_macsec_port_cap {
     uint32_t reserved_3[16];
 } oxhal_macsec_port_cap;
 
-/* A capability list: `count` entries follow the count. Owned by the layer, valid until the process
- * ends. */
+/* A capability list: `count` entries, of which the first is declared, follow the count. Owned by the
+ * layer, valid until the process ends. */
 typedef struct oxhal_macsec_port_cap_list {
     uint32_t count;
-    oxhal_macsec_port_cap entries[]; /* NOLINT: a C flexible array member */
+    oxhal_macsec_port_cap entries[1];
 } oxhal_macsec_port_cap_list;
 
 /* The verification mode of received frames (validateFrames, IEEE 802.1AE-2018, 10.7.8). */

@@ -12,10 +12,11 @@
 
 namespace {
 
-constexpr uint32_t bit(uint32_t group) { return 1u << group; }
+constexpr uint32_t bit(uint32_t group) {
+    return 1u << group;
+}
 
-constexpr uint32_t default_mask =
-    bit(ZEB_GROUP_ERROR) | bit(ZEB_GROUP_INFO) | bit(ZEB_GROUP_STATE_CHANGE);
+constexpr uint32_t default_mask = bit(ZEB_GROUP_ERROR) | bit(ZEB_GROUP_INFO) | bit(ZEB_GROUP_STATE_CHANGE);
 
 struct group_row {
     uint32_t group;
@@ -79,9 +80,13 @@ __thread zeb_proc_info procInfo = {{0, 0, 0}, default_mask};
 
 namespace zeb {
 
-void set_sink(sink new_sink) { current_sink = new_sink ? new_sink : write_to_stderr; }
+void set_sink(sink new_sink) {
+    current_sink = new_sink ? new_sink : write_to_stderr;
+}
 
-const char* group_name(uint32_t group) { return row_of(group).name; }
+const char* group_name(uint32_t group) {
+    return row_of(group).name;
+}
 
 uint32_t mask_from_text(const char* text) {
     uint32_t mask = 0;
@@ -97,7 +102,8 @@ uint32_t mask_from_text(const char* text) {
             }
         }
         if (!found) {
-            fprintf(stderr, "ZEB_TRACE: no trace group '%.*s'; the groups are:", static_cast<int>(length), text);
+            fprintf(stderr, "ZEB_TRACE: no trace group '%.*s'; the groups are:", static_cast<int>(length),
+                    text);
             for (const group_row& row : groups)
                 fprintf(stderr, " %s", row.name);
             fprintf(stderr, ", or 'all' or 'none'\n");
@@ -116,15 +122,17 @@ int zeb_init(void) {
     return 0;
 }
 
-void zeb_register_thread_name(const char* name) { snprintf(thread_name, sizeof thread_name, "%s", name); }
+void zeb_register_thread_name(const char* name) {
+    snprintf(thread_name, sizeof thread_name, "%s", name);
+}
 
 void lttngZebTrace(uint32_t group, const char* short_file_name, int line, const char* text,
                    const zeb_proc_info*) {
     emit(group, short_file_name, line, text);
 }
 
-void lttngZebSendSigTrace(const char* short_file_name, int line, uint32_t message_number, oka_mailbox receiver,
-                          const char* text, const zeb_proc_info*) {
+void lttngZebSendSigTrace(const char* short_file_name, int line, uint32_t message_number,
+                          oka_mailbox receiver, const char* text, const zeb_proc_info*) {
     char full[text_size + 64];
     snprintf(full, sizeof full, "0x%x to mailbox %u: %s", message_number, receiver, text);
     emit(ZEB_GROUP_SEND_SIGNAL, short_file_name, line, full);
