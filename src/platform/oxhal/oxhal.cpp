@@ -1,0 +1,597 @@
+// The contract of platform/oxhal.h: which call is right in which state of a SecY. The hardware itself is
+// reached through the driver that OXHAL_DRIVER names.
+#include "platform/oxhal.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/random.h>
+
+#include "platform/oxhal/secy.h"
+#include "platform/zeb.h"
+
+namespace oxhal {
+namespace {
+
+static_assert(sizeof(oxhal_vport) == 108);
+static_assert(sizeof(oxhal_macsec_port_cap) == 88);
+
+constexpr uint32_t first_handle = 100; // apart from the index, so that the two are never mistaken
+
+struct {
+    const driver* current;
+    bool initialised;
+    bool prepared;
+    port_list list;
+} layer;
+
+const driver* const drivers[] = {&macsec_driver, &sim_driver};
+
+const driver* driver_by_environment() {
+    const char* name = getenv("OXHAL_DRIVER");
+    if (!name || !*name)
+        return drivers[0];
+    for (const driver* candidate : drivers) {
+        if (!strcmp(candidate->name, name))
+            return candidate;
+    }
+    OXHAL_ERROR("no driver '%s'; OXHAL_DRIVER is 'macsec' (the kernel's MACsec, default) or 'sim'", name);
+    return nullptr;
+}
+
+port* find_port(uint32_t handle) {
+    uint32_t index = handle - first_handle;
+    return index < layer.list.count ? &layer.list.ports[index] : nullptr;
+}
+
+// One call, from its arguments to its result: begins with what holds for every call of a port, and ends
+// where the driver's observer and the trace hear of the result.
+class port_call {
+  public:
+    port_call(uint32_t handle, const call& arguments) : what(arguments), on(find_port(handle)) {
+        what.port_name = on ? on->name : "?";
+        if (layer.current && layer.current->before)
+            error = layer.current->before(what);
+        if (error)
+            reason = "the driver refused";
+        else if (!layer.prepared)
+            refuse(EPERM, "oxhal_init and oxhal_macsec_init come first");
+        else if (!on)
+            refuse(ENODEV, "there is no port with that handle");
+        else
+            layer.current->refresh(*on);
+    }
+
+    // Checks made in a row: the first that does not hold is the call's error.
+    port_call& expect(bool holds, int error_number, const char* why) {
+        if (!holds && !error)
+            refuse(error_number, why);
+        return *this;
+    }
+    [[nodiscard]] bool allowed() const { return !error; }
+
+    int ends(int result) {
+        error = result;
+        return ends();
+    }
+    int ends() {
+        if (reason || procInfo.trace_group_mask & (1u << ZEB_GROUP_TRACE)) {
+            char text[call_text_size];
+            describe(what, text);
+            if (reason)
+                OXHAL_ERROR("%s: %s", text, reason);
+            else
+                lttngZebTrace(ZEB_GROUP_TRACE, short_fname(__FILE__), __LINE__,
+                              formatStr("OXHAL: %s = %d", text, error), &procInfo);
+        }
+        if (layer.current && layer.current->after)
+            layer.current->after(what, error);
+        return error;
+    }
+
+    port& secy() { return *on; }
+
+  private:
+    void refuse(int error_number, const char* why) {
+        error = error_number;
+        reason = why;
+    }
+
+    call what;
+    port* on;
+    int error = 0;
+    const char* reason = nullptr;
+};
+
+// Changes one setting. All are handed to the driver together; the standard lets ES and SCB count only
+// where the SCI is not always included, and never both (IEEE 802.1AE-2018, 9.5 and 10.5.3).
+template<class Change>
+int configure(port_call& running, Change change) {
+    if (!running.allowed())
+        return running.ends();
+    port& secy = running.secy();
+    settings wanted = secy.wanted;
+    change(wanted);
+    running.expect(wanted.always_include_sci || !wanted.es || !wanted.scb, EINVAL,
+                   "ES and SCB exclude each other unless the SCI is always included");
+    if (!running.allowed())
+        return running.ends();
+    int error = secy.enabled ? layer.current->configure(secy, wanted) : 0;
+    if (!error)
+        secy.wanted = wanted;
+    return running.ends(error);
+}
+
+const char* to_str(bool value) {
+    return value ? "true" : "false";
+}
+
+int configure_flag(const char* operation, uint32_t handle, bool value, bool settings::*member) {
+    port_call running(handle, {operation, nullptr, nullptr, -1, nullptr, 0, to_str(value)});
+    return configure(running, [&](settings& wanted) { wanted.*member = value; });
+}
+
+call channel_call(const char* operation, const oxhal_macsec_sci& sci) {
+    return {operation, nullptr, &sci, -1, nullptr, 0, nullptr};
+}
+
+bool holds_associations(const channel& which) {
+    for (const association& each : which.associations) {
+        if (each.installed)
+            return true;
+    }
+    return false;
+}
+
+channel* free_channel(port& secy, direction way) {
+    if (way == direction::transmit)
+        return secy.transmit.exists ? nullptr : &secy.transmit;
+    for (channel& each : secy.receive) {
+        if (!each.exists)
+            return &each;
+    }
+    return nullptr;
+}
+
+int create_channel(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci) {
+    port_call running(handle, channel_call(operation, sci));
+    if (!running.allowed())
+        return running.ends();
+    port& secy = running.secy();
+    channel* place = free_channel(secy, way);
+    running.expect(secy.enabled, ENETDOWN, "the controlled port is not enabled")
+        .expect(!find_channel(secy, way, sci), EEXIST, "the channel exists already")
+        .expect(place, ENOSPC, "the SecY has no room for another channel");
+    if (!running.allowed())
+        return running.ends();
+    int error = layer.current->create_channel(secy, way, sci);
+    if (!error)
+        *place = {.exists = true, .sci = sci, .associations = {}};
+    return running.ends(error);
+}
+
+int delete_channel(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci) {
+    port_call running(handle, channel_call(operation, sci));
+    if (!running.allowed())
+        return running.ends();
+    port& secy = running.secy();
+    channel* which = find_channel(secy, way, sci);
+    running.expect(which, ENOENT, "there is no such channel")
+        .expect(!which || !holds_associations(*which), EBUSY, "the channel still has associations");
+    if (!running.allowed())
+        return running.ends();
+    int error = layer.current->delete_channel(secy, way, *which);
+    if (!error)
+        *which = {};
+    return running.ends(error);
+}
+
+// What fails does not keep the rest from being deleted; the first error is the result.
+int delete_all_channels(const char* operation, uint32_t handle, direction way) {
+    port_call running(handle, {operation, nullptr, nullptr, -1, nullptr, 0, nullptr});
+    if (!running.allowed())
+        return running.ends();
+    port& secy = running.secy();
+    channel* first = way == direction::transmit ? &secy.transmit : secy.receive;
+    channel* end = first + (way == direction::transmit ? 1 : max_receive_channels);
+    int first_error = 0;
+    for (channel* which = first; which != end; ++which) {
+        int error = which->exists ? layer.current->delete_channel(secy, way, *which) : 0;
+        if (!error)
+            *which = {};
+        else if (!first_error)
+            first_error = error;
+    }
+    return running.ends(first_error);
+}
+
+int create_association(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
+                       uint8_t an, uint32_t packet_number, bool confidentiality, oxhal_macsec_key key) {
+    port_call running(handle, {operation, nullptr, &sci, an, "pn=", packet_number,
+                               way == direction::receive ? nullptr
+                               : confidentiality         ? "conf"
+                                                         : "no-conf"});
+    if (!running.allowed())
+        return running.ends();
+    port& secy = running.secy();
+    channel* of = find_channel(secy, way, sci);
+    running.expect(of, ENOENT, "there is no such channel")
+        .expect(an < associations_per_channel, EINVAL, "association numbers go from 0 to 3")
+        .expect(packet_number, EINVAL, "packet numbers begin with 1")
+        .expect(key.octets && key.length == key_size, EINVAL, "a key of GCM-AES-128 has 16 octets");
+    if (running.allowed())
+        running.expect(!of->associations[an].installed, EEXIST, "the association number is taken");
+    if (!running.allowed())
+        return running.ends();
+    association made = {.installed = true,
+                        .in_use = false,
+                        .confidentiality = confidentiality,
+                        .packet_number = packet_number};
+    const uint8_t(&octets)[key_size] = *reinterpret_cast<const uint8_t(*)[key_size]>(key.octets);
+    int error = layer.current->create_association(secy, way, *of, an, made, octets);
+    if (!error)
+        of->associations[an] = made;
+    return running.ends(error);
+}
+
+// The association that a call means, or null after the call was refused.
+association* find_association(port_call& running, direction way, const oxhal_macsec_sci& sci, uint8_t an,
+                              channel** of) {
+    if (!running.allowed())
+        return nullptr;
+    *of = find_channel(running.secy(), way, sci);
+    running.expect(*of, ENOENT, "there is no such channel")
+        .expect(an < associations_per_channel, EINVAL, "association numbers go from 0 to 3");
+    if (running.allowed())
+        running.expect((*of)->associations[an].installed, ENOENT, "there is no such association");
+    return running.allowed() ? &(*of)->associations[an] : nullptr;
+}
+
+int enable_association(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
+                       uint8_t an, bool enable) {
+    port_call running(handle, {operation, nullptr, &sci, an, nullptr, 0, to_str(enable)});
+    channel* of = nullptr;
+    association* which = find_association(running, way, sci, an, &of);
+    if (!which)
+        return running.ends();
+    int error = layer.current->enable_association(running.secy(), way, *of, an, enable);
+    if (!error) {
+        if (enable && way == direction::transmit) {
+            for (association& each : of->associations)
+                each.in_use = false;
+        }
+        which->in_use = enable;
+    }
+    return running.ends(error);
+}
+
+int delete_association(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
+                       uint8_t an) {
+    port_call running(handle, {operation, nullptr, &sci, an, nullptr, 0, nullptr});
+    channel* of = nullptr;
+    association* which = find_association(running, way, sci, an, &of);
+    if (!which)
+        return running.ends();
+    int error = layer.current->delete_association(running.secy(), way, *of, an);
+    if (!error)
+        *which = {};
+    return running.ends(error);
+}
+
+int read_in_use(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
+                uint8_t an, bool* in_use) {
+    port_call running(handle, {operation, nullptr, &sci, an, nullptr, 0, nullptr});
+    running.expect(in_use, EINVAL, "there is no place for the answer");
+    channel* of = nullptr;
+    if (!find_association(running, way, sci, an, &of))
+        return running.ends();
+    return running.ends(layer.current->read_in_use(running.secy(), way, *of, an, in_use));
+}
+
+bool take_name(const char*& text, char end, char* name, size_t size) {
+    size_t length = strcspn(text, " =:");
+    bool right = length > 0 && length < size && text[length] == end && !memchr(text, '/', length);
+    if (right) {
+        memcpy(name, text, length);
+        name[length] = '\0';
+    }
+    text += length;
+    return right;
+}
+
+bool take_port(const char*& text, port& into) {
+    if (!take_name(text, '=', into.name, sizeof into.name))
+        return false;
+    ++text;
+    if (!take_name(text, ':', into.common_port, sizeof into.common_port))
+        return false;
+    ++text;
+    char end = strchr(text, ' ') ? ' ' : '\0';
+    return take_name(text, end, into.controlled_port, sizeof into.controlled_port);
+}
+
+bool named_twice(const port_list& list, const port& fresh) {
+    if (!strcmp(fresh.common_port, fresh.controlled_port))
+        return true;
+    for (uint32_t i = 0; i < list.count; ++i) {
+        const port& other = list.ports[i];
+        if (!strcmp(other.name, fresh.name) || !strcmp(other.common_port, fresh.common_port) ||
+            !strcmp(other.controlled_port, fresh.controlled_port) ||
+            !strcmp(other.controlled_port, fresh.common_port) ||
+            !strcmp(other.common_port, fresh.controlled_port))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+void reset(const driver* chosen) {
+    explicit_bzero(&layer, sizeof layer);
+    layer.current = chosen;
+}
+
+port_list& ports() {
+    return layer.list;
+}
+
+channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci) {
+    channel* first = way == direction::transmit ? &on.transmit : on.receive;
+    channel* end = first + (way == direction::transmit ? 1 : max_receive_channels);
+    for (channel* each = first; each != end; ++each) {
+        if (each->exists && !memcmp(&each->sci, &sci, sizeof sci))
+            return each;
+    }
+    return nullptr;
+}
+
+int parse_ports(const char* text, port_list& list) {
+    constexpr const char* remedy =
+        "write it as \"DiPort_A1=eth1:sec-a1 DiPort_B1=eth2:sec-b1\" (virtual port, "
+        "its interface, the MACsec interface to make)";
+    for (text += strspn(text, " "); *text; text += strspn(text, " ")) {
+        port fresh = {};
+        const char* entry = text;
+        bool right = take_port(text, fresh);
+        int length = static_cast<int>(strcspn(entry, " "));
+        if (!right) {
+            OXHAL_ERROR("OXHAL_PORTS: '%.*s' is not understood; %s", length, entry, remedy);
+            return EINVAL;
+        }
+        if (named_twice(list, fresh)) {
+            OXHAL_ERROR(
+                "OXHAL_PORTS: '%.*s' names a port or an interface a second time; each belongs to one port",
+                length, entry);
+            return EINVAL;
+        }
+        if (list.count == max_ports) {
+            OXHAL_ERROR("OXHAL_PORTS names more than %u ports", max_ports);
+            return EINVAL;
+        }
+        list.ports[list.count++] = fresh;
+    }
+    if (!list.count) {
+        OXHAL_ERROR("OXHAL_PORTS names no port; %s", remedy);
+        return EINVAL;
+    }
+    return 0;
+}
+
+void describe(const call& what, char (&text)[call_text_size]) {
+    char sci[32] = "", an[16] = "", number[40] = "";
+    if (what.sci) {
+        const uint8_t* octet = what.sci->octets;
+        snprintf(sci, sizeof sci, " %02x:%02x:%02x:%02x:%02x:%02x/%u", octet[0], octet[1], octet[2], octet[3],
+                 octet[4], octet[5], octet[6] * 256u + octet[7]);
+    }
+    if (what.an >= 0)
+        snprintf(an, sizeof an, " an=%d", what.an);
+    if (what.label)
+        snprintf(number, sizeof number, " %s%u", what.label, what.number);
+    snprintf(text, call_text_size, "%s%s%s%s%s%s%s%s", what.operation, what.port_name ? " " : "",
+             what.port_name ? what.port_name : "", sci, an, number, what.word ? " " : "",
+             what.word ? what.word : "");
+}
+
+void report(int line, const char* file, const char* format, ...) {
+    if (!(procInfo.trace_group_mask & (1u << ZEB_GROUP_ERROR)))
+        return;
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    lttngZebTrace(ZEB_GROUP_ERROR, short_fname(file), line, formatStr("OXHAL: %s", text), &procInfo);
+}
+
+} // namespace oxhal
+
+using namespace oxhal;
+
+int oxhal_init(void) {
+    if (layer.initialised) {
+        OXHAL_ERROR("oxhal_init is called a second time");
+        return EALREADY;
+    }
+    if (!layer.current)
+        layer.current = driver_by_environment();
+    if (!layer.current)
+        return EINVAL;
+    constexpr call what = {"init", nullptr, nullptr, -1, nullptr, 0, nullptr};
+    layer.list = {};
+    int error = layer.current->before ? layer.current->before(what) : 0;
+    if (!error)
+        error = layer.current->init(layer.list);
+    if (!error) {
+        for (uint32_t i = 0; i < layer.list.count; ++i) {
+            layer.list.ports[i].handle = first_handle + i;
+            layer.list.ports[i].wanted = initial_settings;
+        }
+        layer.initialised = true;
+    }
+    if (layer.current->after)
+        layer.current->after(what, error);
+    return error;
+}
+
+int oxhal_vport_iterate(uint32_t index, oxhal_vport* vport) {
+    if (!layer.initialised || !vport || index >= layer.list.count)
+        return ENOENT;
+    *vport = {};
+    vport->handle = layer.list.ports[index].handle;
+    memcpy(vport->name, layer.list.ports[index].name, sizeof vport->name);
+    return 0;
+}
+
+int oxhal_macsec_generate_key(uint32_t length, uint8_t* key) {
+    call what = {"generate_key", nullptr, nullptr, -1, "length=", length, nullptr};
+    int error = layer.current && layer.current->before ? layer.current->before(what) : 0;
+    if (!error && (!key || length == 0 || length > 256)) {
+        OXHAL_ERROR("generate_key: a key of %u octets is not to be had", length);
+        error = EINVAL;
+    }
+    // Up to 256 octets come in one piece, or not at all while the kernel's generator is not seeded yet.
+    if (!error && getrandom(key, length, GRND_NONBLOCK) != static_cast<ssize_t>(length)) {
+        error = errno;
+        OXHAL_ERROR("generate_key: the kernel's random number generator is not ready: %s; give the machine a "
+                    "source of entropy",
+                    strerror(error));
+    }
+    if (layer.current && layer.current->after)
+        layer.current->after(what, error);
+    return error;
+}
+
+int oxhal_macsec_init(void) {
+    constexpr call what = {"init", nullptr, nullptr, -1, nullptr, 0, "macsec"};
+    if (!layer.initialised || layer.prepared) {
+        OXHAL_ERROR("oxhal_macsec_init is called %s", layer.prepared ? "a second time" : "before oxhal_init");
+        return layer.prepared ? EALREADY : EPERM;
+    }
+    int error = layer.current->before ? layer.current->before(what) : 0;
+    if (!error)
+        error = layer.current->prepare(layer.list);
+    layer.prepared = !error;
+    if (layer.current->after)
+        layer.current->after(what, error);
+    return error;
+}
+
+int oxhal_macsec_port_cap_get(uint32_t port, const oxhal_macsec_port_cap_list** list) {
+    port_call running(port, {"port_cap_get", nullptr, nullptr, -1, nullptr, 0, nullptr});
+    running.expect(list, EINVAL, "there is no place for the answer");
+    return running.allowed() ? running.ends(layer.current->capabilities(running.secy(), list))
+                             : running.ends();
+}
+
+int oxhal_macsec_enable_set(uint32_t port, bool enable) {
+    port_call running(port, {"enable_set", nullptr, nullptr, -1, nullptr, 0, to_str(enable)});
+    if (!running.allowed())
+        return running.ends();
+    oxhal::port& secy = running.secy();
+    int error = layer.current->enable(secy, enable);
+    if (!error) {
+        secy.enabled = enable;
+        secy.transmit = {};
+        for (channel& each : secy.receive)
+            each = {};
+    }
+    return running.ends(error);
+}
+
+int oxhal_macsec_protect_frames_set2(uint32_t port, bool protect) {
+    return configure_flag("protect_frames_set2", port, protect, &settings::protect_frames);
+}
+
+int oxhal_macsec_validate_frames_set2(uint32_t port, oxhal_macsec_validate_frames mode) {
+    static constexpr const char* names[] = {"disabled", "strict", "check"};
+    bool known = mode == OXHAL_MACSEC_VALIDATE_FRAMES_DISABLED ||
+                 mode == OXHAL_MACSEC_VALIDATE_FRAMES_STRICT || mode == OXHAL_MACSEC_VALIDATE_FRAMES_CHECK;
+    port_call running(port,
+                      {"validate_frames_set2", nullptr, nullptr, -1, nullptr, 0, known ? names[mode] : "?"});
+    running.expect(known, EINVAL, "the mode is none of disabled, strict and check");
+    return configure(running, [&](settings& wanted) { wanted.validate_frames = mode; });
+}
+
+int oxhal_macsec_replay_protect_set2(uint32_t port, bool enable) {
+    return configure_flag("replay_protect_set2", port, enable, &settings::replay_protect);
+}
+
+int oxhal_macsec_replay_window_set(uint32_t port, uint32_t window) {
+    port_call running(port, {"replay_window_set", nullptr, nullptr, -1, "", window, nullptr});
+    return configure(running, [&](settings& wanted) { wanted.replay_window = window; });
+}
+
+int oxhal_macsec_es_set(uint32_t port, bool enable) {
+    return configure_flag("es_set", port, enable, &settings::es);
+}
+
+int oxhal_macsec_scb_set(uint32_t port, bool enable) {
+    return configure_flag("scb_set", port, enable, &settings::scb);
+}
+
+int oxhal_macsec_always_include_sci_set(uint32_t port, bool enable) {
+    return configure_flag("always_include_sci_set", port, enable, &settings::always_include_sci);
+}
+
+int oxhal_macsec_transmit_sc_create(uint32_t port, oxhal_macsec_sci sci) {
+    return create_channel("transmit_sc_create", port, direction::transmit, sci);
+}
+
+int oxhal_macsec_receive_sc_create(uint32_t port, oxhal_macsec_sci sci) {
+    return create_channel("receive_sc_create", port, direction::receive, sci);
+}
+
+int oxhal_macsec_transmit_sc_delete(uint32_t port, oxhal_macsec_sci sci) {
+    return delete_channel("transmit_sc_delete", port, direction::transmit, sci);
+}
+
+int oxhal_macsec_receive_sc_delete(uint32_t port, oxhal_macsec_sci sci) {
+    return delete_channel("receive_sc_delete", port, direction::receive, sci);
+}
+
+int oxhal_macsec_transmit_sc_delete_all(uint32_t port) {
+    return delete_all_channels("transmit_sc_delete_all", port, direction::transmit);
+}
+
+int oxhal_macsec_receive_sc_delete_all(uint32_t port) {
+    return delete_all_channels("receive_sc_delete_all", port, direction::receive);
+}
+
+int oxhal_macsec_transmit_sa_create(uint32_t port, oxhal_macsec_sci sci, uint8_t an,
+                                    uint32_t next_packet_number, bool confidentiality, oxhal_macsec_key key) {
+    return create_association("transmit_sa_create", port, direction::transmit, sci, an, next_packet_number,
+                              confidentiality, key);
+}
+
+int oxhal_macsec_receive_sa_create2(uint32_t port, oxhal_macsec_sci sci, uint8_t an,
+                                    uint32_t lowest_packet_number, oxhal_macsec_key key) {
+    return create_association("receive_sa_create2", port, direction::receive, sci, an, lowest_packet_number,
+                              false, key);
+}
+
+int oxhal_macsec_transmit_sa_enable(uint32_t port, oxhal_macsec_sci sci, uint8_t an, bool enable) {
+    return enable_association("transmit_sa_enable", port, direction::transmit, sci, an, enable);
+}
+
+int oxhal_macsec_receive_sa_enable(uint32_t port, oxhal_macsec_sci sci, uint8_t an, bool enable) {
+    return enable_association("receive_sa_enable", port, direction::receive, sci, an, enable);
+}
+
+int oxhal_macsec_transmit_sa_delete(uint32_t port, oxhal_macsec_sci sci, uint8_t an) {
+    return delete_association("transmit_sa_delete", port, direction::transmit, sci, an);
+}
+
+int oxhal_macsec_receive_sa_delete(uint32_t port, oxhal_macsec_sci sci, uint8_t an) {
+    return delete_association("receive_sa_delete", port, direction::receive, sci, an);
+}
+
+int oxhal_macsec_transmit_sa_in_use_get(uint32_t port, oxhal_macsec_sci sci, uint8_t an, bool* in_use) {
+    return read_in_use("transmit_sa_in_use_get", port, direction::transmit, sci, an, in_use);
+}
+
+int oxhal_macsec_receive_sa_in_use_get(uint32_t port, oxhal_macsec_sci sci, uint8_t an, bool* in_use) {
+    return read_in_use("receive_sa_in_use_get", port, direction::receive, sci, an, in_use);
+}

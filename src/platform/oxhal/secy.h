@@ -1,0 +1,124 @@
+// What the layer knows of each SecY, and the table of operations behind which a driver reaches the
+// hardware. The contract's rules (which channel may be deleted when, which association number is free)
+// are the same for every driver, so they stand once, in oxhal.cpp; a driver is only asked for what the
+// rules allow, and only it knows whether the hardware can do it.
+#pragma once
+
+#include <net/if.h>
+
+#include "platform/oxhal.h"
+
+namespace oxhal {
+
+constexpr uint32_t max_ports = 16;
+constexpr uint32_t max_receive_channels = 8;
+constexpr uint32_t associations_per_channel = 4;
+constexpr uint32_t key_size = 16; // GCM-AES-128
+
+enum class direction { transmit, receive };
+
+struct association {
+    bool installed;
+    bool in_use; // as last asked for; the hardware has the last word
+    bool confidentiality;
+    uint32_t packet_number;
+};
+
+struct channel {
+    bool exists;
+    oxhal_macsec_sci sci;
+    association associations[associations_per_channel];
+};
+
+struct settings {
+    bool protect_frames;
+    bool replay_protect;
+    bool es;
+    bool scb;
+    bool always_include_sci;
+    oxhal_macsec_validate_frames validate_frames;
+    uint32_t replay_window;
+};
+
+// What a new SecY starts with: clear frames in both directions.
+constexpr settings initial_settings = {
+    .protect_frames = false,
+    .replay_protect = false,
+    .es = false,
+    .scb = false,
+    .always_include_sci = true,
+    .validate_frames = OXHAL_MACSEC_VALIDATE_FRAMES_DISABLED,
+    .replay_window = 0,
+};
+
+struct port {
+    uint32_t handle;
+    char name[64];
+    char common_port[IF_NAMESIZE]; // both as OXHAL_PORTS names them
+    char controlled_port[IF_NAMESIZE];
+    unsigned controlled_port_index; // the driver's, 0 while there is none
+    bool enabled;
+    settings wanted; // kept while there is no controlled port, and given to it when it comes
+    channel transmit;
+    channel receive[max_receive_channels];
+};
+
+struct port_list {
+    uint32_t count;
+    port ports[max_ports];
+};
+
+// One call of the contract, for those who watch: the driver's observers and the error texts.
+struct call {
+    const char* operation; // without the "oxhal_" or "oxhal_macsec_" prefix
+    const char* port_name;
+    const oxhal_macsec_sci* sci; // may be null
+    int an;                      // -1: none
+    const char* label;           // stands before the number; null: there is no number
+    uint32_t number;
+    const char* word; // a value in words; may be null
+};
+
+constexpr unsigned call_text_size = 192;
+void describe(const call& what, char (&text)[call_text_size]);
+
+// Operations return 0 or an errno value, after an error trace of their own. `configure` is given all
+// settings at once, since hardware accepts some of them only together. Of an association, the driver
+// reads the packet number and the confidentiality flag; the model is updated by the caller.
+struct driver {
+    const char* name;
+    int (*init)(port_list& list);
+    int (*prepare)(const port_list& list);
+    int (*capabilities)(const port& on, const oxhal_macsec_port_cap_list** list);
+    // Whether the hardware still is what the model says. May empty the model of a SecY that was lost.
+    void (*refresh)(port& on);
+    int (*enable)(port& on, bool enable);
+    int (*configure)(port& on, const settings& wanted);
+    int (*create_channel)(port& on, direction way, const oxhal_macsec_sci& sci);
+    int (*delete_channel)(port& on, direction way, const channel& which); // with its associations
+    int (*create_association)(port& on, direction way, const channel& of, uint8_t an, const association& what,
+                              const uint8_t (&key)[key_size]);
+    int (*enable_association)(port& on, direction way, const channel& of, uint8_t an, bool enable);
+    int (*delete_association)(port& on, direction way, const channel& of, uint8_t an);
+    int (*read_in_use)(const port& on, direction way, const channel& of, uint8_t an, bool* in_use);
+    // Both may be null. `before` may refuse the call with an error number of its own.
+    int (*before)(const call& what);
+    void (*after)(const call& what, int result);
+};
+
+extern const driver sim_driver;
+extern const driver macsec_driver;
+
+// Forgets every port and makes `chosen` the driver of the process; null leaves the choice to OXHAL_DRIVER.
+void reset(const driver* chosen);
+port_list& ports();
+channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci);
+
+// Reads "DiPort_A1=eth1:sec-a1 ..." into the list; an error trace says what is wrong with it.
+int parse_ports(const char* text, port_list& list);
+
+// An error trace that begins with "OXHAL: ".
+void report(int line, const char* file, const char* format, ...) __attribute__((format(printf, 3, 4)));
+#define OXHAL_ERROR(...) oxhal::report(__LINE__, __FILE__, __VA_ARGS__)
+
+} // namespace oxhal

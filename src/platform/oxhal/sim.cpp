@@ -1,0 +1,338 @@
+// The SecY in memory. The contract's rules are checked before a driver is asked, so all that is left here
+// is what a test wants to see of the hardware, the keys that hardware would hold, and planned failures.
+#include "platform/oxhal/sim.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+using namespace oxhal;
+
+constexpr uint32_t max_capabilities = 4;
+constexpr size_t max_text = 1u << 20; // the daemon on this driver may run for long; a test takes calls often
+constexpr size_t max_operations = 40;
+constexpr size_t max_plans = 8;
+
+struct plan {
+    const char* operation;
+    unsigned calls_until;
+    unsigned times; // 0: the place is free
+    int error;
+};
+
+struct capability_list {
+    uint32_t count;
+    oxhal_macsec_port_cap entries[max_capabilities];
+};
+static_assert(offsetof(capability_list, entries) == offsetof(oxhal_macsec_port_cap_list, entries));
+
+struct channel_keys {
+    uint8_t keys[associations_per_channel][key_size];
+};
+
+// What stands beside each port of the layer's list.
+struct hardware {
+    capability_list capabilities;
+    bool without_list;
+    channel_keys transmit;
+    channel_keys receive[max_receive_channels];
+};
+
+struct {
+    bool recording;
+    hardware ports[max_ports];
+    plan plans[max_plans];
+    struct {
+        const char* operation;
+        unsigned calls;
+    } counts[max_operations];
+} sim;
+
+// Apart from the rest, which is wiped as plain memory.
+std::string& call_texts() {
+    static std::string texts;
+    return texts;
+}
+
+constexpr oxhal_macsec_port_cap usual_capability = {
+    .standard = OXHAL_MACSEC_STANDARD_IEEE_802_1AE_2006,
+    .replay_protection_supported = 1,
+    .confidentiality_supported = 1,
+    .confidentiality_offset_supported = 0,
+    .reserved_1 = 0,
+    .num_of_rx_scs = max_receive_channels,
+    .reserved_2 = 0,
+    .num_of_rx_sas = associations_per_channel,
+    .num_of_additional_ciphers = 0,
+    .reserved_3 = {},
+};
+
+hardware& hardware_of(const port& on) {
+    return sim.ports[&on - ports().ports];
+}
+
+port& port_by_name(const char* name) {
+    for (uint32_t i = 0; i < ports().count; ++i) {
+        if (!strcmp(ports().ports[i].name, name))
+            return ports().ports[i];
+    }
+    fprintf(stderr, "oxhal_sim: no port '%s'; is oxhal_init called?\n", name);
+    abort();
+}
+
+channel_keys& keys_of(port& on, direction way, const channel& of) {
+    hardware& behind = hardware_of(on);
+    return way == direction::transmit ? behind.transmit : behind.receive[&of - on.receive];
+}
+
+bool has_key(port& on, direction way, const channel* of, uint8_t an, const uint8_t* key, size_t length) {
+    return of && an < associations_per_channel && of->associations[an].installed && length == key_size &&
+           !memcmp(keys_of(on, way, *of).keys[an], key, key_size);
+}
+
+void wipe(hardware& behind) {
+    explicit_bzero(&behind.transmit, sizeof behind.transmit);
+    explicit_bzero(&behind.receive, sizeof behind.receive);
+}
+
+int init(port_list& list) {
+    const char* named = getenv("OXHAL_PORTS");
+    int error = parse_ports(named && *named ? named
+                                            : "DiPort_A1=a1:sec-a1 DiPort_B1=b1:sec-b1 "
+                                              "DiPort_A2=a2:sec-a2 DiPort_B2=b2:sec-b2",
+                            list);
+    for (hardware& behind : sim.ports)
+        behind.capabilities = {.count = 1, .entries = {usual_capability}};
+    return error;
+}
+
+int prepare(const port_list&) {
+    return 0;
+}
+
+int capabilities(const port& on, const oxhal_macsec_port_cap_list** list) {
+    hardware& behind = hardware_of(on);
+    *list = behind.without_list ? nullptr
+                                : reinterpret_cast<const oxhal_macsec_port_cap_list*>(&behind.capabilities);
+    return 0;
+}
+
+void refresh(port&) {}
+
+int enable(port& on, bool) {
+    wipe(hardware_of(on));
+    return 0;
+}
+
+int configure(port&, const settings&) {
+    return 0;
+}
+int create_channel(port&, direction, const oxhal_macsec_sci&) {
+    return 0;
+}
+
+int delete_channel(port& on, direction way, const channel& which) {
+    explicit_bzero(&keys_of(on, way, which), sizeof(channel_keys));
+    return 0;
+}
+
+int create_association(port& on, direction way, const channel& of, uint8_t an, const association&,
+                       const uint8_t (&key)[key_size]) {
+    memcpy(keys_of(on, way, of).keys[an], key, key_size);
+    return 0;
+}
+
+int enable_association(port&, direction, const channel&, uint8_t, bool) {
+    return 0;
+}
+
+int delete_association(port& on, direction way, const channel& of, uint8_t an) {
+    explicit_bzero(keys_of(on, way, of).keys[an], key_size);
+    return 0;
+}
+
+int read_in_use(const port&, direction, const channel& of, uint8_t an, bool* in_use) {
+    *in_use = of.associations[an].in_use;
+    return 0;
+}
+
+void count(const char* operation) {
+    for (auto& each : sim.counts) {
+        if (!each.operation)
+            each.operation = operation;
+        if (!strcmp(each.operation, operation)) {
+            ++each.calls;
+            return;
+        }
+    }
+}
+
+int before(const call& what) {
+    count(what.operation);
+    int error = 0;
+    for (plan& each : sim.plans) {
+        if (!each.times || (each.operation && strcmp(each.operation, what.operation)))
+            continue;
+        if (each.calls_until > 1) {
+            --each.calls_until;
+        } else {
+            --each.times;
+            error = each.error;
+        }
+    }
+    return error;
+}
+
+void after(const call& what, int result) {
+    std::string& texts = call_texts();
+    if (!sim.recording || texts.size() > max_text)
+        return;
+    char text[call_text_size];
+    describe(what, text);
+    texts += text;
+    if (result) {
+        snprintf(text, sizeof text, " = %d", result);
+        texts += text;
+    }
+    texts += '\n';
+}
+
+bool changes_nothing(const std::string& line) {
+    size_t end = line.find_first_of(" \n");
+    return end >= 4 && !line.compare(end - 4, 4, "_get");
+}
+
+} // namespace
+
+namespace oxhal {
+
+const driver sim_driver = {
+    .name = "sim",
+    .init = init,
+    .prepare = prepare,
+    .capabilities = capabilities,
+    .refresh = refresh,
+    .enable = enable,
+    .configure = configure,
+    .create_channel = create_channel,
+    .delete_channel = delete_channel,
+    .create_association = create_association,
+    .enable_association = enable_association,
+    .delete_association = delete_association,
+    .read_in_use = read_in_use,
+    .before = before,
+    .after = after,
+};
+
+} // namespace oxhal
+
+namespace oxhal_sim {
+
+void install() {
+    explicit_bzero(&sim, sizeof sim);
+    sim.recording = true;
+    call_texts().clear();
+    reset(&sim_driver);
+}
+
+const port& secy(const char* port_name) {
+    return port_by_name(port_name);
+}
+
+const channel* transmit_channel(const char* port_name) {
+    const port& on = port_by_name(port_name);
+    return on.transmit.exists ? &on.transmit : nullptr;
+}
+
+const channel* receive_channel(const char* port_name, const oxhal_macsec_sci& sci) {
+    return find_channel(port_by_name(port_name), direction::receive, sci);
+}
+
+size_t channel_count(const char* port_name) {
+    const port& on = port_by_name(port_name);
+    size_t found = on.transmit.exists;
+    for (const channel& each : on.receive)
+        found += each.exists;
+    return found;
+}
+
+size_t association_count(const char* port_name) {
+    const port& on = port_by_name(port_name);
+    size_t found = 0;
+    for (uint8_t an = 0; an < associations_per_channel; ++an) {
+        found += on.transmit.associations[an].installed;
+        for (const channel& each : on.receive)
+            found += each.associations[an].installed;
+    }
+    return found;
+}
+
+bool has_transmit_key(const char* port_name, uint8_t an, const uint8_t* key, size_t length) {
+    port& on = port_by_name(port_name);
+    return has_key(on, direction::transmit, &on.transmit, an, key, length);
+}
+
+bool has_receive_key(const char* port_name, const oxhal_macsec_sci& sci, uint8_t an, const uint8_t* key,
+                     size_t length) {
+    port& on = port_by_name(port_name);
+    return has_key(on, direction::receive, find_channel(on, direction::receive, sci), an, key, length);
+}
+
+std::string take_all_calls() {
+    std::string taken;
+    taken.swap(call_texts());
+    return taken;
+}
+
+std::string take_calls() {
+    std::string all = take_all_calls();
+    std::string changes;
+    for (size_t begin = 0, end; (end = all.find('\n', begin)) != std::string::npos; begin = end + 1) {
+        std::string line = all.substr(begin, end + 1 - begin);
+        if (!changes_nothing(line))
+            changes += line;
+    }
+    return changes;
+}
+
+unsigned call_count(const char* operation) {
+    for (const auto& each : sim.counts) {
+        if (each.operation && !strcmp(each.operation, operation))
+            return each.calls;
+    }
+    return 0;
+}
+
+void fail(const char* operation, unsigned nth, int error, unsigned times) {
+    for (plan& place : sim.plans) {
+        if (!place.times) {
+            place = {.operation = operation, .calls_until = nth, .times = times, .error = error};
+            return;
+        }
+    }
+    fprintf(stderr, "oxhal_sim: more than %zu planned failures\n", max_plans);
+    abort();
+}
+
+void fail_never() {
+    explicit_bzero(sim.plans, sizeof sim.plans);
+}
+
+void set_capabilities(const char* port_name, const oxhal_macsec_port_cap* entries, uint32_t count) {
+    hardware& behind = hardware_of(port_by_name(port_name));
+    behind.without_list = false;
+    behind.capabilities = {};
+    while (behind.capabilities.count < count && behind.capabilities.count < max_capabilities) {
+        behind.capabilities.entries[behind.capabilities.count] = entries[behind.capabilities.count];
+        ++behind.capabilities.count;
+    }
+}
+
+void set_no_capability_list(const char* port_name) {
+    hardware_of(port_by_name(port_name)).without_list = true;
+}
+
+} // namespace oxhal_sim
