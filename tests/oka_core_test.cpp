@@ -1,0 +1,184 @@
+// The messaging core on virtual time: what cannot be seen with real clocks, or only by luck.
+#include <gtest/gtest.h>
+
+#include "platform/oka.h"
+#include "platform/oka/simulation.h"
+#include "platform/oka_timer.h"
+
+namespace sim = oka::simulation;
+
+namespace {
+
+constexpr uint32_t word = 0x0700;
+
+class core_test : public testing::Test {
+  protected:
+    void SetUp() override {
+        sim::plug();
+        ASSERT_TRUE(oka_timer_service_init());
+        ASSERT_EQ(oka_init(37, 0, 0, 0, 0), 0);
+        root = oka_create_mailbox("root", 0);
+        ASSERT_NE(root, OKA_MAILBOX_NONE);
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(oka_timer_service_stop());
+        oka_exit();
+        EXPECT_EQ(sim::live(), sim::balance{});
+    }
+
+    static oka_message* message(uint32_t number) { return oka_alloc(sizeof(oka_message), number); }
+
+    static oka_timer_ref start_timer(uint32_t timeout_ms, uint32_t number) {
+        oka_message* prepared = message(number);
+        return oka_timer_request_sig(timeout_ms, &prepared);
+    }
+
+    static oka_monitor_ref supervise(oka_mailbox mailbox, uint32_t number) {
+        oka_message* prepared = message(number);
+        return oka_monitor(mailbox, &prepared);
+    }
+
+    static void send(uint32_t number, oka_mailbox to, oka_mailbox from) {
+        oka_message* sent = message(number);
+        oka_send(&sent, to, from);
+    }
+
+    struct received {
+        uint32_t number;
+        oka_mailbox sender;
+        oka_mailbox receiver;
+        bool operator==(const received&) const = default;
+    };
+    static received next() {
+        oka_message* taken = oka_receive(nullptr, OKA_WAIT_FOREVER, OKA_ANY_SENDER);
+        if (!taken)
+            return {0, 0, 0};
+        received seen = {taken->number, oka_sender(taken), oka_receiver(taken)};
+        oka_free(&taken);
+        return seen;
+    }
+    static constexpr received nothing = {0, 0, 0};
+
+    oka_mailbox root = OKA_MAILBOX_NONE;
+};
+
+TEST_F(core_test, timers_are_delivered_in_the_order_of_their_due_times) {
+    start_timer(300, 3);
+    start_timer(100, 1);
+    oka_timer_ref second = start_timer(200, 2);
+    start_timer(300, 4);
+    EXPECT_EQ(sim::next_timer_ms(), sim::now_ms() + 100);
+    sim::advance_ms(99);
+    EXPECT_EQ(next(), nothing);
+    oka_timer_cancel(second);
+    sim::advance_ms(1000);
+    EXPECT_EQ(next(), (received{1, OKA_MAILBOX_NONE, root}));
+    EXPECT_EQ(next().number, 3u);
+    EXPECT_EQ(next().number, 4u);
+    EXPECT_EQ(next(), nothing);
+    EXPECT_EQ(sim::next_timer_ms(), sim::never_ms);
+}
+
+TEST_F(core_test, an_expired_timer_is_delivered_although_it_is_cancelled) {
+    oka_timer_ref timer = start_timer(10, word);
+    sim::advance_ms(10);
+    sim::queue_due_timers();
+    oka_timer_cancel(timer);
+    EXPECT_EQ(next().number, word);
+}
+
+TEST_F(core_test, a_busy_queue_does_not_starve_timers) {
+    start_timer(10, word);
+    sim::advance_ms(10);
+    oka_mailbox peer = sim::create_mailbox("peer");
+    int before = 0;
+    for (send(1, root, peer); next().number == 1 && before < 1000; ++before)
+        send(1, root, peer);
+    EXPECT_LT(before, 100);
+    EXPECT_EQ(next().number, 1u);
+}
+
+TEST_F(core_test, a_monitor_message_goes_where_the_mailbox_became_known) {
+    oka_mailbox client = oka_clone_mailbox(root, "client");
+    oka_mailbox other = oka_clone_mailbox(root, "other");
+    oka_mailbox located = sim::create_mailbox("located");
+    oka_message* prepared = message(1);
+    oka_locate_async("located", &prepared, client);
+    EXPECT_EQ(next(), (received{1, located, client}));
+    supervise(located, 2);
+    // What arrives later moves only the supervisions that are asked for later.
+    send(3, other, located);
+    EXPECT_EQ(next().number, 3u);
+    supervise(located, 4);
+    send(5, root, located);
+    oka_delete_mailbox(located);
+    EXPECT_EQ(next().number, 5u);
+    EXPECT_EQ(next(), (received{2, located, client}));
+    EXPECT_EQ(next(), (received{4, located, other}));
+    // It is gone already, and is remembered.
+    supervise(located, 6);
+    EXPECT_EQ(next(), (received{6, located, root}));
+    EXPECT_EQ(next(), nothing);
+}
+
+TEST_F(core_test, a_monitor_message_falls_back_to_the_root_mailbox) {
+    oka_mailbox client = oka_clone_mailbox(root, "client");
+    for (bool fired_first : {false, true}) {
+        oka_mailbox peer = sim::create_mailbox("peer");
+        send(1, client, peer);
+        next();
+        supervise(peer, word);
+        oka_delete_mailbox(fired_first ? peer : client);
+        oka_delete_mailbox(fired_first ? client : peer);
+        EXPECT_EQ(next(), (received{word, peer, root})) << fired_first;
+        client = oka_clone_mailbox(root, "client");
+    }
+}
+
+TEST_F(core_test, nothing_is_delivered_after_unmonitor) {
+    oka_mailbox peer = sim::create_mailbox("peer");
+    oka_monitor_ref standing = supervise(peer, 1);
+    oka_monitor_ref fired = supervise(peer, 2);
+    EXPECT_NE(standing, fired);
+    oka_unmonitor(standing);
+    oka_delete_mailbox(peer);
+    oka_unmonitor(fired);
+    oka_unmonitor(supervise(peer, 3));
+    oka_unmonitor(12345);
+    EXPECT_EQ(next(), nothing);
+}
+
+TEST_F(core_test, a_deleted_mailbox_takes_its_messages_and_locates_along) {
+    oka_mailbox client = oka_clone_mailbox(root, "client");
+    send(1, client, root);
+    oka_message* prepared = message(2);
+    oka_locate_async("later", &prepared, client);
+    oka_delete_mailbox(client);
+    send(3, client, root);
+    sim::create_mailbox("later");
+    EXPECT_EQ(next(), nothing);
+    EXPECT_EQ(sim::live().locates, 0u);
+}
+
+TEST_F(core_test, hunt_paths_reach_mailboxes_of_other_units) {
+    oka_message* prepared = message(1);
+    oka_locate_async("mp7/server", &prepared, root);
+    sim::create_mailbox("server");
+    EXPECT_EQ(next(), nothing);
+    oka_mailbox remote = sim::create_mailbox("mp7/server");
+    EXPECT_EQ(next(), (received{1, remote, root}));
+}
+
+TEST_F(core_test, a_message_cut_short_reads_as_what_arrived) {
+    oka_message* cut = oka_alloc(16, word);
+    sim::truncate(cut, 3);
+    oka_send(&cut, root, root);
+    oka_message* taken = oka_receive(nullptr, 0, OKA_ANY_SENDER);
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(oka_size(taken), 3u);
+    EXPECT_EQ(taken->number, 0u);
+    oka_free(&taken);
+}
+
+} // namespace
