@@ -1,0 +1,358 @@
+#include "tavu/oxpcsi_helper.h"
+
+#include <optional>
+
+#include "support/world.h"
+
+using namespace tavu;
+
+namespace {
+
+constexpr uint32_t servers_connection = 77;
+
+std::string events;
+
+constexpr oxpcsi_callbacks callbacks = {
+    [] { events += "start_failed "; },
+    [] { events += "server_up "; },
+    [] { events += "server_down "; },
+    [](const char* port) { events += std::string("change:") + port + " "; },
+};
+
+oxpcsi_port_entry entry(uint32_t role, const char* port, const char* interface, uint8_t last_octet) {
+    oxpcsi_port_entry entry = {};
+    entry.port_role = role;
+    entry.votk_id = 9;
+    entry.mac_address[5] = last_octet;
+    entry.port.assign(port);
+    entry.if_name.assign(interface);
+    return entry;
+}
+
+class oxpcsi_helper : public test::world {
+  protected:
+    oxpcsi_helper() {
+        events.clear();
+        route_to([this](const oka_message* message) { consumed_ = oxpcsi_dispatch_message(message); });
+        EXPECT_TRUE(oxpcsi_helper_init(root(), OXPCSI_PORT_ROLE_IDL, &callbacks));
+    }
+
+    void start() {
+        EXPECT_TRUE(oxpcsi_helper_start("tavu-main-oxpcsi-client"));
+        settle();
+    }
+    test::peer& server() {
+        if (!server_)
+            server_.emplace("oxpcsi-server");
+        return *server_;
+    }
+
+    message_header header(uint32_t procedure, uint32_t connection = 1) {
+        message_header header = {};
+        header.procedure_reference = procedure;
+        header.connection_reference = connection;
+        return header;
+    }
+    void confirm_service(uint32_t version = 2) {
+        test::received request = server().take(OXPCSI_INIT_SERVICE_REQ);
+        client_ = request.sender();
+        server().send(client_, OXPCSI_INIT_SERVICE_CFM,
+                      oxpcsi_init_service_cfm{header(1, servers_connection), version});
+        settle();
+    }
+    void confirm_ports(const std::vector<oxpcsi_port_entry>& entries,
+                       std::optional<uint32_t> announced = {}) {
+        server().take(OXPCSI_GET_ETH_PORT_SUPPORT_REQ);
+        std::vector<uint8_t> bytes(std::max<size_t>(64, 16 + 48 * entries.size()));
+        auto& cfm = *reinterpret_cast<oxpcsi_get_eth_port_support_cfm*>(bytes.data());
+        cfm.header = header(2);
+        cfm.no_ports = announced.value_or(static_cast<uint32_t>(entries.size()));
+        if (!entries.empty())
+            memcpy(static_cast<void*>(&cfm.first_entry), entries.data(), 48 * entries.size());
+        server().send_bytes(client_, OXPCSI_GET_ETH_PORT_SUPPORT_CFM, bytes.data(), bytes.size());
+        settle();
+    }
+    void confirm_subscription() {
+        server().take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ);
+        server().send(client_, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM,
+                      oxpcsi_subscribe_eth_port_status_cfm{header(3), 5});
+        settle();
+    }
+    void become_ready() {
+        server();
+        start();
+        confirm_service();
+        confirm_ports(
+            {entry(1, "IDL_A1", "eth1", 1), entry(4, "C2_1", "eth9", 9), entry(3, "IDL_B1", "eth2", 2)});
+        confirm_subscription();
+        EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_READY);
+    }
+    oxpcsi_eth_port_status2_ind status(const char* port) {
+        oxpcsi_eth_port_status2_ind ind = {};
+        ind.header = header(3);
+        ind.port_adm_state = 1;
+        ind.port_oper_state = 1;
+        ind.port_mod_present = 1;
+        ind.line_rate = 10000;
+        ind.port.assign(port);
+        ind.name_space.assign("fronthaul");
+        return ind;
+    }
+
+    std::optional<test::peer> server_;
+    oka_mailbox client_ = OKA_MAILBOX_NONE;
+    bool consumed_ = false;
+};
+
+TEST_F(oxpcsi_helper, asks_for_the_service_its_ports_and_their_status_in_these_bytes) {
+    start(); // before the server exists
+    EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_LOCATING);
+    server();
+    settle();
+
+    {
+        test::received init = server().take(OXPCSI_INIT_SERVICE_REQ);
+        EXPECT_EQ(init.hex(), "00 00 00 01 00 00 00 01 00 00 00 02 00 00 00 02 00 00 00 02");
+        client_ = init.sender();
+    }
+    server().send(client_, OXPCSI_INIT_SERVICE_CFM,
+                  oxpcsi_init_service_cfm{header(1, servers_connection), 2});
+    settle();
+
+    EXPECT_EQ(server().take(OXPCSI_GET_ETH_PORT_SUPPORT_REQ).hex(), "00 00 00 02 00 00 00 4d");
+    server().send(client_, OXPCSI_GET_ETH_PORT_SUPPORT_CFM,
+                  oxpcsi_get_eth_port_support_cfm{header(2), 1, entry(1, "IDL_A1", "eth1", 1)});
+    settle();
+
+    EXPECT_EQ(server().take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ).hex(),
+              "00 00 00 03 00 00 00 4d 00 00 00 01 "
+              "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00");
+    EXPECT_EQ(events, "");
+    server().send(client_, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM,
+                  oxpcsi_subscribe_eth_port_status_cfm{header(3), 5});
+    settle();
+    EXPECT_EQ(events, "server_up ");
+    EXPECT_TRUE(traced("TAVU: Subscribed on all 'IDL' ports."));
+
+    oxpcsi_helper_stop();
+    server_.reset();
+    expect_nothing_left();
+}
+
+TEST_F(oxpcsi_helper, keeps_the_ports_of_its_role_newest_first) {
+    become_ready();
+    oxpcsi_port_data* first = oxpcsi_get_supported_ports_list();
+    ASSERT_NE(first, nullptr);
+    EXPECT_STREQ(first->port.c_str(), "IDL_B1");
+    oxpcsi_port_data* second = oxpcsi_get_next_supported_port(first);
+    ASSERT_NE(second, nullptr);
+    EXPECT_STREQ(second->port.c_str(), "IDL_A1");
+    EXPECT_EQ(oxpcsi_get_next_supported_port(second), nullptr);
+    EXPECT_EQ(second->admin_state, 666u);
+    EXPECT_EQ(second->oper_state, 666u);
+    EXPECT_EQ(second->votk_id, 9u);
+    EXPECT_EQ(second->mac_address[5], 1);
+    EXPECT_STREQ(oxpcsi_get_if_name("IDL_A1"), "eth1");
+    EXPECT_EQ(oxpcsi_get_if_name("C2_1"), nullptr);
+}
+
+TEST_F(oxpcsi_helper, takes_every_status_indication_and_reports_it_changed_or_not) {
+    become_ready();
+    events.clear();
+    server().send(client_, OXPCSI_ETH_PORT_STATUS2_IND, status("IDL_A1"));
+    server().send(client_, OXPCSI_ETH_PORT_STATUS2_IND, status("IDL_A1"));
+    settle();
+    EXPECT_EQ(events, "change:IDL_A1 change:IDL_A1 ");
+    oxpcsi_port_data port;
+    ASSERT_TRUE(oxpcsi_get_port_data("IDL_A1", port));
+    EXPECT_EQ(port.admin_state, 1u);
+    EXPECT_EQ(port.oper_state, 1u);
+    EXPECT_EQ(port.module_present, 1u);
+    EXPECT_EQ(port.line_rate, 10000u);
+    EXPECT_STREQ(port.name_space.c_str(), "fronthaul");
+    EXPECT_EQ(
+        count_traced("TAVU: Port admin state updated for port 'IDL_A1': 'UNINITIALIZED_PORT_ADMIN_STATE' -> "
+                     "'OXPCSI_PORT_ADM_STATE_UNLOCKED'"),
+        1u);
+}
+
+TEST_F(oxpcsi_helper, drops_indications_that_are_not_right) {
+    become_ready();
+    struct row {
+        const char* rule;
+        void (*spoil)(oxpcsi_eth_port_status2_ind&);
+        size_t size;
+        const char* error;
+    };
+    constexpr size_t whole = sizeof(oxpcsi_eth_port_status2_ind);
+    const row rows[] = {
+        {"size", [](auto&) {}, whole - 1,
+         "TAVU: Message 0x1b105c has wrong size: actual: 299 bytes, expected: 300 bytes\n"},
+        {"connection", [](auto& ind) { ind.header.connection_reference = servers_connection; }, whole,
+         "TAVU: 'OXPCSI_ETH_PORT_STATUS2_IND' is received with wrong connection reference. Actual: 77, "
+         "expected: 1\n"},
+        {"procedure", [](auto& ind) { ind.header.procedure_reference = 2; }, whole,
+         "TAVU: 'OXPCSI_ETH_PORT_STATUS2_IND' is received with wrong procedure reference. Actual: 2, "
+         "expected: 3\n"},
+        {"port name", [](auto& ind) { memset(ind.port.octets, 'x', 16); }, whole,
+         "TAVU: port_name 'xxxxxxxxxxxxxxxx' is 16 bytes long, exceeding maximum length 15\n"},
+        {"module", [](auto& ind) { ind.port_mod_present = 2; }, whole,
+         "TAVU: Invalid port_mod_present value: 2\n"},
+        {"filtered port", [](auto& ind) { ind.port.assign("C2_1"); }, whole,
+         "TAVU: Received OXPCSI_ETH_PORT_STATUS2_IND for unknown port name: 'C2_1'\n"},
+    };
+    for (const row& row : rows) {
+        SCOPED_TRACE(row.rule);
+        events.clear();
+        forget_traces();
+        oxpcsi_eth_port_status2_ind ind = status("IDL_A1");
+        row.spoil(ind);
+        server().send_bytes(client_, OXPCSI_ETH_PORT_STATUS2_IND, &ind, row.size);
+        settle();
+        std::string errors = take_errors();
+        EXPECT_NE(errors.find(row.error), std::string::npos) << errors;
+        EXPECT_EQ(events, "");
+    }
+    test::peer stranger("stranger");
+    stranger.send(client_, OXPCSI_ETH_PORT_STATUS2_IND, status("IDL_A1"));
+    settle();
+    EXPECT_EQ(events, "");
+    EXPECT_NE(take_errors().find("is received from wrong mailbox"), std::string::npos);
+}
+
+TEST_F(oxpcsi_helper, a_bad_port_entry_costs_its_own_port_only) {
+    server();
+    start();
+    confirm_service();
+    oxpcsi_port_entry bad = entry(1, "", "eth2", 2);
+    memset(bad.port.octets, 'y', 16);
+    confirm_ports({bad, entry(1, "IDL_A1", "eth1", 1)});
+    confirm_subscription();
+    EXPECT_EQ(events, "server_up ");
+    EXPECT_STREQ(oxpcsi_get_supported_ports_list()->port.c_str(), "IDL_A1");
+    EXPECT_EQ(oxpcsi_get_next_supported_port(oxpcsi_get_supported_ports_list()), nullptr);
+}
+
+TEST_F(oxpcsi_helper, a_reply_with_more_entries_than_it_holds_is_dropped) {
+    server();
+    start();
+    confirm_service();
+    forget_traces();
+    confirm_ports({entry(1, "IDL_A1", "eth1", 1)}, 0x10000000u);
+    EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_INITIATED);
+    EXPECT_NE(
+        take_errors().find("TAVU: Message 0x1b1049 has wrong size: actual: 64 bytes, expected at least "),
+        std::string::npos);
+}
+
+TEST_F(oxpcsi_helper, without_ports_of_its_role_it_is_up_without_a_subscription) {
+    server();
+    start();
+    confirm_service();
+    confirm_ports({entry(4, "C2_1", "eth9", 9)});
+    EXPECT_EQ(events, "server_up ");
+    EXPECT_TRUE(server().is_silent());
+    EXPECT_TRUE(traced("TAVU: There are no ports with 'IDL' capability."));
+}
+
+TEST_F(oxpcsi_helper, another_version_or_any_reject_ends_the_start) {
+    server();
+    struct row {
+        const char* rule;
+        std::function<void()> answer;
+    };
+    auto reject = [this](uint32_t request, uint32_t number, uint32_t procedure) {
+        server().take(request);
+        server().send(client_, number, oxpcsi_rej{header(procedure), 0});
+        settle();
+    };
+    const row rows[] = {
+        {"version", [&] { confirm_service(3); }},
+        {"service",
+         [&] {
+             client_ = server().take(OXPCSI_INIT_SERVICE_REQ).sender();
+             server().send(client_, OXPCSI_INIT_SERVICE_REJ, oxpcsi_rej{header(1), 8});
+             settle();
+             EXPECT_NE(take_errors().find("'OXPCSI_REJ_SERVICE_ALREADY_INITIATED'"), std::string::npos);
+         }},
+        {"ports",
+         [&] {
+             confirm_service();
+             reject(OXPCSI_GET_ETH_PORT_SUPPORT_REQ, OXPCSI_GET_ETH_PORT_SUPPORT_REJ, 2);
+         }},
+        {"subscription",
+         [&] {
+             confirm_service();
+             confirm_ports({entry(1, "IDL_A1", "eth1", 1)});
+             reject(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ, 3);
+         }},
+        {"memory",
+         [&] {
+             confirm_service();
+             test::fail_allocation(1);
+             confirm_ports({entry(1, "IDL_A1", "eth1", 1)});
+         }},
+    };
+    for (const row& row : rows) {
+        SCOPED_TRACE(row.rule);
+        events.clear();
+        start();
+        row.answer();
+        EXPECT_EQ(events, "start_failed ");
+        EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_INITIAL);
+        EXPECT_EQ(oxpcsi_get_supported_ports_list(), nullptr);
+    }
+    server_.reset();
+    expect_nothing_left();
+}
+
+TEST_F(oxpcsi_helper, the_loss_of_the_server_ends_in_initial_and_a_new_start_finds_the_next_one) {
+    become_ready();
+    events.clear();
+    server_->disappear();
+    settle();
+    EXPECT_EQ(events, "server_down ");
+    EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_INITIAL);
+    EXPECT_EQ(oxpcsi_get_supported_ports_list(), nullptr);
+    server_.reset();
+    become_ready();
+    EXPECT_EQ(events, "server_down server_up ");
+}
+
+TEST_F(oxpcsi_helper, takes_only_what_comes_to_its_own_mailbox_and_no_requests) {
+    become_ready();
+    server().send(root(), OXPCSI_ETH_PORT_STATUS2_IND, status("IDL_A1"));
+    settle();
+    EXPECT_FALSE(consumed_);
+    struct row {
+        uint32_t number;
+        bool consumed;
+    };
+    for (const row& row : {row{0x1b1043, false},
+                           {0x1b1047, true},
+                           {0x1b1055, true},
+                           {0x1b105d, false},
+                           {0x1b1068, true},
+                           {0x1b1069, false},
+                           {0x1b1040, false}}) {
+        forget_traces();
+        server().send(client_, row.number, header(1));
+        settle();
+        EXPECT_EQ(consumed_, row.consumed) << std::hex << row.number;
+        EXPECT_EQ(take_errors().find("TAVU: Unexpected message '") != std::string::npos, row.consumed);
+    }
+}
+
+TEST_F(oxpcsi_helper, refuses_operations_in_the_wrong_state) {
+    EXPECT_FALSE(oxpcsi_helper_init(root(), 1, &callbacks));
+    EXPECT_TRUE(oxpcsi_helper_start("a"));
+    EXPECT_FALSE(oxpcsi_helper_start("b"));
+    EXPECT_EQ(
+        take_errors(),
+        "TAVU: oxpcsi_helper_init called in wrong state: current: 'OXPCSI_HELPER_STATE_INITIAL', expected: "
+        "'OXPCSI_HELPER_STATE_UNINITIALIZED'\n"
+        "TAVU: oxpcsi_helper_start called in wrong state: current: 'OXPCSI_HELPER_STATE_LOCATING', expected: "
+        "'OXPCSI_HELPER_STATE_INITIAL'\n");
+}
+
+} // namespace
