@@ -1,4 +1,5 @@
-// The trace service on Linux: text lines on stderr for the journal, groups chosen by ZEB_TRACE.
+// The trace service on Linux: text lines on stderr for the journal, groups chosen by ZEB_TRACE, and with
+// ZEB_STAMP=yes the monotonic time before each, for consoles that keep none.
 #include "platform/zeb.h"
 
 #include <cerrno>
@@ -6,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <unistd.h>
 
 #include "platform/zeb/zeb_sink.h"
@@ -48,13 +50,21 @@ const group_row& row_of(uint32_t group) {
 constexpr size_t text_size = 1024;
 __thread char text_buffer[text_size];
 __thread char thread_name[32];
+bool stamped = false;
 
 // One write per record, so that the lines of several processes do not mix.
 void write_to_stderr(const zeb::record& record) {
     const group_row& row = row_of(record.group);
+    char stamp[32] = "";
+    if (stamped) {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        snprintf(stamp, sizeof stamp, "%lld.%06ld ", static_cast<long long>(now.tv_sec), now.tv_nsec / 1000);
+    }
     char line[text_size + 256];
-    int length = snprintf(line, sizeof line, "<%d>%s%s%s %s:%d %s\n", row.journal_priority, thread_name,
-                          thread_name[0] ? ": " : "", row.name, record.file, record.line, record.text);
+    int length =
+        snprintf(line, sizeof line, "<%d>%s%s%s%s %s:%d %s\n", row.journal_priority, stamp, thread_name,
+                 thread_name[0] ? ": " : "", row.name, record.file, record.line, record.text);
     if (length < 0)
         return;
     size_t size = static_cast<size_t>(length);
@@ -118,6 +128,8 @@ uint32_t mask_from_text(const char* text) {
 
 int zeb_init(void) {
     const char* chosen = getenv("ZEB_TRACE");
+    const char* stamp = getenv("ZEB_STAMP");
+    stamped = stamp && strcmp(stamp, "yes") == 0;
     procInfo.trace_group_mask = chosen ? zeb::mask_from_text(chosen) : default_mask;
     return 0;
 }

@@ -1,0 +1,165 @@
+// What every module stands on: wire types, records, texts, traces and the port-name map.
+#include <string>
+#include <unistd.h>
+
+#include "platform/oxhal/sim.h"
+#include "platform/zeb/zeb_sink.h"
+#include "support/world.h"
+#include "tavu/enum_text.h"
+#include "tavu/record_list.h"
+#include "tavu/tavu_utils.h"
+#include "tavu/wire.h"
+
+using namespace tavu;
+
+namespace {
+
+class ground_floor : public test::world {};
+
+TEST_F(ground_floor, integers_lie_most_significant_octet_first) {
+    be32 value = 0x01b20344;
+    const uint8_t expected[] = {0x01, 0xb2, 0x03, 0x44};
+    EXPECT_EQ(memcmp(&value, expected, 4), 0);
+    EXPECT_EQ(value, 0x01b20344u);
+}
+
+TEST_F(ground_floor, text_is_cut_terminated_and_zero_filled_when_written_and_distrusted_when_read) {
+    text<8> field;
+    memset(field.octets, 'x', sizeof field.octets);
+    EXPECT_FALSE(field.is_terminated());
+    EXPECT_STREQ(field.printable().c_str(), "xxxxxxxx");
+
+    text<8> cut;
+    cut.assign(field);
+    EXPECT_STREQ(cut.c_str(), "xxxxxxx");
+    cut.assign("ab");
+    const char expected[8] = {'a', 'b'};
+    EXPECT_EQ(memcmp(cut.octets, expected, sizeof expected), 0);
+
+    text<8> same = cut;
+    same.octets[5] = 'q'; // behind the NUL
+    EXPECT_TRUE(cut == same);
+    EXPECT_FALSE(cut == "abc");
+}
+
+struct counted {
+    int value;
+    ~counted() { ended++; }
+    static inline int ended = 0;
+};
+
+std::string values(record_list<counted>& list) {
+    std::string text;
+    for (counted& record : list)
+        text += std::to_string(record.value);
+    return text;
+}
+
+TEST_F(ground_floor, records_are_zero_filled_newest_first_and_owned) {
+    {
+        record_list<counted> list;
+        for (int value : {1, 2, 3}) {
+            counted* record = list.add();
+            ASSERT_NE(record, nullptr);
+            EXPECT_EQ(record->value, 0);
+            record->value = value;
+        }
+        EXPECT_EQ(values(list), "321");
+        list.remove(*list.find([](const counted& record) { return record.value == 2; }));
+        EXPECT_EQ(values(list), "31");
+    }
+    EXPECT_EQ(counted::ended, 3);
+}
+
+TEST_F(ground_floor, any_record_may_go_while_walks_are_under_way) {
+    record_list<counted> list;
+    for (int value = 1; value <= 5; value++)
+        list.add()->value = value;
+    std::string walked;
+    for (counted& record : list) {
+        walked += std::to_string(record.value);
+        if (record.value == 5) {
+            // A walk within the walk takes away what both would step on next, and itself.
+            for (counted& inner : list) {
+                if (inner.value == 4 || inner.value == 3 || inner.value == 5)
+                    list.remove(inner);
+            }
+        }
+    }
+    EXPECT_EQ(walked, "521");
+    EXPECT_EQ(values(list), "21");
+}
+
+TEST_F(ground_floor, a_failed_allocation_is_traced_and_leaves_the_list_as_it_was) {
+    record_list<counted> list("KEYSRV");
+    list.add()->value = 7;
+    test::fail_allocation(1);
+    EXPECT_EQ(list.add(), nullptr);
+    EXPECT_EQ(values(list), "7");
+    EXPECT_EQ(take_errors().substr(0, 37), "KEYSRV: Memory allocation of 16 bytes");
+}
+
+TEST_F(ground_floor, port_names_map_to_the_ports_of_the_hardware) {
+    oxhal_sim::install();
+    ASSERT_TRUE(initialize_oxhal());
+    char name[16];
+    uint32_t underscored = 0, plain = 1;
+    EXPECT_TRUE(get_port_handle_by_idl_port_name("IDLB2", name));
+    EXPECT_STREQ(name, "DiPort_B2");
+    EXPECT_TRUE(idl_port_name_to_port_handle("IDL_A1", underscored));
+    EXPECT_TRUE(idl_port_name_to_port_handle("IDLA1", plain));
+    EXPECT_EQ(underscored, plain);
+    for (const char* unknown : {"IDL_C1", "idl_a1", "IDL_A1x", ""}) {
+        forget_traces();
+        EXPECT_FALSE(idl_port_name_to_port_handle(unknown, plain));
+        EXPECT_EQ(take_errors(),
+                  std::string("TAVU: Cannot map IDL port name '") + unknown + "' to DiPort name\n");
+    }
+}
+
+TEST_F(ground_floor, texts_of_identifiers_and_unknown_values) {
+    const sci identifier = {{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x00, 0x01}};
+    EXPECT_STREQ(sci_to_str2(identifier), "SCI = { MAC = 00:11:22:33:44:55 , port identifier = 1 }");
+    const enum_text table[] = {{3, "three"}};
+    EXPECT_STREQ(enum_to_str(table, 3), "three");
+    EXPECT_STREQ(enum_to_str(table, 4), "<unknown value>");
+    EXPECT_EQ(take_errors(), "TAVU: <unknown value: 4>\n");
+}
+
+const char* counting_argument(int& evaluated) {
+    evaluated++;
+    return "seen";
+}
+
+TEST_F(ground_floor, a_group_that_is_off_formats_nothing) {
+    int evaluated = 0;
+    procInfo.trace_group_mask = ~(1u << ZEB_GROUP_ERROR);
+    TRACE_ERROR("TAVU: %s", counting_argument(evaluated));
+    EXPECT_EQ(evaluated, 0);
+    procInfo.trace_group_mask = 1u << ZEB_GROUP_ERROR;
+    TRACE_ERROR("TAVU: %s", counting_argument(evaluated));
+    EXPECT_EQ(evaluated, 1);
+    EXPECT_EQ(take_errors(), "TAVU: seen\n");
+}
+
+TEST_F(ground_floor, trace_groups_are_chosen_by_name) {
+    EXPECT_EQ(zeb::mask_from_text("none"), 0u);
+    EXPECT_EQ(zeb::mask_from_text("error,info state-change"), 0x2u | 0x10u | 0x4000u);
+    EXPECT_EQ(zeb::mask_from_text("all"),
+              0x2u | 0x4 | 0x8 | 0x10 | 0x20 | 0x100 | 0x4000 | 0x20000 | 0x40000);
+}
+
+TEST_F(ground_floor, a_record_is_one_line_that_the_journal_understands) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    int saved = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    zeb::set_sink(nullptr);
+    lttngZebTrace(ZEB_GROUP_ERROR, "port.cpp", 12, "TAVU: gone", &procInfo);
+    dup2(saved, STDERR_FILENO);
+    char line[128] = "";
+    ASSERT_GT(read(ends[0], line, sizeof line - 1), 0);
+    EXPECT_STREQ(line, "<3>error port.cpp:12 TAVU: gone\n");
+}
+
+} // namespace
