@@ -115,8 +115,7 @@ int oxhal_macsec_receive_sc_delete_all(uint32_t port);
  * does not hold yet, and not in use until enabled. Enabling a transmit association makes it the one
  * that encrypts; the one before stays installed, not in use, until it is deleted. */
 int oxhal_macsec_transmit_sa_create(uint32_t port, oxhal_macsec_sci sci, uint8_t an,
-                                    uint32_t next_packet_number, bool confidentiality,
-                                    oxhal_macsec_key key);
+                                    uint32_t next_packet_number, bool confidentiality, oxhal_macsec_key key);
 int oxhal_macsec_receive_sa_create2(uint32_t port, oxhal_macsec_sci sci, uint8_t an,
                                     uint32_t lowest_packet_number, oxhal_macsec_key key);
 int oxhal_macsec_transmit_sa_enable(uint32_t port, oxhal_macsec_sci sci, uint8_t an, bool enable);

@@ -53,8 +53,8 @@ void lttngZebSendSigTrace(const char* short_file_name, int line, uint32_t messag
                           oka_mailbox receiver, const char* text, const zeb_proc_info* proc_info);
 
 /* Emits a receive-signal record. Of the message only number, size, sender and receiver are shown. */
-void lttngZebRecSigTrace(const char* short_file_name, int line, const oka_message* message,
-                         const char* text, const zeb_proc_info* proc_info);
+void lttngZebRecSigTrace(const char* short_file_name, int line, const oka_message* message, const char* text,
+                         const zeb_proc_info* proc_info);
 
 /* The formatted text, valid until the thread's next call; cut to 1023 characters. */
 const char* formatStr(const char* format, ...) __attribute__((format(printf, 1, 2)));
