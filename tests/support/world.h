@@ -94,11 +94,13 @@ struct trace_record {
     std::string text;
 };
 
-// Fixture. Brings up messaging and timers and captures every trace; the module under test gets every message
-// that is not a peer's, through the function that the test gives.
+// Fixture. Brings up messaging and timers (unless the module does) and captures every trace; the module under
+// test gets every message that is not a peer's, through the function that the test gives.
 class world : public testing::Test {
   protected:
-    world();
+    enum class messaging { up, left_to_module };
+
+    explicit world(messaging how = messaging::up);
     ~world() override;
 
     // The root mailbox, made under the daemon's name at the first call. Tests of the whole daemon leave that
@@ -130,7 +132,7 @@ class world : public testing::Test {
     std::function<void(const oka_message*)> module_;
     std::function<void(oka_message*)> owning_module_;
     oka_mailbox root_ = OKA_MAILBOX_NONE;
-    bool up_ = true;
+    bool up_;
 };
 
 // Records of the daemon are allocated with `new (std::nothrow)`; a test can make the nth allocation from now
