@@ -62,6 +62,11 @@ constexpr enum_text cipher_names[] = {
     ENUM_TEXT(MKA_CIPHER_GCM_AES_XPN_256),
 };
 
+constexpr enum_text heartbeat_state_names[] = {
+    ENUM_TEXT(HEARTBEAT_IDLE),
+    ENUM_TEXT(HEARTBEAT_SENT),
+};
+
 const uint8_t* octets_of(const oka_message* message) {
     return reinterpret_cast<const uint8_t*>(message);
 }
@@ -88,6 +93,17 @@ const char* cipher_to_str(uint32_t cipher) {
 }
 const char* proc_ref_to_str(uint32_t reference) {
     return enum_to_str(proc_ref_names, reference);
+}
+const char* heartbeat_state_to_str(mka_heartbeat_state state) {
+    return enum_to_str(heartbeat_state_names, state);
+}
+
+bool verify_procedure_reference(const oka_message* message, uint32_t expected) {
+    uint32_t actual = as<message_header>(message).procedure_reference;
+    if (actual == expected) [[likely]]
+        return true;
+    TRACE_ERROR("TAVU: Invalid proc_ref value: actual %u, expected %u", actual, expected);
+    return false;
 }
 
 uint32_t size_with_information_elements(const oka_message* message, uint32_t offset, uint32_t count) {
