@@ -36,8 +36,7 @@ void take_reject(link_record& link, uint32_t reason, uint64_t now_ms) {
     case link_request::NONE:
         return;
     case link_request::ADD:
-        link.held =
-            reason == OXMSI_REJ_MAX_NUMBER_OF_LINKS_REACHED ? held_link::UNKNOWN : held_link::NOTHING;
+        link.held = reason == OXMSI_REJ_MAX_NUMBER_OF_LINKS_REACHED ? held_link::UNKNOWN : held_link::NOTHING;
         break;
     case link_request::UPDATE:
         link.held = reason == OXMSI_REJ_UNKNOWN_PORT_NAME ? held_link::NOTHING : held_link::UNKNOWN;

@@ -49,7 +49,7 @@ struct back_off {
 struct link_record {
     link_attributes file; // the last the file said; its port is the record's name
     bool is_in_file = true;
-    std::optional<uint32_t> set_status; // over the file's
+    std::optional<uint32_t> set_status{}; // over the file's
 
     held_link held = held_link::NOTHING;
     link_attributes held_attributes{};

@@ -38,6 +38,9 @@ struct reader {
         va_start(arguments, format);
         vsnprintf(words, sizeof words, format, arguments);
         va_end(arguments);
+        // What is quoted from the file may be meant for a terminal.
+        for (char* at = words; *at; at++)
+            *at = *at < ' ' || *at > '~' ? '?' : *at;
         std::string line = path;
         if (where.begin.line != 0)
             line += ":" + std::to_string(where.begin.line);
@@ -160,8 +163,8 @@ void read_link(reader& file, const toml::table& table) {
 
     for (const link_attributes& earlier : file.result.links) {
         if (earlier.port == link.port)
-            file.complain(table.source(), "%s: the port has a link already; a port carries one, remove either",
-                          keys.name());
+            file.complain(table.source(),
+                          "%s: the port has a link already; a port carries one, remove either", keys.name());
     }
     if (file.result.links.size() == links_max)
         file.complain(table.source(), "%s: more than %zu links; remove some", keys.name(), links_max);
