@@ -1,0 +1,540 @@
+#include "services/oxpcsi-server/oxpcsi_server.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "services/oxpcsi-server/link_messages.h"
+#include "support/world.h"
+
+using namespace tavu;
+using namespace oxpcsi;
+
+namespace {
+
+const port_setting two_ports[] = {{"IDL_A1", "eth1"}, {"IDL_B1", "eth2"}};
+
+constexpr port_facts down = {true, false, false, 0, 7, {2, 0, 0, 0, 0, 0xa1}};
+constexpr port_facts up = {true, true, true, 10000, 7, {2, 0, 0, 0, 0, 0xa1}};
+
+// --- The protocol, with facts of the test's own.
+
+class oxpcsi_server : public test::world {
+  protected:
+    oxpcsi_server() {
+        route_to([](const oka_message* message) { port_control_server_dispatch_message(message); });
+        port_control_server_init(two_ports, 2, "blue");
+        EXPECT_TRUE(port_control_server_start(root()));
+        EXPECT_TRUE(port_control_server_update(0, down));
+        client.emplace("tavu-main-oxpcsi-client");
+        server = locate(*client);
+    }
+    void finish() {
+        port_control_server_stop();
+        client.reset();
+        expect_nothing_left();
+    }
+
+    oka_mailbox locate(test::peer& by) {
+        oka_message* found = oka_alloc(12, OXPCSI_SERVER_UP_IND);
+        oka_locate_async("oxpcsi-server", &found, by.mailbox());
+        settle();
+        return by.is_silent() ? OKA_MAILBOX_NONE : by.take(OXPCSI_SERVER_UP_IND).sender();
+    }
+
+    // Words that follow the number, as in the protocol: references first.
+    void send(test::peer& from, uint32_t number, std::initializer_list<uint32_t> words,
+              const char* port = nullptr) {
+        be32 bytes[16] = {};
+        size_t size = 4;
+        for (uint32_t word : words) {
+            bytes[size / 4] = word;
+            size += 4;
+        }
+        if (port) {
+            strncpy(reinterpret_cast<char*>(bytes) + size, port, 16);
+            size += 16;
+        }
+        from.send_bytes(server, number, bytes, size);
+        settle();
+    }
+    uint32_t initiate(test::peer& from, uint32_t own_reference = 1) {
+        send(from, OXPCSI_INIT_SERVICE_REQ, {1, own_reference, 2, 2, 2});
+        return from.take(OXPCSI_INIT_SERVICE_CFM).as<oxpcsi_init_service_cfm>().header.connection_reference;
+    }
+    oxpcsi_eth_port_status2_ind take_status(test::peer& from) {
+        return from.take(OXPCSI_ETH_PORT_STATUS2_IND).as<oxpcsi_eth_port_status2_ind>();
+    }
+    uint32_t subscribe_all(test::peer& from) {
+        uint32_t reference = initiate(from);
+        send(from, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, {3, reference, 1}, "");
+        from.forget_all();
+        return reference;
+    }
+
+    std::optional<test::peer> client;
+    oka_mailbox server = OKA_MAILBOX_NONE;
+};
+
+TEST_F(oxpcsi_server, gives_a_client_the_ports_and_their_states_byte_for_byte) {
+    test::peer other("other"); // so that the reference that is given differs from the client's own
+    initiate(other);
+    send(*client, OXPCSI_INIT_SERVICE_REQ, {1, 1, 9, 2, 9});
+    EXPECT_EQ(client->take(OXPCSI_INIT_SERVICE_CFM).hex(), "00 00 00 01 00 00 00 02 00 00 00 02");
+
+    send(*client, OXPCSI_GET_ETH_PORT_SUPPORT_REQ, {2, 2});
+    EXPECT_EQ(client->take(OXPCSI_GET_ETH_PORT_SUPPORT_CFM).hex(),
+              "00 00 00 02 00 00 00 01 00 00 00 02 "
+              "00 00 00 01 00 00 00 07 02 00 00 00 00 a1 "
+              "49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
+              "65 74 68 31 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+              "00 00 00 01 00 00 00 00 00 00 00 00 00 00 "
+              "49 44 4c 5f 42 31 00 00 00 00 00 00 00 00 00 00 "
+              "65 74 68 32 00 00 00 00 00 00 00 00 00 00 00 00 00 00");
+
+    EXPECT_TRUE(port_control_server_update(0, up));
+    send(*client, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, {3, 2, 1}, "");
+    EXPECT_EQ(client->take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM).hex(),
+              "00 00 00 03 00 00 00 01 00 00 00 01");
+    std::string first = client->take(OXPCSI_ETH_PORT_STATUS2_IND).hex();
+    EXPECT_EQ(first.substr(0, 3 * 56),
+              "00 00 00 03 00 00 00 01 00 00 00 01 00 00 00 01 00 00 00 01 00 00 27 10 "
+              "49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
+              "62 6c 75 65 00 00 00 00 00 00 00 00 00 00 00 00 ");
+    EXPECT_EQ(first.size(), 3 * 296u - 1);
+    const auto second = take_status(*client);
+    EXPECT_TRUE(second.port == "IDL_B1");
+    EXPECT_EQ(second.port_mod_present, 0u);
+    EXPECT_EQ(take_errors(), "");
+    finish();
+}
+
+TEST_F(oxpcsi_server, indicates_each_change_once_to_those_who_subscribed_to_it) {
+    test::peer other("other");
+    uint32_t reference = initiate(other, 50);
+    send(other, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, {33, reference, 7}, "IDL_B1");
+    other.forget_all();
+    subscribe_all(*client);
+
+    EXPECT_TRUE(port_control_server_update(0, up));
+    EXPECT_TRUE(port_control_server_update(0, up));
+    settle();
+    EXPECT_EQ(take_status(*client).port_oper_state, OXPCSI_PORT_OPER_STATE_ENABLED);
+    EXPECT_TRUE(client->is_silent()) << client->waiting();
+    EXPECT_TRUE(other.is_silent()) << other.waiting();
+
+    EXPECT_TRUE(port_control_server_update(1, up));
+    settle();
+    const auto own = take_status(other);
+    EXPECT_EQ(own.header.procedure_reference, 33u);
+    EXPECT_EQ(own.header.connection_reference, 50u);
+    client->take(OXPCSI_ETH_PORT_STATUS2_IND);
+
+    send(other, OXPCSI_UNSUBSCRIBE_ETH_PORT_STATUS_REQ, {34, reference, 1});
+    EXPECT_EQ(other.take(OXPCSI_UNSUBSCRIBE_ETH_PORT_STATUS_CFM).hex(), "00 00 00 22 00 00 00 32");
+    EXPECT_TRUE(port_control_server_update(1, down));
+    settle();
+    EXPECT_TRUE(other.is_silent()) << other.waiting();
+    client->take(OXPCSI_ETH_PORT_STATUS2_IND);
+    other.disappear();
+    finish();
+}
+
+TEST_F(oxpcsi_server, rejects_what_it_cannot_do_with_the_reason) {
+    initiate(*client);
+    constexpr uint32_t init = OXPCSI_INIT_SERVICE_REQ;
+    constexpr uint32_t subscribe = OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ;
+    const struct {
+        const char* rule;
+        uint32_t request;
+        std::initializer_list<uint32_t> words;
+        const char* port;
+        uint32_t reason;
+    } cases[] = {
+        {"served already", init, {1, 1, 2, 2, 2}, nullptr, OXPCSI_REJ_SERVICE_ALREADY_INITIATED},
+        {"no version of ours", init, {1, 1, 1, 3, 0}, nullptr, OXPCSI_REJ_SERVICE_INVALID_PV},
+        {"no role", subscribe, {3, 1, 0}, "", OXPCSI_REJ_INVALID_PORTROLE},
+        {"a role that nobody knows", subscribe, {3, 1, 9}, "", OXPCSI_REJ_INVALID_PORTROLE},
+        {"a port of another role", subscribe, {3, 1, 4}, "IDL_A1", OXPCSI_REJ_INVALID_PORTROLE},
+        {"no such port", subscribe, {3, 1, 1}, "IDL_A", OXPCSI_REJ_INVALID_PORTNAME},
+        {"an endless name", subscribe, {3, 1, 1}, "IDL_A1IDL_A1IDL_", OXPCSI_REJ_INVALID_PORTNAME},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.rule);
+        send(*client, row.request, row.words, row.port);
+        const test::received answer = client->take(row.request + 2);
+        EXPECT_EQ(answer.size(), sizeof(oxpcsi_rej));
+        EXPECT_EQ(answer.as<oxpcsi_rej>().reason, row.reason);
+        EXPECT_EQ(answer.as<message_header>().procedure_reference, *row.words.begin());
+        EXPECT_EQ(answer.as<message_header>().connection_reference, 1u);
+    }
+    // A known role that no port has is no mistake.
+    send(*client, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, {3, 1, OXPCSI_PORT_ROLE_C2}, "");
+    client->take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM);
+    EXPECT_TRUE(client->is_silent()) << client->waiting();
+    finish();
+}
+
+TEST_F(oxpcsi_server, drops_what_is_malformed_or_not_the_senders_with_an_error) {
+    initiate(*client);
+    test::peer stranger("stranger");
+    const struct {
+        const char* rule;
+        test::peer& from;
+        uint32_t number;
+        std::initializer_list<uint32_t> words;
+    } cases[] = {
+        {"too short to initiate", *client, OXPCSI_INIT_SERVICE_REQ, {1, 5, 2, 2}},
+        {"too long to initiate", *client, OXPCSI_INIT_SERVICE_REQ, {1, 5, 2, 2, 2, 2}},
+        {"no header", *client, OXPCSI_GET_ETH_PORT_SUPPORT_REQ, {}},
+        {"half a header", *client, OXPCSI_TERM_SERVICE_REQ, {4}},
+        {"a subscription without its name", *client, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, {3, 1, 1}},
+        {"a reference that was not given", *client, OXPCSI_GET_ETH_PORT_SUPPORT_REQ, {2, 2}},
+        {"another client's reference", stranger, OXPCSI_TERM_SERVICE_REQ, {4, 1}},
+        {"a request that has no layout", *client, OXPCSI_RESERVE_ETH_PORT_REQ, {4, 1}},
+        {"an answer", *client, OXPCSI_INIT_SERVICE_CFM, {1, 1, 2}},
+        {"no message of the protocol", *client, 0x1b0701, {1, 1}},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.rule);
+        send(row.from, row.number, row.words);
+        EXPECT_TRUE(row.from.is_silent()) << row.from.waiting();
+        EXPECT_NE(take_errors(), "");
+    }
+    // Another's supervision message ends nobody's service, and the client is served as before.
+    send(stranger, 0x1b1242, {0, 1});
+    send(*client, OXPCSI_GET_ETH_PORT_SUPPORT_REQ, {2, 1});
+    client->take(OXPCSI_GET_ETH_PORT_SUPPORT_CFM);
+    stranger.disappear();
+    finish();
+}
+
+TEST_F(oxpcsi_server, forgets_clients_that_terminate_or_vanish_and_serves_no_more_than_it_can) {
+    std::vector<std::unique_ptr<test::peer>> crowd;
+    for (unsigned i = 0; i < clients_max; i++) {
+        crowd.push_back(std::make_unique<test::peer>(("client-" + std::to_string(i)).c_str()));
+        EXPECT_EQ(subscribe_all(*crowd.back()), i + 1);
+    }
+    const auto is_full = [this] {
+        send(*client, OXPCSI_INIT_SERVICE_REQ, {1, 1, 2, 2, 2});
+        return client->take(OXPCSI_INIT_SERVICE_REJ).as<oxpcsi_rej>().reason == OXPCSI_REJ_INTERNAL_REASON;
+    };
+    EXPECT_TRUE(is_full());
+    send(*crowd[4], OXPCSI_TERM_SERVICE_REQ, {9, 5});
+    EXPECT_EQ(crowd[4]->take(OXPCSI_TERM_SERVICE_CFM).hex(), "00 00 00 09 00 00 00 01");
+    EXPECT_EQ(initiate(*client), 5u);
+    crowd[8]->disappear();
+    settle();
+    EXPECT_EQ(initiate(*client, 2), 9u);
+    crowd[6]->disappear();
+    settle();
+    // References are given anew, subscriptions are not: the two that came last have none.
+    EXPECT_TRUE(port_control_server_update(0, up));
+    settle();
+    EXPECT_TRUE(client->is_silent()) << client->waiting();
+    EXPECT_TRUE(crowd[4]->is_silent()) << crowd[4]->waiting();
+    crowd[5]->take(OXPCSI_ETH_PORT_STATUS2_IND);
+    crowd.clear();
+    finish();
+}
+
+TEST_F(oxpcsi_server, refuses_subscriptions_past_their_bound_and_without_memory) {
+    uint32_t reference = initiate(*client);
+    const auto subscribe = [this, reference] {
+        send(*client, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, {3, reference, 4}, "");
+    };
+    test::fail_allocation(1);
+    subscribe();
+    client->take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ);
+    for (unsigned i = 0; i < subscriptions_per_client_max; i++) {
+        subscribe();
+        client->take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM);
+    }
+    subscribe();
+    EXPECT_EQ(client->take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ).as<oxpcsi_rej>().reason,
+              OXPCSI_REJ_INTERNAL_REASON);
+    test::peer late("late");
+    test::fail_allocation(1);
+    send(late, OXPCSI_INIT_SERVICE_REQ, {1, 1, 2, 2, 2});
+    late.take(OXPCSI_INIT_SERVICE_REJ);
+    late.disappear();
+    finish();
+}
+
+// The SCI that a client makes of an address must not outlive it.
+TEST_F(oxpcsi_server, makes_clients_start_over_only_when_an_address_they_were_told_changes) {
+    port_facts moved = down;
+    moved.mac_address[0] = 6;
+    uint32_t reference = subscribe_all(*client);
+    EXPECT_TRUE(port_control_server_update(0, moved));
+    EXPECT_EQ(locate(*client), server);
+
+    send(*client, OXPCSI_GET_ETH_PORT_SUPPORT_REQ, {2, reference});
+    client->forget_all();
+    oka_message* gone = oka_alloc(12, OXPCSI_SERVER_DOWN_IND);
+    oka_monitor(server, &gone);
+    EXPECT_TRUE(port_control_server_update(0, down));
+    settle();
+    client->take(OXPCSI_SERVER_DOWN_IND);
+    EXPECT_TRUE(client->is_silent()) << client->waiting();
+
+    const oka_mailbox before = server;
+    server = locate(*client);
+    EXPECT_NE(server, before);
+    send(*client, OXPCSI_GET_ETH_PORT_SUPPORT_REQ, {2, initiate(*client)});
+    const auto entry =
+        client->take(OXPCSI_GET_ETH_PORT_SUPPORT_CFM).as<oxpcsi_get_eth_port_support_cfm>().first_entry;
+    EXPECT_EQ(memcmp(entry.mac_address, down.mac_address, 6), 0);
+    finish();
+}
+
+// --- Bytes of netlink, as they are on a little-endian machine.
+
+std::string told;
+
+void tell(const link_event& event) {
+    constexpr const char* names[] = {"present", "gone", "all_told", "interrupted", "refused", "overrun"};
+    char text[128];
+    snprintf(text, sizeof text, "%s %u '%s' flags %x mac %02x..%02x error %d; ",
+             names[static_cast<int>(event.type)], event.index, event.name, event.flags, event.mac_address[0],
+             event.mac_address[5], event.error);
+    told += text;
+}
+
+// From memory of just their size, so that the sanitizer sees a read beyond them.
+bool parse(const std::vector<uint8_t>& bytes) {
+    told.clear();
+    std::vector<uint32_t> aligned((bytes.size() + 3) / 4);
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<uint8_t*>(aligned.data()));
+    return parse_link_messages(aligned.data(), bytes.size(), tell);
+}
+
+const std::vector<uint8_t> new_link = {
+    56, 0, 0, 0, 16,  0,   2,   0,   1,    0,    0, 0, 9, 0, 0, 0, // length, type, flags, sequence, port
+    0,  0, 1, 0, 7,   0,   0,   0,   0x43, 0,    1, 0, 0, 0, 0, 0, // family, type, index, flags, change
+    9,  0, 3, 0, 'e', 't', 'h', '1', 0,    0,    0, 0,             // the name and its padding
+    10, 0, 1, 0, 2,   0,   0,   0,   0,    0xa1, 0, 0,             // the address and its padding
+};
+
+std::vector<uint8_t> changed(size_t at, uint8_t value) {
+    std::vector<uint8_t> bytes = new_link;
+    bytes[at] = value;
+    return bytes;
+}
+
+std::vector<uint8_t> of_type(uint8_t type, std::initializer_list<uint8_t> payload) {
+    std::vector<uint8_t> bytes = {0, 0, 0, 0, type, 0, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0};
+    bytes.insert(bytes.end(), payload);
+    bytes[0] = static_cast<uint8_t>(bytes.size());
+    return bytes;
+}
+
+TEST(link_messages, are_told_for_what_they_are) {
+    const char* const eth1 = "present 7 'eth1' flags 10043 mac 02..a1 error 0; ";
+    const char* const no_mac = "present 7 'eth1' flags 10043 mac 00..00 error 0; ";
+    const std::string nothing = " 0 '' flags 0 mac 00..00 ";
+    std::vector<uint8_t> twice = new_link;
+    twice.insert(twice.end(), new_link.begin(), new_link.end());
+    std::vector<uint8_t> overlong = new_link;
+    overlong.resize(64);
+    const struct {
+        const char* rule;
+        std::vector<uint8_t> bytes;
+        bool well_formed;
+        std::string events;
+    } cases[] = {
+        {"an interface", new_link, true, eth1},
+        {"two in one datagram", twice, true, std::string(eth1) + eth1},
+        {"a deleted interface", changed(4, 17), true, "gone 7 'eth1' flags 10043 mac 02..a1 error 0; "},
+        {"it left a bridge", changed(16, AF_BRIDGE), true, ""},
+        {"of no interest", changed(4, 20), true, ""},
+        {"changed while told", changed(6, 0x10), true, "interrupted" + nothing + "error 0; " + eth1},
+        {"an address of no Ethernet", changed(44, 8), true, no_mac},
+        {"a name without its end", changed(40, 'x'), true, ""},
+        {"a name of another type", changed(34, 99), true, ""},
+        {"an attribute longer than the message", changed(44, 13), true, no_mac},
+        {"an attribute shorter than its head", changed(44, 3), true, no_mac},
+        {"longer than what arrived", changed(0, 60), false, ""},
+        {"shorter than its header", changed(0, 15), false, ""},
+        {"too short for an interface", of_type(16, {0, 0, 1, 0, 7, 0, 0, 0, 0, 0, 0, 0}), false, ""},
+        {"bytes behind the last", overlong, false, eth1},
+        {"the end", of_type(3, {0, 0, 0, 0}), true, "all_told" + nothing + "error 0; "},
+        {"a failed end", of_type(3, {0xf4, 0xff, 0xff, 0xff}), true, "refused" + nothing + "error 12; "},
+        {"an error", of_type(2, {0xf0, 0xff, 0xff, 0xff}), true, "refused" + nothing + "error 16; "},
+        {"an error that is none", of_type(2, {0, 0, 0, 0x80}), false, ""},
+        {"an error without its number", of_type(2, {}), false, ""},
+        {"lost messages", of_type(4, {}), true, "overrun" + nothing + "error 0; "},
+        {"nothing", {}, true, ""},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(parse(row.bytes), row.well_formed) << row.rule;
+        EXPECT_EQ(told, row.events) << row.rule;
+    }
+    for (size_t size = 1; size < new_link.size(); size++) {
+        EXPECT_FALSE(parse({new_link.begin(), new_link.begin() + static_cast<long>(size)})) << size;
+        EXPECT_EQ(told, "") << size;
+    }
+}
+
+// --- The kernel's own word, in a network namespace of the test's own.
+
+port_facts latest[ports_max];
+bool all_known;
+
+class kernel_port_facts : public test::world {
+  protected:
+    void SetUp() override {
+        int flags = CLONE_NEWNET | (geteuid() == 0 ? 0 : CLONE_NEWUSER);
+        if (unshare(flags) != 0)
+            GTEST_SKIP() << "this host allows no network namespace: " << strerror(errno);
+        route_to([](const oka_message* message) { port_facts_dispatch_message(message); });
+    }
+    void follow(std::initializer_list<const char*> names) {
+        const port_facts_callbacks callbacks = {
+            [](size_t port, const port_facts& facts) { latest[port] = facts; }, [] { all_known = true; }};
+        ASSERT_TRUE(port_facts_start(names.begin(), names.size(), root(), callbacks));
+        settle();
+        ASSERT_TRUE(all_known);
+    }
+    void ip(const std::string& arguments) {
+        ASSERT_EQ(system(("ip " + arguments).c_str()), 0) << "ip " << arguments;
+        settle();
+    }
+    static std::string now(size_t port) {
+        const port_facts& facts = latest[port];
+        return std::string(facts.present ? "present " : "absent ") +
+               (facts.unlocked ? "unlocked " : "locked ") + (facts.enabled ? "enabled " : "disabled ") +
+               std::to_string(facts.line_rate);
+    }
+};
+
+TEST_F(kernel_port_facts, follow_a_cable_through_everything_that_happens_to_it) {
+    ip("link add name eth2 type veth peer name far2");
+    follow({"eth1", "eth2"});
+    EXPECT_EQ(now(0), "absent locked disabled 0");
+    EXPECT_EQ(now(1), "present locked disabled 10000");
+
+    ip("link add name eth1 address 02:00:00:00:00:a1 type veth peer name far1");
+    EXPECT_EQ(latest[0].index, if_nametoindex("eth1"));
+    EXPECT_EQ(latest[0].mac_address[5], 0xa1);
+    ip("link set eth1 up");
+    EXPECT_EQ(now(0), "present unlocked disabled 10000");
+    ip("link set far1 up");
+    EXPECT_EQ(now(0), "present unlocked enabled 10000");
+    ip("link set far1 down"); // the carrier is lost
+    EXPECT_EQ(now(0), "present unlocked disabled 10000");
+    ip("link set far1 up");
+    ip("link set eth1 down");
+    EXPECT_EQ(now(0), "present locked disabled 10000");
+    ip("link set eth1 up");
+    EXPECT_EQ(now(0), "present unlocked enabled 10000");
+
+    // A bridge that lets go of it does not take it away.
+    ip("link add name bridge type bridge");
+    ip("link set eth1 master bridge");
+    ip("link set eth1 nomaster");
+    EXPECT_EQ(now(0), "present unlocked enabled 10000");
+
+    ip("link delete eth1");
+    EXPECT_EQ(now(0), "absent locked disabled 0");
+    EXPECT_EQ(latest[0].index, 0u);
+    EXPECT_EQ(latest[0].mac_address[5], 0xa1);
+    ip("link add name fresh address 02:00:00:00:00:a2 type veth peer name far1");
+    ip("link set fresh name eth1");
+    EXPECT_EQ(now(0), "present locked disabled 10000");
+    EXPECT_EQ(latest[0].mac_address[5], 0xa2);
+    ip("link set eth1 name other");
+    EXPECT_EQ(now(0), "absent locked disabled 0");
+    EXPECT_EQ(now(1), "present locked disabled 10000");
+    EXPECT_EQ(take_errors(), "");
+    port_facts_stop();
+    expect_nothing_left();
+}
+
+TEST_F(kernel_port_facts, are_read_afresh_when_the_kernel_said_more_than_was_kept) {
+    ip("link add name eth1 type veth peer name far1");
+    ip("link add name eth2 type veth peer name far2");
+    ip("link add name eth3 type veth peer name far3");
+    follow({"eth1", "eth2", "eth3", "eth4"});
+
+    // Nobody reads meanwhile.
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    for (unsigned i = 0; i < 2000; i++) {
+        ifreq request = {};
+        strcpy(request.ifr_name, "far1");
+        request.ifr_flags = i % 2 == 0 ? IFF_UP : 0;
+        ASSERT_EQ(ioctl(fd, SIOCSIFFLAGS, &request), 0);
+    }
+    close(fd);
+    ip("link set far1 up && ip link set eth1 up && ip link delete eth2 && ip link set eth3 name eth4");
+    EXPECT_TRUE(traced("OXPCSI: The kernel said more than could be kept; reading every interface afresh"));
+    EXPECT_EQ(now(0), "present unlocked enabled 10000");
+    EXPECT_EQ(now(1), "absent locked disabled 0");
+    EXPECT_EQ(now(2), "absent locked disabled 0");
+    EXPECT_EQ(now(3), "present locked disabled 10000");
+    port_facts_stop();
+    expect_nothing_left();
+}
+
+TEST_F(kernel_port_facts, name_the_namespace_they_are_in_by_what_the_node_calls_it) {
+    EXPECT_STREQ(own_network_namespace(), "");
+    if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0)
+        GTEST_SKIP() << "naming a namespace takes root";
+    ASSERT_EQ(system("mount --make-rprivate / && mount -t tmpfs none /run && mkdir /run/netns &&"
+                     "ip netns add red && ip netns attach blue $PPID"),
+              0);
+    EXPECT_STREQ(own_network_namespace(), "blue");
+}
+
+// --- The command line.
+
+TEST(oxpcsi_server_command_line, is_taken_or_refused_with_what_to_do) {
+    const struct {
+        std::vector<const char*> arguments;
+        command result;
+        const char* output;
+    } cases[] = {
+        {{"--port", "IDL_A1=eth1", "--port=IDL_B1=eth2"}, command::serve, ""},
+        {{"--help"}, command::end_well, "Usage: oxpcsi-server --port NAME=INTERFACE"},
+        {{"--version"}, command::end_well, "oxpcsi-server 0."},
+        {{}, command::end_with_usage, "no port is given; name each with an option such as --port"},
+        {{"--port"}, command::end_with_usage, "Try 'oxpcsi-server --help'"},
+        {{"--port", "IDL_A1"}, command::end_with_usage, "'IDL_A1' has no interface"},
+        {{"--port", "=eth1"}, command::end_with_usage, "'' is not a port name"},
+        {{"--port", "0123456789abcdef=eth1"}, command::end_with_usage, "is not a port name"},
+        {{"--port", "IDL_A1=../eth1"}, command::end_with_usage, "'../eth1' is not an interface name"},
+        {{"--port", "IDL_A1=0123456789abcdef"}, command::end_with_usage, "is not an interface name"},
+        {{"--port", "A=x", "--port", "A=y"}, command::end_with_usage, "port 'A' is given twice"},
+        {{"--port", "A=x", "--port", "B=x"}, command::end_with_usage, "'x' is given to two ports"},
+        {{"--port", "A=x", "eth1"}, command::end_with_usage, "unexpected argument 'eth1'"},
+    };
+    for (auto row : cases) {
+        row.arguments.insert(row.arguments.begin(), "oxpcsi-server");
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        settings parsed;
+        EXPECT_EQ(parse_command_line(static_cast<int>(row.arguments.size()), row.arguments.data(), parsed),
+                  row.result)
+            << row.output;
+        std::string output = testing::internal::GetCapturedStdout();
+        std::string complaint = testing::internal::GetCapturedStderr();
+        const bool complains = row.result == command::end_with_usage;
+        EXPECT_NE((complains ? complaint : output).find(row.output), std::string::npos)
+            << output << complaint;
+        EXPECT_EQ((complains ? output : complaint), "");
+        if (row.result == command::serve) {
+            ASSERT_EQ(parsed.port_count, 2u);
+            EXPECT_STREQ(parsed.ports[1].name, "IDL_B1");
+            EXPECT_STREQ(parsed.ports[1].interface, "eth2");
+        }
+    }
+}
+
+} // namespace
