@@ -229,6 +229,7 @@ TEST_F(oxpcsi_server, forgets_clients_that_terminate_or_vanish_and_serves_no_mor
     EXPECT_TRUE(is_full());
     send(*crowd[4], OXPCSI_TERM_SERVICE_REQ, {9, 5});
     EXPECT_EQ(crowd[4]->take(OXPCSI_TERM_SERVICE_CFM).hex(), "00 00 00 09 00 00 00 01");
+    EXPECT_EQ(oka::simulation::live().monitors, clients_max - 1);
     EXPECT_EQ(initiate(*client), 5u);
     crowd[8]->disappear();
     settle();
@@ -363,6 +364,11 @@ TEST(link_messages, are_told_for_what_they_are) {
         {"an attribute shorter than its head", changed(44, 3), true, no_mac},
         {"longer than what arrived", changed(0, 60), false, ""},
         {"shorter than its header", changed(0, 15), false, ""},
+        {"a name longer than any",
+         of_type(16, {0,   0,   1,   0,   7,   0,   0,   0,   0,   0,   0,   0,   0,   0,
+                      0,   0,   21,  0,   3,   0,   'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h',
+                      'i', 'j', 'k', 'l', 'm', 'n', 'o', 'p', 0,   0,   0,   0}),
+         true, ""},
         {"too short for an interface", of_type(16, {0, 0, 1, 0, 7, 0, 0, 0, 0, 0, 0, 0}), false, ""},
         {"bytes behind the last", overlong, false, eth1},
         {"the end", of_type(3, {0, 0, 0, 0}), true, "all_told" + nothing + "error 0; "},
@@ -396,16 +402,19 @@ class kernel_port_facts : public test::world {
             GTEST_SKIP() << "this host allows no network namespace: " << strerror(errno);
         route_to([](const oka_message* message) { port_facts_dispatch_message(message); });
     }
-    void follow(std::initializer_list<const char*> names) {
+    void follow(
+        std::initializer_list<const char*> names, std::function<void()> meanwhile = [] {}) {
         const port_facts_callbacks callbacks = {
             [](size_t port, const port_facts& facts) { latest[port] = facts; }, [] { all_known = true; }};
         ASSERT_TRUE(port_facts_start(names.begin(), names.size(), root(), callbacks));
+        meanwhile();
         settle();
         ASSERT_TRUE(all_known);
     }
-    void ip(const std::string& arguments) {
+    void ip(const std::string& arguments, bool then_read = true) {
         ASSERT_EQ(system(("ip " + arguments).c_str()), 0) << "ip " << arguments;
-        settle();
+        if (then_read)
+            settle();
     }
     static std::string now(size_t port) {
         const port_facts& facts = latest[port];
@@ -458,13 +467,8 @@ TEST_F(kernel_port_facts, follow_a_cable_through_everything_that_happens_to_it) 
     expect_nothing_left();
 }
 
-TEST_F(kernel_port_facts, are_read_afresh_when_the_kernel_said_more_than_was_kept) {
-    ip("link add name eth1 type veth peer name far1");
-    ip("link add name eth2 type veth peer name far2");
-    ip("link add name eth3 type veth peer name far3");
-    follow({"eth1", "eth2", "eth3", "eth4"});
-
-    // Nobody reads meanwhile.
+// More than the socket holds, while nobody reads.
+void flood() {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     for (unsigned i = 0; i < 2000; i++) {
         ifreq request = {};
@@ -473,9 +477,24 @@ TEST_F(kernel_port_facts, are_read_afresh_when_the_kernel_said_more_than_was_kep
         ASSERT_EQ(ioctl(fd, SIOCSIFFLAGS, &request), 0);
     }
     close(fd);
-    ip("link set far1 up && ip link set eth1 up && ip link delete eth2 && ip link set eth3 name eth4");
-    EXPECT_TRUE(traced("OXPCSI: The kernel said more than could be kept; reading every interface afresh"));
+}
+
+TEST_F(kernel_port_facts, are_read_afresh_when_the_kernel_said_more_than_was_kept) {
+    ip("link add name eth1 type veth peer name far1");
+    ip("link add name eth2 type veth peer name far2");
+    ip("link add name eth3 type veth peer name far3");
+    follow({"eth1", "eth2", "eth3", "eth4"}, [this] {
+        // The answer that is under way tells what the interface was before.
+        flood();
+        ip("link set far1 up && ip link set eth1 up", false);
+    });
     EXPECT_EQ(now(0), "present unlocked enabled 10000");
+
+    forget_traces();
+    flood();
+    ip("link set eth1 down && ip link delete eth2 && ip link set eth3 name eth4");
+    EXPECT_TRUE(traced("OXPCSI: The kernel said more than could be kept; reading every interface afresh"));
+    EXPECT_EQ(now(0), "present locked disabled 10000");
     EXPECT_EQ(now(1), "absent locked disabled 0");
     EXPECT_EQ(now(2), "absent locked disabled 0");
     EXPECT_EQ(now(3), "present locked disabled 10000");
