@@ -47,7 +47,8 @@ class record_list {
     };
 
     // `prefix` begins the trace of a failed allocation: "TAVU", or "KEYSRV" for the key server's lists.
-    explicit constexpr record_list(const char* prefix = "TAVU") : prefix_(prefix) {}
+    explicit constexpr record_list(const char* prefix) : prefix_(prefix) {}
+    constexpr record_list() : record_list("TAVU") {}
     ~record_list() { clear(); }
     record_list(const record_list&) = delete;
     record_list& operator=(const record_list&) = delete;
