@@ -39,8 +39,8 @@ struct mailbox {
     place where;
     oka_mailbox known_through; // our mailbox that last received something from it
     char* path;                // local: its name, or "unit/name" of a simulated other unit
-    const oka::transport* via; // remote
-    void* handle;              // remote
+    void (*send)(void* handle, envelope* message); // remote
+    void* handle;
     monitor* monitors;
     mailbox* next_gone;
 };
@@ -307,6 +307,10 @@ void plug_transport(const transport* plugged) {
         core.transports[core.transport_count++] = plugged;
 }
 
+bool transport_plugged() {
+    return core.transport_count > 0;
+}
+
 bool clock_plugged() {
     return core.clock;
 }
@@ -336,9 +340,9 @@ bool is_local(oka_mailbox mailbox) {
     return find_local(mailbox);
 }
 
-oka_mailbox add_remote(const transport* via, void* handle) {
+oka_mailbox add_remote(void (*send)(void* handle, envelope* message), void* handle) {
     mailbox* fresh = new_mailbox(new_mailbox_id(), place::remote);
-    fresh->via = via;
+    fresh->send = send;
     fresh->handle = handle;
     return fresh->id;
 }
@@ -489,8 +493,11 @@ void oka_send(oka_message** message, oka_mailbox receiver, oka_mailbox sender) {
         oka::free_envelope(sent);
     else if (to->where == place::local)
         enqueue(sent);
-    else
-        to->via->send(to->handle, sent);
+    else {
+        if (!oka::is_local(sender))
+            sent->sender = OKA_MAILBOX_NONE;
+        to->send(to->handle, sent);
+    }
 }
 
 oka_message* oka_receive(const uint32_t* numbers, int32_t timeout_ms, uint32_t sender_selector) {

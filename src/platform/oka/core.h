@@ -64,8 +64,6 @@ struct transport {
     // Searches until answer_locate or cancel_locate. `unit` is "" for the own one.
     void (*locate)(uint32_t locate, const char* unit, const char* name);
     void (*cancel_locate)(uint32_t locate);
-    // Owns the message; `handle` is what add_remote was given.
-    void (*send)(void* handle, envelope* message);
 };
 
 // Before oka_timer_service_init and oka_init. What is plugged stays for the life of the process; a process
@@ -77,8 +75,9 @@ void plug_transport(const transport* plugged);
 
 bool is_local(oka_mailbox mailbox);
 uint64_t now_ns();
-// A mailbox of another process became known, under an id that it keeps until remove_remote.
-oka_mailbox add_remote(const transport* via, void* handle);
+// A mailbox of another process became known, under an id that it keeps until remove_remote. Messages for it
+// go to `send`, which owns them; their `sender` is a mailbox of this process or none.
+oka_mailbox add_remote(void (*send)(void* handle, envelope* message), void* handle);
 // It is gone, for whatever reason: its monitors fire.
 void remove_remote(oka_mailbox mailbox);
 // Queues a message for oka_receive, or frees it when its receiver is gone.

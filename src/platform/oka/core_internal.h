@@ -9,6 +9,7 @@ namespace oka {
 envelope* take_envelope(oka_message** message);
 
 bool clock_plugged();
+bool transport_plugged();
 // Plugs the Linux clock unless a clock is there.
 void choose_clock();
 int start_core(const char* own_unit);

@@ -1,19 +1,87 @@
-// Bringing the service up: which clock and which transports this process uses.
+// Bringing the service up: which clock and which transports this process uses, and which unit it is of.
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
 
 #include "platform/oka/core_internal.h"
 #include "platform/oka/linux_clock.h"
+#include "platform/oka/names.h"
+#include "platform/oka/oka_trace.h"
+#include "platform/oka/unix_transport.h"
 
-namespace oka {
+namespace {
 
-void choose_clock() {
-    if (!clock_plugged())
-        plug_clock(&linux_clock);
+// Nobody plugged a clock, so this is a process like any other and not a simulation.
+bool uses_defaults = false;
+
+constexpr const oka::transport* known_transports[] = {&oka::unix_transport};
+
+bool plug_named(const char* name, size_t length) {
+    if (length == 4 && !strncmp(name, "none", length))
+        return true;
+    for (const oka::transport* each : known_transports) {
+        if (strlen(each->name) == length && !strncmp(name, each->name, length)) {
+            oka::plug_transport(each);
+            return true;
+        }
+    }
+    return false;
 }
 
-} // namespace oka
+int plug_transports() {
+    const char* names = getenv("OKA_TRANSPORTS");
+    if (!names || !*names)
+        names = "unix";
+    while (*(names += strspn(names, " ,"))) {
+        size_t length = strcspn(names, " ,");
+        if (!plug_named(names, length)) {
+            OKA_ERROR("OKA: OKA_TRANSPORTS: there is no transport '%.*s'; there are 'unix' and 'none'",
+                      static_cast<int>(length), names);
+            return EINVAL;
+        }
+        names += length;
+    }
+    return 0;
+}
+
+// OKA_UNIT, or the host's name without its domain.
+int find_own_unit(char (&unit)[oka::unit_path_size]) {
+    const char* chosen = getenv("OKA_UNIT");
+    if (chosen && *chosen) {
+        if (!oka::valid_unit(chosen)) {
+            OKA_ERROR("OKA: OKA_UNIT '%.300s' is no path of a unit", chosen);
+            return EINVAL;
+        }
+        strcpy(unit, chosen);
+        return 0;
+    }
+    if (gethostname(unit, sizeof unit - 1) < 0)
+        unit[0] = '\0';
+    unit[sizeof unit - 1] = '\0';
+    unit[strcspn(unit, ".")] = '\0';
+    if (!oka::valid_unit(unit))
+        strcpy(unit, "unit");
+    return 0;
+}
+
+} // namespace
+
+void oka::choose_clock() {
+    if (clock_plugged())
+        return;
+    plug_clock(&linux_clock);
+    uses_defaults = true;
+}
 
 int oka_init(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
     oka::choose_clock();
-    return oka::start_core("");
+    char own_unit[oka::unit_path_size];
+    if (int error = find_own_unit(own_unit))
+        return error;
+    if (uses_defaults && !oka::transport_plugged()) {
+        if (int error = plug_transports())
+            return error;
+    }
+    return oka::start_core(own_unit);
 }

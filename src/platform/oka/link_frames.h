@@ -1,0 +1,49 @@
+// What travels on a link: one frame a packet, every integer big-endian.
+#pragma once
+
+#include <cstdint>
+#include <endian.h>
+
+#include "platform/oka.h"
+
+namespace oka {
+
+enum class frame_kind : uint32_t {
+    hello = 1,   // who connects
+    welcome = 2, // who accepted, and the mailbox behind the socket
+    attach = 3,  // the connection is to be used
+    lookup = 4,  // is the mailbox `receiver` still there?
+    found = 5,   // the mailbox `sender` is
+    gone = 6,    // the mailbox `sender` is not, or no longer
+    message = 7, // from `sender` to `receiver`; the message follows, its number big-endian too
+};
+
+// Mailboxes are meant as the process knows them that owns them.
+struct frame_header {
+    uint32_t kind_be;
+    uint32_t receiver_be;
+    uint32_t sender_be;
+};
+static_assert(sizeof(frame_header) == 12);
+
+constexpr uint32_t link_version = 1;
+
+// A number that a process draws when it starts.
+struct process_id {
+    unsigned char bytes[16];
+};
+
+struct greeting_frame { // hello and welcome
+    frame_header header;
+    uint32_t version_be;
+    process_id process;
+};
+static_assert(sizeof(greeting_frame) == 32);
+
+constexpr size_t largest_frame = sizeof(frame_header) + OKA_MESSAGE_SIZE_MAX;
+
+inline frame_header make_header(frame_kind kind, oka_mailbox receiver, oka_mailbox sender) {
+    return {htobe32(static_cast<uint32_t>(kind)), htobe32(receiver), htobe32(sender)};
+}
+
+} // namespace oka

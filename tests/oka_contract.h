@@ -1,0 +1,542 @@
+// The messaging contract as one suite. It runs over every arrangement of processes and transports: a test
+// file instantiates `oka_contract` with those that it can set up.
+//
+// The other side is an agent: a few mailboxes that do as they are told by messages. It is driven the same
+// way whether it lives in this process or in another, so the tests do not know the difference.
+#pragma once
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ftw.h>
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/oka.h"
+#include "platform/oka/simulation.h"
+#include "platform/oka_timer.h"
+
+namespace oka_tests {
+
+constexpr int32_t patience_ms = 10'000;
+
+// --- Messages as the tests make and see them
+
+struct arrival {
+    uint32_t number = 0;
+    oka_mailbox sender = OKA_MAILBOX_NONE;
+    oka_mailbox receiver = OKA_MAILBOX_NONE;
+    std::string bytes; // behind the number
+    explicit operator bool() const { return number != 0; }
+};
+
+inline oka_message* make_message(uint32_t number, const std::string& bytes = "") {
+    oka_message* made = oka_alloc(sizeof(oka_message) + bytes.size(), number);
+    memcpy(made + 1, bytes.data(), bytes.size());
+    return made;
+}
+
+inline void send_message(oka_mailbox to, oka_mailbox from, uint32_t number, const std::string& bytes = "") {
+    oka_message* sent = make_message(number, bytes);
+    oka_send(&sent, to, from);
+}
+
+inline arrival take(oka_message* message) {
+    if (!message)
+        return {};
+    arrival taken = {message->number, oka_sender(message), oka_receiver(message), ""};
+    if (oka_size(message) > sizeof *message)
+        taken.bytes.assign(reinterpret_cast<const char*>(message + 1), oka_size(message) - sizeof *message);
+    oka_free(&message);
+    return taken;
+}
+
+inline void locate(const std::string& path, oka_mailbox mailbox, uint32_t number) {
+    oka_message* prepared = make_message(number);
+    oka_locate_async(path.c_str(), &prepared, mailbox);
+}
+
+inline oka_monitor_ref monitor(oka_mailbox supervised, uint32_t number) {
+    oka_message* prepared = make_message(number);
+    return oka_monitor(supervised, &prepared);
+}
+
+// --- The agent
+
+enum agent_command : uint32_t {
+    agent_create = 0xa0, // a mailbox of the name in the message; answered with agent_done
+    agent_delete,        // that mailbox
+    agent_talk,          // "name count": that mailbox sends so many chatter messages to the commander
+    agent_watch_me,      // reports to the agent's last commander when the sending mailbox is gone
+    agent_seek,          // locates the path in the message; the agent sends agent_done to what it found
+    agent_exit,          // the agent's process ends in good order
+    agent_done = 0xb0,
+    agent_watched_is_gone, // the report of agent_watch_me
+    chatter = 0xc0,        // a message to one of the agent's mailboxes comes back; see also agent_talk
+};
+
+class agent {
+  public:
+    // With the mailbox "agent", cloned from `root` or, without one, a root itself.
+    explicit agent(oka_mailbox root) {
+        own_ = root == OKA_MAILBOX_NONE ? oka_create_mailbox("agent", 0) : oka_clone_mailbox(root, "agent");
+    }
+
+    bool owns(oka_mailbox mailbox) const {
+        if (mailbox == own_)
+            return true;
+        for (const auto& [name, id] : mailboxes_) {
+            if (id == mailbox)
+                return true;
+        }
+        return false;
+    }
+
+    // False when it is to end.
+    bool handle(const arrival& command) {
+        const std::string& text = command.bytes;
+        switch (command.number) {
+        case agent_create:
+            mailboxes_[text] = oka_clone_mailbox(own_, text.c_str());
+            break;
+        case agent_delete:
+            oka_delete_mailbox(mailboxes_[text]);
+            mailboxes_.erase(text);
+            break;
+        case agent_talk: {
+            size_t blank = text.find(' ');
+            for (int index = 0; index < atoi(text.c_str() + blank); ++index)
+                send_message(command.sender, mailboxes_[text.substr(0, blank)], chatter,
+                             std::to_string(index));
+            break;
+        }
+        case agent_watch_me:
+            monitor(command.sender, agent_watched_is_gone);
+            return true;
+        case agent_seek:
+            locate(text, own_, agent_done);
+            return true;
+        case agent_done:
+            send_message(command.sender, own_, agent_done);
+            return true;
+        case agent_watched_is_gone:
+            send_message(commander_, own_, agent_watched_is_gone);
+            return true;
+        case agent_exit:
+            return false;
+        case chatter:
+            send_message(command.sender, command.receiver, chatter, text);
+            return true;
+        }
+        commander_ = command.sender;
+        send_message(command.sender, own_, agent_done);
+        return true;
+    }
+
+  private:
+    oka_mailbox own_;
+    oka_mailbox commander_ = OKA_MAILBOX_NONE;
+    std::map<std::string, oka_mailbox> mailboxes_;
+};
+
+// --- Processes
+
+inline bool start_service() {
+    return oka_timer_service_init() && oka_init(37, 0, 0, 0, 0) == 0;
+}
+
+inline void stop_service() {
+    oka_timer_service_stop();
+    oka_exit();
+}
+
+// A process of its own with an agent in it; killed with the object. It is made before the service is up in
+// this process, and waits for `start`.
+class agent_process {
+  public:
+    explicit agent_process(const std::string& unit) {
+        int ends[2];
+        fflush(nullptr);
+        if (pipe(ends) < 0 || (pid = fork()) < 0)
+            abort();
+        start_fd_ = ends[1];
+        if (pid != 0) {
+            close(ends[0]);
+            return;
+        }
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        setenv("OKA_UNIT", unit.c_str(), 1);
+        char go;
+        if (read(ends[0], &go, 1) != 1 || !start_service())
+            _exit(1);
+        agent inside(OKA_MAILBOX_NONE);
+        while (inside.handle(take(oka_receive(nullptr, OKA_WAIT_FOREVER, OKA_ANY_SENDER)))) {
+        }
+        stop_service();
+        _exit(0);
+    }
+    ~agent_process() {
+        close(start_fd_);
+        end(SIGKILL);
+    }
+    agent_process(const agent_process&) = delete;
+    agent_process& operator=(const agent_process&) = delete;
+
+    void start() const { ASSERT_EQ(write(start_fd_, "", 1), 1); }
+
+    // Signal 0 only waits for it to end by itself.
+    void end(int signal) {
+        if (pid <= 0)
+            return;
+        kill(pid, signal);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+    }
+
+    // Waits until the process sleeps ('S': it has done all it was told), or is stopped ('T').
+    void wait_for_state(char state) const {
+        char seen = 0;
+        while (seen != state) {
+            usleep(500);
+            FILE* status = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "re");
+            ASSERT_TRUE(status);
+            ASSERT_EQ(fscanf(status, "%*d (%*[^)]) %c", &seen), 1);
+            fclose(status);
+        }
+    }
+
+    void stop() const {
+        kill(pid, SIGSTOP);
+        wait_for_state('T');
+    }
+
+    pid_t pid = -1;
+
+  private:
+    int start_fd_ = -1;
+};
+
+// A messaging directory for one test.
+class scratch_directory {
+  public:
+    scratch_directory() {
+        char name[] = "/tmp/oka-test-XXXXXX";
+        path = mkdtemp(name);
+        setenv("OKA_DIR", path.c_str(), 1);
+    }
+    ~scratch_directory() { remove_all(path); }
+    scratch_directory(const scratch_directory&) = delete;
+    scratch_directory& operator=(const scratch_directory&) = delete;
+
+    static void remove_all(const std::string& directory) {
+        auto remove_one = [](const char* each, const struct stat*, int, FTW*) { return remove(each); };
+        nftw(directory.c_str(), remove_one, 16, FTW_DEPTH | FTW_PHYS);
+    }
+
+    std::string path;
+};
+
+// --- The suite
+
+struct arrangement {
+    const char* name;
+    const char* transports; // OKA_TRANSPORTS
+    const char* agent_unit; // null: the agent lives in this process
+    const char* prefix;     // of the paths of its mailboxes
+};
+
+inline void PrintTo(const arrangement& shown, std::ostream* out) {
+    *out << shown.name;
+}
+
+class oka_contract : public testing::TestWithParam<arrangement> {
+  protected:
+    explicit oka_contract(int agent_processes = 1) : agent_processes_(agent_processes) {}
+
+    void SetUp() override {
+        setenv("OKA_TRANSPORTS", GetParam().transports, 1);
+        setenv("OKA_UNIT", "here", 1);
+        for (int count = 0; GetParam().agent_unit && count < agent_processes_; ++count)
+            processes.emplace_back(GetParam().agent_unit);
+        ASSERT_TRUE(start_service());
+        root = oka_create_mailbox("root", 0);
+        mailbox = oka_clone_mailbox(root, "mailbox");
+        if (processes.empty())
+            inside_.emplace(root);
+        else
+            processes.front().start();
+        locate_agent();
+    }
+
+    void locate_agent() {
+        locate(path_of("agent"), mailbox, 1);
+        arrival answer = receive();
+        ASSERT_EQ(answer.number, 1u);
+        agent_mailbox = answer.sender;
+    }
+
+    void TearDown() override {
+        stop_service();
+        EXPECT_EQ(oka::simulation::live(), oka::simulation::balance{});
+    }
+
+    static std::string path_of(const std::string& name) { return GetParam().prefix + name; }
+
+    // The next message for the test.
+    arrival receive(int32_t timeout_ms = patience_ms, const uint32_t* numbers = nullptr) {
+        for (;;) {
+            arrival next = take(oka_receive(numbers, timeout_ms, OKA_ANY_SENDER));
+            if (!inside_ || !next || !inside_->owns(next.receiver))
+                return next;
+            inside_->handle(next);
+        }
+    }
+
+    void command(agent_command what, const std::string& text = "") {
+        send_message(agent_mailbox, mailbox, what, text);
+    }
+
+    // Commands and waits until it is done; what came before the answer is returned.
+    std::vector<arrival> command_done(agent_command what, const std::string& text = "") {
+        command(what, text);
+        std::vector<arrival> before;
+        for (;;) {
+            arrival next = receive();
+            if (!next)
+                ADD_FAILURE() << "the agent does not answer";
+            if (!next || next.number == agent_done)
+                return before;
+            before.push_back(next);
+        }
+    }
+
+    oka_mailbox create_and_locate(const std::string& name, uint32_t number = 1) {
+        command_done(agent_create, name);
+        locate(path_of(name), mailbox, number);
+        arrival found = receive();
+        EXPECT_EQ(found.number, number);
+        EXPECT_EQ(found.receiver, mailbox);
+        return found.sender;
+    }
+
+    // Whatever the agent sent before has arrived by then, so that nothing more can come of it.
+    void expect_silence() {
+        command(chatter, "flush");
+        arrival next = receive();
+        EXPECT_EQ(next.number, chatter);
+        EXPECT_EQ(next.bytes, "flush");
+    }
+
+    scratch_directory directory;
+    oka_mailbox root = OKA_MAILBOX_NONE;
+    oka_mailbox mailbox = OKA_MAILBOX_NONE;
+    oka_mailbox agent_mailbox = OKA_MAILBOX_NONE;
+    std::list<agent_process> processes;
+
+  private:
+    std::optional<agent> inside_;
+    int agent_processes_;
+};
+
+TEST_P(oka_contract, a_locate_is_answered_once_whether_the_mailbox_came_before_or_comes_later) {
+    locate(path_of("later"), mailbox, 2);
+    locate(path_of("never"), mailbox, 3);
+    expect_silence();
+    command(agent_create, "later");
+    arrival first = receive();
+    arrival second = receive();
+    if (first.number == agent_done)
+        std::swap(first, second);
+    EXPECT_EQ(first.number, 2u);
+    EXPECT_EQ(first.receiver, mailbox);
+    EXPECT_EQ(second.number, agent_done);
+    locate(path_of("later"), root, 4);
+    arrival again = receive();
+    EXPECT_EQ(again.number, 4u);
+    EXPECT_EQ(again.receiver, root);
+    EXPECT_EQ(again.sender, first.sender);
+    expect_silence();
+}
+
+TEST_P(oka_contract, a_mailbox_has_one_id_however_it_became_known) {
+    oka_mailbox located = create_and_locate("talker");
+    for (const arrival& said : command_done(agent_talk, "talker 1"))
+        EXPECT_EQ(said.sender, located);
+    // Now the agent finds us by itself, which may be over another connection.
+    std::string own_path = GetParam().agent_unit && *GetParam().prefix ? "here/root" : "root";
+    command(agent_seek, own_path);
+    arrival sought = receive();
+    EXPECT_EQ(sought.number, agent_done);
+    EXPECT_EQ(sought.receiver, root);
+    EXPECT_EQ(sought.sender, agent_mailbox);
+    for (const arrival& said : command_done(agent_talk, "talker 1"))
+        EXPECT_EQ(said.sender, located);
+}
+
+TEST_P(oka_contract, messages_arrive_whole_once_and_in_order) {
+    oka_mailbox echo = create_and_locate("echo");
+    const size_t sizes[] = {0, 1, 3, 164, 4092, OKA_MESSAGE_SIZE_MAX - sizeof(oka_message)};
+    constexpr uint32_t rounds = 40;
+    auto bytes_of_round = [&](uint32_t round) {
+        return std::string(sizes[round % std::size(sizes)], static_cast<char>('a' + round % 26));
+    };
+    for (uint32_t round = 0; round < rounds; ++round)
+        send_message(echo, mailbox, chatter, bytes_of_round(round));
+    for (uint32_t round = 0; round < rounds; ++round) {
+        arrival back = receive();
+        ASSERT_EQ(back.number, chatter);
+        EXPECT_EQ(back.sender, echo);
+        ASSERT_EQ(back.bytes == bytes_of_round(round), true) << "round " << round;
+    }
+    // One byte more than everyone carries is dropped.
+    send_message(echo, mailbox, chatter, std::string(OKA_MESSAGE_SIZE_MAX - sizeof(oka_message) + 1, 'x'));
+    expect_silence();
+    std::vector<arrival> talk = command_done(agent_talk, "echo 1000");
+    ASSERT_EQ(talk.size(), 1000u);
+    for (size_t index = 0; index < talk.size(); ++index)
+        ASSERT_EQ(talk[index].bytes, std::to_string(index));
+}
+
+TEST_P(oka_contract, a_monitor_fires_once_after_everything_that_the_mailbox_sent) {
+    oka_mailbox talker = create_and_locate("talker");
+    monitor(talker, 2);
+    command(agent_talk, "talker 20");
+    command(agent_delete, "talker");
+    uint32_t said = 0;
+    uint32_t done = 0;
+    arrival next;
+    while ((next = receive()) && next.number != 2) {
+        said += next.number == chatter;
+        done += next.number == agent_done;
+    }
+    EXPECT_EQ(said, 20u);
+    EXPECT_EQ(next.sender, talker);
+    EXPECT_EQ(next.receiver, mailbox);
+    while (done++ < 2)
+        EXPECT_EQ(receive().number, agent_done);
+    // It is gone already: at once.
+    monitor(talker, 3);
+    EXPECT_EQ(receive(0).number, 3u);
+    send_message(talker, mailbox, chatter);
+    expect_silence();
+    // Its name is free again, for a mailbox that is another one.
+    EXPECT_NE(create_and_locate("talker", 4), talker);
+}
+
+TEST_P(oka_contract, no_monitor_fires_after_unmonitor) {
+    oka_mailbox talker = create_and_locate("talker");
+    oka_monitor_ref standing = monitor(talker, 2);
+    oka_monitor_ref fired = monitor(talker, 3);
+    EXPECT_NE(standing, 0u);
+    EXPECT_NE(standing, fired);
+    oka_unmonitor(standing);
+    command(agent_delete, "talker");
+    // With the agent's answer, taken past it, the other one's message is queued.
+    const uint32_t numbers[] = {2, agent_delete, agent_done};
+    EXPECT_EQ(receive(patience_ms, numbers).number, agent_done);
+    oka_unmonitor(fired);
+    oka_unmonitor(fired);
+    expect_silence();
+}
+
+TEST_P(oka_contract, the_other_side_learns_that_our_mailbox_is_gone) {
+    oka_mailbox watched = oka_clone_mailbox(root, "watched");
+    send_message(agent_mailbox, watched, agent_watch_me);
+    command_done(agent_create, "any");
+    oka_delete_mailbox(watched);
+    EXPECT_EQ(receive().number, agent_watched_is_gone);
+    expect_silence();
+}
+
+TEST_P(oka_contract, receive_selects_by_number_and_sender_and_leaves_the_rest_in_order) {
+    oka_mailbox one = oka_clone_mailbox(root, "one");
+    oka_mailbox two = oka_clone_mailbox(root, "two");
+    for (uint32_t number = 1; number <= 3; ++number) {
+        send_message(mailbox, one, number);
+        send_message(mailbox, two, 10 + number);
+    }
+    const uint32_t wanted[] = {2, 12, 3};
+    EXPECT_EQ(take(oka_receive(wanted, 0, OKA_ANY_SENDER)).number, 12u);
+    EXPECT_EQ(take(oka_receive(wanted, 0, one)).number, 3u);
+    EXPECT_FALSE(take(oka_receive(wanted, 0, OKA_ANY_SENDER)));
+    EXPECT_EQ(take(oka_receive(nullptr, 0, two)).number, 11u);
+    for (uint32_t number : {1u, 2u, 13u})
+        EXPECT_EQ(take(oka_receive(nullptr, 0, OKA_ANY_SENDER)).number, number);
+    const uint32_t none[] = {0};
+    send_message(mailbox, one, 1);
+    EXPECT_FALSE(take(oka_receive(none, 20, OKA_ANY_SENDER)));
+    EXPECT_EQ(receive().number, 1u);
+}
+
+TEST_P(oka_contract, a_name_that_is_no_name_or_is_taken_makes_no_mailbox) {
+    const std::string too_long(80, 'n');
+    for (const char* name : {"", ".", "..", ".hidden", "a/b", "/", too_long.c_str(), "root", "mailbox"})
+        EXPECT_EQ(oka_clone_mailbox(root, name), OKA_MAILBOX_NONE) << name;
+    EXPECT_EQ(oka_create_mailbox("second-root", 0), OKA_MAILBOX_NONE);
+    EXPECT_EQ(oka_clone_mailbox(agent_mailbox + 100, "clone"), OKA_MAILBOX_NONE);
+    if (!*GetParam().prefix) {
+        EXPECT_EQ(oka_clone_mailbox(root, "agent"), OKA_MAILBOX_NONE);
+    }
+    const std::string longest(79, 'n');
+    EXPECT_NE(oka_clone_mailbox(root, longest.c_str()), OKA_MAILBOX_NONE);
+    for (const char* path : {"/agent", "here//agent", "here/../here/agent", "./agent", "here/", ""})
+        locate(path, mailbox, 2);
+    expect_silence();
+}
+
+// What only another process can do: die.
+class oka_process_contract : public oka_contract {
+  protected:
+    oka_process_contract() : oka_contract(4) {}
+};
+
+TEST_P(oka_process_contract, a_process_that_dies_is_the_end_of_its_mailboxes_however_it_dies) {
+    enum { exits, is_killed, is_killed_with_messages_unread };
+    for (int way : {exits, is_killed, is_killed_with_messages_unread}) {
+        SCOPED_TRACE(way);
+        agent_process& process = processes.front();
+        oka_mailbox talker = create_and_locate("talker");
+        oka_mailbox silent = create_and_locate("silent");
+        monitor(talker, 2);
+        monitor(silent, 3);
+        // What it said is still to be received when it is dead.
+        command(agent_talk, "talker 7");
+        if (way == exits)
+            command(agent_exit);
+        else
+            process.wait_for_state('S');
+        if (way == is_killed_with_messages_unread) {
+            process.stop();
+            command(chatter, "unread");
+        }
+        process.end(way == exits ? 0 : SIGKILL);
+        uint32_t said = 0;
+        uint32_t gone = 0;
+        while (gone < 2) {
+            arrival next = receive();
+            ASSERT_TRUE(next);
+            said += next.number == chatter;
+            if (next.number == 2 || next.number == 3) {
+                ++gone;
+                EXPECT_EQ(next.sender, next.number == 2 ? talker : silent);
+                EXPECT_EQ(said, 7u);
+            }
+        }
+        // It comes back as another one.
+        processes.pop_front();
+        processes.front().start();
+        oka_mailbox before = agent_mailbox;
+        locate_agent();
+        EXPECT_NE(agent_mailbox, before);
+    }
+}
+
+} // namespace oka_tests
