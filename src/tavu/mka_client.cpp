@@ -270,6 +270,8 @@ bool mka_client_join_ca(uint32_t client_id, const char* ca, const char* key_serv
 
 bool mka_client_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
+    if (!is_in_state(self.state, MKA_GLOBAL_STATE_READY, global_state_to_str))
+        return false;
     for (const dispatch_row& row : dispatch_table) {
         if (row.number == message->number) {
             row.handle(message);
