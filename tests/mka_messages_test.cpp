@@ -1,0 +1,92 @@
+#include "tavu/mka_messages.h"
+
+#include "support/octets.h"
+#include "support/world.h"
+
+using namespace tavu;
+using test::octets;
+
+namespace {
+
+using mka_messages = test::world;
+
+TEST_F(mka_messages, have_the_names_of_their_numbers) {
+    const struct {
+        uint32_t number;
+        uint32_t own_timer;
+        const char* name;
+    } cases[] = {
+        {0x1b0701, 0, "MKA_CONNECTION_ESTABLISH_REQ"},
+        {0x1b0709, 0, "MKA_JOIN_CA_REQ"},
+        {0x1b070e, 0, "MKA_LEAVE_CA_RREQ"},
+        {0x1b0712, 0, "MKA_CREATE_TX_SC_REJ"},
+        {0x1b0713, 0, "MKA_CREATE_RX_SC_RREQ"},
+        {0x1b071e, 0, "MKA_UPDATE_PROTECT_FRAMES_RREJ"},
+        {0x1b0722, 0, "MKA_HEARTBEAT_RCFM"},
+        {0x1b0724, 0, "MKA_PEER_DOWN_IND"},
+        {0x1b0725, 0, "<unknown value>"},
+        {0x1b1226, 0, "KEYSRV_MSG_TIMEOUT_IND"},
+        {0x1b1227, 0, "MKA_CLIENT_DOWN_IND"},
+        {0x1b1228, 0, "MKA_SERVER_DOWN_IND"},
+        // Each side knows its own timer and nobody else's.
+        {0x1b1222, 0x1b1222, "MKA_CLIENT_HEARTBEAT_TIMEOUT_IND"},
+        {0x1b1222, 0x1b1223, "<unknown value>"},
+        {0x1b1223, 0x1b1223, "MKA_SERVER_HEARTBEAT_TIMEOUT_IND"},
+        {0x1b1225, 0x1b1225, "KEYSRV_KEY_REFRESH_TIMER_IND"},
+        {0x1b1225, 0, "<unknown value>"},
+    };
+    for (const auto& row : cases)
+        EXPECT_STREQ(mka_msg_no_to_str(row.number, row.own_timer), row.name) << std::hex << row.number;
+    EXPECT_TRUE(traced("TAVU: <unknown value: 1771301>"));
+}
+
+TEST_F(mka_messages, have_the_names_of_their_values) {
+    EXPECT_STREQ(mka_error_to_str(1), "MKA_REJ_UNSUPPORTED_PROTOCOL_VERSION");
+    EXPECT_STREQ(mka_error_to_str(5), "MKA_REJ_CA_NOT_FOUND");
+    EXPECT_STREQ(mka_error_to_str(11), "MKA_REJ_INTERNAL_ERROR");
+    EXPECT_STREQ(mka_error_to_str(18), "MKA_REJ_SCI_ALREADY_USED");
+    EXPECT_STREQ(mka_error_to_str(0), "<unknown value>");
+    EXPECT_STREQ(proc_ref_to_str(100), "PROC_REF_LEAVE_CA");
+    EXPECT_STREQ(proc_ref_to_str(106), "PROC_REF_MSG_TRANSACTION");
+    EXPECT_STREQ(proc_ref_to_str(107), "<unknown value>");
+    EXPECT_STREQ(cipher_to_str(1), "MKA_CIPHER_GCM_AES_128");
+    EXPECT_STREQ(cipher_to_str(4), "MKA_CIPHER_GCM_AES_XPN_256");
+    EXPECT_STREQ(standard_to_str(3), "MKA_STANDARD_IEEE_802_1AEcg_2017");
+}
+
+TEST_F(mka_messages, are_searched_for_elements_within_their_bytes_only) {
+    constexpr uint32_t offset = 12;
+    const struct {
+        const char* rule;
+        octets bytes;
+        uint32_t count;
+        uint32_t size;  // 0: refused
+        uint32_t found; // where the element of 802.1AE-2006 begins; 0: nowhere
+    } cases[] = {
+        {"one element", octets(0, 0).word(0).word(40).fill(9, 32), 1, 52, 12},
+        {"the first of its type", octets(0, 0).word(2).word(8).word(0).word(40).fill(9, 32), 2, 60, 20},
+        {"none of its type", octets(0, 0).word(1).word(40).fill(9, 32), 1, 52, 0},
+        {"one that is too short to be it", octets(0, 0).word(0).word(36).fill(9, 28), 1, 48, 0},
+        {"more behind the elements", octets(0, 0).word(1).word(8).fill(9, 4), 1, 20, 0},
+        {"a head beyond the end", octets(0, 0).word(1).word(8).word(0), 2, 0, 0},
+        {"a length beyond the end", octets(0, 0).word(0).word(41).fill(9, 32), 1, 0, 0},
+        {"a length that wraps", octets(0, 0).word(0).word(0xfffffffc).fill(9, 32), 1, 0, 0},
+        {"a length shorter than a head", octets(0, 0).word(0).word(7).fill(9, 32), 1, 0, 0},
+        {"no end of empty elements", octets(0, 0).word(0).word(0).fill(9, 32), UINT32_MAX, 0, 0},
+    };
+    test::peer peer("mka-key-server");
+    for (const auto& row : cases) {
+        peer.send_bytes(peer.mailbox(), 7, row.bytes.data(), row.bytes.size());
+        settle();
+        test::received arrived = peer.take(7);
+        EXPECT_EQ(size_with_information_elements(arrived.message(), offset, row.count), row.size) << row.rule;
+        if (row.size == 0)
+            continue;
+        const auto* found = find_802_1ae_2006_tlv(arrived.message(), offset, row.count);
+        const auto* expected = reinterpret_cast<const uint8_t*>(arrived.message()) + row.found;
+        EXPECT_EQ(reinterpret_cast<const uint8_t*>(found), row.found == 0 ? nullptr : expected) << row.rule;
+    }
+    EXPECT_TRUE(traced("TAVU: information element 2: length=40, total length=60"));
+}
+
+} // namespace

@@ -1,0 +1,394 @@
+#include "tavu/mka_server.h"
+
+#include "support/octets.h"
+#include "support/world.h"
+
+using namespace tavu;
+using test::octets;
+
+namespace {
+
+std::string events;
+
+void happened(const char* event, uint32_t id) {
+    events += std::string(event) + "(" + std::to_string(id) + ")";
+}
+#define EVENT(name) [](uint32_t id, const oka_message*) { happened(#name, id); }
+#define EVENT_ALONE(name) [](uint32_t id) { happened(#name, id); }
+
+constexpr mka_server_callbacks callbacks = {
+    EVENT(connection_closed),   EVENT_ALONE(peer_down),   EVENT(leave_ca_req),
+    EVENT(leave_ca_rcfm),       EVENT(create_tx_sc_req),  EVENT(create_rx_sc_rrej),
+    EVENT(create_rx_sc_rcfm),   EVENT(create_tx_sa_rcfm), EVENT(create_tx_sa_rrej),
+    EVENT(create_rx_sa_rcfm),   EVENT(create_rx_sa_rrej), EVENT(protect_frames_rcfm),
+    EVENT(protect_frames_rrej), EVENT(join_ca_req),       EVENT_ALONE(heartbeat_timeout),
+};
+
+class mka_server : public test::world {
+  protected:
+    mka_server() {
+        events.clear();
+        route_to([this](const oka_message* message) { consumed_ = mka_server_dispatch_message(message); });
+        EXPECT_TRUE(mka_server_init(root(), "mka-key-server", &callbacks));
+        EXPECT_TRUE(mka_server_start());
+        oka_message* found = oka_alloc(4, 1);
+        oka_locate_async("mka-key-server", &found, kay.mailbox());
+        settle();
+        mailbox = kay.take(1).sender();
+    }
+
+    void send(test::peer& from, uint32_t number, const octets& bytes) {
+        from.send_bytes(mailbox, number, bytes.data(), bytes.size());
+        settle();
+    }
+    void connect(test::peer& from, uint32_t reference) {
+        send(from, MKA_CONNECTION_ESTABLISH_REQ, octets(100 + reference, reference).word(1).word(1));
+    }
+    // The KaY's only connection, id 1, with its own reference 7.
+    void connect() {
+        connect(kay, 7);
+        kay.take(MKA_CONNECTION_ESTABLISH_CFM);
+        kay.take(MKA_HEARTBEAT_RREQ);
+        forget_traces();
+    }
+    void finish() {
+        EXPECT_TRUE(mka_server_stop());
+        EXPECT_EQ(oka::simulation::live().monitors, 0u);
+        EXPECT_EQ(oka::simulation::live().timers, 0u);
+        kay.disappear();
+        expect_nothing_left();
+    }
+
+    test::peer kay{"mka-client-7"};
+    oka_mailbox mailbox = OKA_MAILBOX_NONE; // the server's
+    bool consumed_ = false;
+};
+
+TEST_F(mka_server, connects_and_answers_by_itself_in_these_bytes) {
+    send(kay, MKA_CONNECTION_ESTABLISH_REQ, octets(107, 7).word(2).word(2).word(1));
+    EXPECT_TRUE(traced("TAVU: Offered protocol version 2 is not selected"));
+    EXPECT_EQ(kay.take(MKA_CONNECTION_ESTABLISH_CFM).hex(), "00 00 00 6b 00 00 00 01 00 00 00 01");
+    EXPECT_EQ(kay.take(MKA_HEARTBEAT_RREQ).hex(), "00 00 00 01 00 00 00 07");
+
+    send(kay, MKA_CAPABILITIES_GET_REQ, octets(2, 1));
+    EXPECT_EQ(kay.take(MKA_CAPABILITIES_GET_CFM).hex(),
+              "00 00 00 02 00 00 00 07 00 00 00 00 00 00 00 00 00 00 00 00");
+    send(kay, MKA_HEARTBEAT_REQ, octets(5, 1));
+    EXPECT_EQ(kay.take(MKA_HEARTBEAT_CFM).hex(), "00 00 00 05 00 00 00 07");
+    EXPECT_EQ(events, "");
+
+    send(kay, MKA_CONNECTION_CLOSE_REQ, octets(9, 1));
+    EXPECT_EQ(kay.take(MKA_CONNECTION_CLOSE_CFM).hex(), "00 00 00 09 00 00 00 07");
+    EXPECT_EQ(events, "connection_closed(1)");
+    EXPECT_EQ(take_errors(), "");
+    send(kay, MKA_CONNECTION_CLOSE_REQ, octets(9, 1));
+    EXPECT_EQ(take_errors(), "TAVU: Could not find client with client id = 1\n");
+    EXPECT_TRUE(kay.is_silent());
+    finish();
+}
+
+TEST_F(mka_server, refuses_connections_it_cannot_serve) {
+    const struct {
+        const char* rule;
+        octets bytes;
+        const char* rejection; // its reason; nothing when the request is dropped
+        const char* errors;
+    } cases[] = {
+        {"no version of ours", octets(108, 8).word(1).word(2), "00 00 00 01",
+         "TAVU: Protocol version negotiation with client mailbox id=%, client connection reference=8 "
+         "failed\n"},
+        {"no version at all", octets(108, 8).word(0).word(1), "00 00 00 01",
+         "TAVU: Protocol version negotiation with client mailbox id=%, client connection reference=8 "
+         "failed\n"},
+        {"connected already", octets(108, 7).word(1).word(1), "00 00 00 06",
+         "TAVU: Client client mailbox id=%, client connection reference=7 already exists with client id = "
+         "1\n"},
+        {"no room for a version", octets(108, 8).word(1), nullptr,
+         "TAVU: Message 0x1b0701 has wrong size: actual: 16 bytes, expected at least: 20 bytes\n"},
+        {"fewer versions than said", octets(108, 8).word(2).word(1), nullptr,
+         "TAVU: Message 0x1b0701 has wrong size: actual: 20 bytes, expected: 24 bytes\n"},
+        {"more versions than said", octets(108, 8).word(0).word(1).word(1), nullptr,
+         "TAVU: Message 0x1b0701 has wrong size: actual: 24 bytes, expected: 20 bytes\n"},
+        {"a count that wraps", octets(108, 8).word(0x40000001).word(1), nullptr,
+         "TAVU: Message 0x1b0701 has wrong size: actual: 20 bytes, expected: 262160 bytes\n"},
+    };
+    connect();
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.rule);
+        send(kay, MKA_CONNECTION_ESTABLISH_REQ, row.bytes);
+        if (row.rejection) {
+            std::string references =
+                row.errors == cases[2].errors ? "00 00 00 6c 00 00 00 07 " : "00 00 00 6c 00 00 00 08 ";
+            EXPECT_EQ(kay.take(MKA_CONNECTION_ESTABLISH_REJ).hex(), references + row.rejection);
+        }
+        EXPECT_TRUE(kay.is_silent()) << kay.waiting();
+        std::string errors = row.errors;
+        if (size_t at = errors.find('%'); at != std::string::npos)
+            errors.replace(at, 1, std::to_string(kay.mailbox()));
+        EXPECT_EQ(take_errors(), errors);
+    }
+    EXPECT_EQ(oka::simulation::live().timers, 1u);
+}
+
+TEST_F(mka_server, serves_64_clients_and_refuses_the_next) {
+    for (uint32_t reference = 1; reference <= 64; reference++)
+        connect(kay, reference);
+    kay.forget_all();
+    EXPECT_EQ(take_errors(), "");
+    connect(kay, 65);
+    EXPECT_EQ(kay.take(MKA_CONNECTION_ESTABLISH_REJ).hex(), "00 00 00 a5 00 00 00 41 00 00 00 07");
+    EXPECT_EQ(take_errors(), "TAVU: Maximum number of clients reached: 64\n");
+    EXPECT_EQ(oka::simulation::live().timers, 64u);
+    EXPECT_EQ(oka::simulation::live().monitors, 1u);
+
+    send(kay, MKA_CONNECTION_CLOSE_REQ, octets(9, 5));
+    kay.take(MKA_CONNECTION_CLOSE_CFM);
+    connect(kay, 65);
+    EXPECT_EQ(kay.take(MKA_CONNECTION_ESTABLISH_CFM).hex(), "00 00 00 a5 00 00 00 05 00 00 00 01");
+    finish();
+}
+
+TEST_F(mka_server, leaves_a_request_unanswered_when_memory_is_short) {
+    test::fail_allocation(1);
+    connect(kay, 7);
+    EXPECT_TRUE(kay.is_silent());
+    EXPECT_NE(take_errors().find("TAVU: Memory allocation of "), std::string::npos);
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
+    connect();
+    finish();
+}
+
+TEST_F(mka_server, watches_a_mailbox_as_long_as_it_has_a_client) {
+    connect(kay, 1);
+    connect(kay, 2);
+    EXPECT_EQ(oka::simulation::live().monitors, 1u);
+    send(kay, MKA_CONNECTION_CLOSE_REQ, octets(9, 1));
+    EXPECT_EQ(oka::simulation::live().monitors, 1u);
+    send(kay, MKA_CONNECTION_CLOSE_REQ, octets(9, 2));
+    EXPECT_EQ(oka::simulation::live().monitors, 0u);
+    finish();
+}
+
+TEST_F(mka_server, reports_every_client_of_a_mailbox_that_vanished) {
+    test::peer other("mka-client-8");
+    connect(kay, 1);
+    connect(other, 1);
+    connect(kay, 2);
+    kay.disappear();
+    settle();
+    EXPECT_EQ(events, "peer_down(3)peer_down(1)"); // newest first
+    events.clear();
+    connect(other, 2);
+    other.disappear();
+    settle();
+    EXPECT_EQ(events, "peer_down(1)peer_down(2)");
+    finish();
+}
+
+TEST_F(mka_server, hands_up_what_concerns_the_ca) {
+    const octets name = octets(3, 1).text("CA", 64);
+    const struct {
+        uint32_t number;
+        octets bytes;
+        const char* event;
+    } cases[] = {
+        {0x1b070c, name, "leave_ca_req(1)"},
+        {0x1b070f, octets(3, 1), "leave_ca_rcfm(1)"},
+        {0x1b0710, octets(name).fill(7, 8), "create_tx_sc_req(1)"},
+        {0x1b0714, octets(3, 1), "create_rx_sc_rcfm(1)"},
+        {0x1b0715, octets(3, 1).word(2), "create_rx_sc_rrej(1)"},
+        {0x1b0717, octets(3, 1), "create_tx_sa_rcfm(1)"},
+        {0x1b0718, octets(3, 1).word(3), "create_tx_sa_rrej(1)"},
+        {0x1b071a, octets(3, 1), "create_rx_sa_rcfm(1)"},
+        {0x1b071b, octets(3, 1).word(4), "create_rx_sa_rrej(1)"},
+        {0x1b071d, octets(3, 1), "protect_frames_rcfm(1)"},
+        {0x1b071e, octets(3, 1).word(11), "protect_frames_rrej(1)"},
+        // Without an element, with one, with two.
+        {0x1b0709, octets(name).word(10000).word(0).fill(0, 8), "join_ca_req(1)"},
+        {0x1b0709, octets(name).word(10000).word(1).word(0).word(40).fill(1, 32), "join_ca_req(1)"},
+        {0x1b0709, octets(name).word(10000).word(2).word(1).word(8).word(0).word(40).fill(1, 32),
+         "join_ca_req(1)"},
+    };
+    connect();
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.event);
+        events.clear();
+        send(kay, row.number, row.bytes);
+        EXPECT_TRUE(consumed_);
+        EXPECT_EQ(events, row.event);
+        EXPECT_EQ(take_errors(), "");
+        // One byte less or more is not that message; nor is the same from somebody unknown.
+        for (size_t size : {row.bytes.size() - 1, row.bytes.size() + 1}) {
+            send(kay, row.number, octets(row.bytes).resize(size));
+            EXPECT_NE(take_errors().find("has wrong size: actual: " + std::to_string(size)),
+                      std::string::npos);
+        }
+        send(kay, row.number, octets(3, 9).append(row.bytes));
+        EXPECT_EQ(take_errors(), "TAVU: Could not find client with client id = 9\n");
+        EXPECT_EQ(events, row.event);
+    }
+    EXPECT_TRUE(kay.is_silent());
+
+    send(kay, MKA_JOIN_CA_REQ, octets(name).word(1).word(UINT32_MAX).word(0).word(0));
+    EXPECT_EQ(take_errors(), "TAVU: Message 0x1b0709 has wrong size: actual: 92 bytes, expected: 0 bytes\n");
+    send(kay, MKA_PEER_DOWN_IND, octets(0, 1));
+    EXPECT_FALSE(consumed_);
+}
+
+TEST_F(mka_server, says_what_the_key_server_has_to_say_in_these_bytes) {
+    connect();
+    ca_name name;
+    name.assign("CA");
+    std::string name_octets = " 43 41";
+    for (int count = 0; count < 62; count++)
+        name_octets += " 00";
+    const sci identifier = {{2, 0, 0, 0, 0, 7, 0, 1}};
+    const std::string sci_octets = " 02 00 00 00 00 07 00 01";
+    const uint8_t sak[] = {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7,
+                           0xa8, 0xa9, 0xaa, 0xab, 0xac, 0xad, 0xae, 0xaf};
+    const std::string sak_octets = " a0 a1 a2 a3 a4 a5 a6 a7 a8 a9 aa ab ac ad ae af";
+    mka_sa_parameters key = {0, 1, 3, 128, {}, sizeof sak, sak};
+    key.key_name.assign("CA");
+    mka_sa_parameters no_key = key;
+    no_key.sak_len = 0;
+    no_key.sak = nullptr;
+    const std::string references = "00 00 00 66 00 00 00 07";
+    const std::string sa_octets = references + name_octets + sci_octets +
+                                  " 00 00 00 00 00 00 00 01 00 00 00 03 00 00 00 80" + name_octets;
+    const struct {
+        bool sent;
+        uint32_t number;
+        std::string hex;
+    } cases[] = {
+        {mka_server_send_join_ca_cfm(1, 102, 0), 0x1b070a, references + " 00 00 00 00"},
+        {mka_server_send_join_ca_rej(1, 102, 9), 0x1b070b, references + " 00 00 00 09"},
+        {mka_server_send_leave_ca_rreq(1, 102, name), 0x1b070e, references + name_octets},
+        {mka_server_send_leave_ca_cfm(1, 102), 0x1b070d, references},
+        {mka_server_send_create_tx_sc_cfm(1, 102), 0x1b0711, references},
+        {mka_server_send_create_tx_sc_rej(1, 102, 17), 0x1b0712, references + " 00 00 00 11"},
+        {mka_server_send_create_rx_sc_req(1, 102, name, identifier), 0x1b0713,
+         references + name_octets + sci_octets},
+        {mka_server_send_create_tx_sa_rreq(1, 102, name, identifier, key), 0x1b0716,
+         sa_octets + " 00 00 00 10" + sak_octets},
+        {mka_server_send_create_rx_sa_rreq(1, 102, name, identifier, no_key), 0x1b0719,
+         sa_octets + " 00 00 00 00 00"},
+        {mka_server_send_update_protect_frames_rreq(1, 102, name, true), 0x1b071c,
+         references + name_octets + " 00 00 00 01"},
+    };
+    settle();
+    for (const auto& row : cases) {
+        EXPECT_TRUE(row.sent);
+        test::received sent = kay.take(row.number);
+        EXPECT_EQ(sent.hex(), row.hex) << std::hex << row.number;
+        EXPECT_EQ(sent.sender(), mailbox);
+    }
+    EXPECT_TRUE(traced("0x1b070b to mailbox " + std::to_string(kay.mailbox()) +
+                       ": TAVU: MKA_JOIN_CA_REJ connection reference=7, procedure reference=102, "
+                       "reason='MKA_REJ_ALREADY_JOINED'"));
+    for (const test::trace_record& record : traces())
+        EXPECT_EQ(record.text.find("a0a1"), std::string::npos);
+    EXPECT_EQ(take_errors(), "");
+
+    EXPECT_FALSE(mka_server_send_create_tx_sa_rreq(2, 102, name, identifier, key));
+    EXPECT_EQ(take_errors(), "TAVU: Could not find client with client id = 2\n");
+    EXPECT_TRUE(mka_server_stop());
+    EXPECT_FALSE(mka_server_send_join_ca_cfm(1, 102, 0));
+    EXPECT_FALSE(mka_server_send_create_tx_sa_rreq(1, 102, name, identifier, key));
+    EXPECT_EQ(take_errors(),
+              "TAVU: mka_server_send_join_ca_cfm called in wrong state: current: 'GLOBAL_STATE_INITIALIZED', "
+              "expected: 'GLOBAL_STATE_READY'\n"
+              "TAVU: mka_server_send_create_tx_sa_rreq called in wrong state: current: "
+              "'GLOBAL_STATE_INITIALIZED', expected: 'GLOBAL_STATE_READY'\n");
+}
+
+TEST_F(mka_server, probes_every_2500_ms_and_reports_silence_once) {
+    connect();
+    for (int round = 0; round < 3; round++) {
+        advance(2499);
+        send(kay, MKA_HEARTBEAT_RCFM, octets(1, 1));
+        EXPECT_EQ(take_errors(), "");
+        send(kay, MKA_HEARTBEAT_RCFM, octets(1, 1)); // once too often
+        EXPECT_EQ(take_errors(), "TAVU: Heartbeat supervision is in 'HEARTBEAT_IDLE' state for client client "
+                                 "id = 1\n");
+        advance(2499);
+        EXPECT_TRUE(kay.is_silent());
+        advance(1);
+        EXPECT_EQ(kay.take(MKA_HEARTBEAT_RREQ).hex(), "00 00 00 01 00 00 00 07");
+    }
+    // An answer to something else is none.
+    send(kay, MKA_HEARTBEAT_RCFM, octets(5, 1));
+    EXPECT_EQ(take_errors(), "TAVU: Invalid proc_ref value: actual 5, expected 1\n");
+    advance(2499);
+    EXPECT_EQ(events, "");
+    advance(20000);
+    EXPECT_EQ(events, "heartbeat_timeout(1)");
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
+    // The client stays: a late answer has no effect, its requests are served, its end is reported.
+    send(kay, MKA_HEARTBEAT_RCFM, octets(1, 1));
+    EXPECT_TRUE(traced("TAVU: No heartbeat supervision running for client client id = 1"));
+    send(kay, MKA_HEARTBEAT_REQ, octets(5, 1));
+    kay.take(MKA_HEARTBEAT_CFM);
+    kay.disappear();
+    settle();
+    EXPECT_EQ(events, "heartbeat_timeout(1)peer_down(1)");
+    finish();
+}
+
+TEST_F(mka_server, keeps_one_heartbeat_when_an_answer_comes_with_the_expiry_behind_it) {
+    connect();
+    kay.send_bytes(mailbox, MKA_HEARTBEAT_RCFM, octets(1, 1).data(), 12);
+    oka::simulation::advance_ms(2500);
+    oka::simulation::queue_due_timers();
+    settle();
+    for (int round = 0; round < 4; round++) {
+        EXPECT_EQ(oka::simulation::live().timers, 1u);
+        kay.take(MKA_HEARTBEAT_RREQ);
+        advance(20);
+        send(kay, MKA_HEARTBEAT_RCFM, octets(1, 1));
+        advance(2499);
+        EXPECT_TRUE(kay.is_silent()) << kay.waiting();
+        advance(1);
+    }
+    EXPECT_EQ(events, "");
+}
+
+TEST_F(mka_server, ignores_expiries_that_nobody_waits_for) {
+    send(kay, MKA_SERVER_HEARTBEAT_TIMEOUT_IND, octets(0, 3));
+    EXPECT_TRUE(traced("TAVU: Heartbeat timeout for client client id = 3, but no client found"));
+    EXPECT_EQ(take_errors(), "");
+    send(kay, MKA_SERVER_HEARTBEAT_TIMEOUT_IND, octets(0, 3).resize(8));
+    send(kay, MKA_CLIENT_DOWN_IND, octets(0, 3).resize(8));
+    EXPECT_EQ(take_errors(), "TAVU: Message 0x1b1223 has wrong size: actual: 8 bytes, expected: 12 bytes\n"
+                             "TAVU: Message 0x1b1227 has wrong size: actual: 8 bytes, expected: 12 bytes\n");
+}
+
+TEST_F(mka_server, starts_and_stops_in_turn) {
+    connect();
+    EXPECT_FALSE(mka_server_start());
+    EXPECT_FALSE(mka_server_init(root(), "mka-key-server", &callbacks));
+    EXPECT_EQ(take_errors(),
+              "TAVU: mka_server_start called in wrong state: current: 'GLOBAL_STATE_READY', expected: "
+              "'GLOBAL_STATE_INITIALIZED'\n"
+              "TAVU: mka_server_init called in wrong state: current: 'GLOBAL_STATE_READY', expected: "
+              "'GLOBAL_STATE_UNINITIALIZED'\n");
+    EXPECT_TRUE(mka_server_stop());
+    EXPECT_EQ(events, "");
+    EXPECT_FALSE(mka_server_stop());
+    EXPECT_TRUE(mka_server_start());
+    EXPECT_TRUE(traced("TAVU: Global state changed: 'GLOBAL_STATE_INITIALIZED' -> 'GLOBAL_STATE_READY'"));
+    finish();
+}
+
+TEST(mka_server_callbacks, must_all_be_there) {
+    constexpr size_t count = sizeof(mka_server_callbacks) / sizeof(void*);
+    EXPECT_EQ(count, 15u);
+    EXPECT_FALSE(mka_server_init(1, "mka-key-server", nullptr));
+    for (size_t missing = 0; missing < count; missing++) {
+        mka_server_callbacks table = callbacks;
+        memset(reinterpret_cast<uint8_t*>(&table) + missing * sizeof(void*), 0, sizeof(void*));
+        EXPECT_FALSE(mka_server_init(1, "mka-key-server", &table)) << missing;
+    }
+    EXPECT_TRUE(mka_server_init(1, "mka-key-server", &callbacks));
+}
+
+} // namespace
