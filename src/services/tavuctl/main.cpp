@@ -1,0 +1,75 @@
+#include <cstdio>
+#include <cstdlib>
+
+#include <unistd.h>
+
+#include "platform/oka_timer.h"
+#include "platform/zeb.h"
+#include "services/tavuctl/session.h"
+
+namespace {
+
+using namespace tavuctl;
+
+void write_to(FILE* stream, const std::string& text) {
+    fwrite(text.data(), 1, text.size(), stream);
+    // Nobody reads any more: a watch would go on for ever.
+    if (fflush(stream) != 0)
+        exit(EXIT_STATUS_FAILED);
+}
+
+void write_output(const std::string& text) {
+    write_to(stdout, text);
+}
+void write_error(const std::string& text) {
+    write_to(stderr, text);
+}
+
+int converse(const command_line& line) {
+    // Only what a person can use is said; the services' traces appear when they are asked for.
+    setenv("ZEB_TRACE", "error", 0);
+    (void)zeb_init();
+    zeb_register_thread_name("tavuctl");
+    if (!oka_timer_service_init() || oka_init(37, 0, 0, 0, 0) != 0) {
+        write_error("tavuctl: the messaging service cannot be used; see the reason above, and whether this "
+                    "user may use the directory that OKA_DIR names\n");
+        return EXIT_STATUS_UNREACHABLE;
+    }
+    std::string name = "tavuctl-" + std::to_string(getpid());
+    oka_mailbox mailbox = oka_create_mailbox(name.c_str(), 0);
+    if (mailbox == OKA_MAILBOX_NONE) {
+        write_error("tavuctl: the unit's directory cannot be written; check OKA_DIR, OKA_UNIT and this "
+                    "user's rights there\n");
+        return EXIT_STATUS_UNREACHABLE;
+    }
+    session_callbacks callbacks = {write_output, write_error, isatty(STDOUT_FILENO) == 1};
+    session_start(mailbox, line, &callbacks);
+    while (session_get_state() != SESSION_STATE_DONE) {
+        oka_message* message = oka_receive(nullptr, OKA_WAIT_FOREVER, OKA_ANY_SENDER);
+        if (!message)
+            return EXIT_STATUS_FAILED;
+        session_dispatch_message(message);
+        oka_free(&message);
+    }
+    oka_exit();
+    return session_exit_status();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    command_line line = read_command_line({argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0)});
+    switch (line.wanted) {
+    case action::TELL:
+        write_output(line.text);
+        return EXIT_STATUS_DONE;
+    case action::REFUSE:
+        write_error("tavuctl: " + line.text);
+        return EXIT_STATUS_USAGE;
+    case action::STATUS:
+    case action::WATCH:
+    case action::LINK_SET:
+        break;
+    }
+    return converse(line);
+}
