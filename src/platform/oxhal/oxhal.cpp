@@ -337,6 +337,12 @@ port_list& ports() {
     return layer.list;
 }
 
+void forget_channels(port& on) {
+    on.transmit = {};
+    for (channel& each : on.receive)
+        each = {};
+}
+
 channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci) {
     channel* first = way == direction::transmit ? &on.transmit : on.receive;
     channel* end = first + (way == direction::transmit ? 1 : max_receive_channels);
@@ -494,9 +500,7 @@ int oxhal_macsec_enable_set(uint32_t port, bool enable) {
     int error = layer.current->enable(secy, enable);
     if (!error) {
         secy.enabled = enable;
-        secy.transmit = {};
-        for (channel& each : secy.receive)
-            each = {};
+        forget_channels(secy);
     }
     return running.ends(error);
 }

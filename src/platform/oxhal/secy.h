@@ -51,6 +51,20 @@ constexpr settings initial_settings = {
     .replay_window = 0,
 };
 
+// What both drivers can do.
+constexpr oxhal_macsec_port_cap usual_capability = {
+    .standard = OXHAL_MACSEC_STANDARD_IEEE_802_1AE_2006,
+    .replay_protection_supported = 1,
+    .confidentiality_supported = 1,
+    .confidentiality_offset_supported = 0,
+    .reserved_1 = 0,
+    .num_of_rx_scs = max_receive_channels,
+    .reserved_2 = 0,
+    .num_of_rx_sas = associations_per_channel,
+    .num_of_additional_ciphers = 0,
+    .reserved_3 = {},
+};
+
 struct port {
     uint32_t handle;
     char name[64];
@@ -112,6 +126,7 @@ extern const driver macsec_driver;
 // Forgets every port and makes `chosen` the driver of the process; null leaves the choice to OXHAL_DRIVER.
 void reset(const driver* chosen);
 port_list& ports();
+void forget_channels(port& on);
 channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci);
 
 // Reads "DiPort_A1=eth1:sec-a1 ..." into the list; an error trace says what is wrong with it.

@@ -57,19 +57,6 @@ std::string& call_texts() {
     return texts;
 }
 
-constexpr oxhal_macsec_port_cap usual_capability = {
-    .standard = OXHAL_MACSEC_STANDARD_IEEE_802_1AE_2006,
-    .replay_protection_supported = 1,
-    .confidentiality_supported = 1,
-    .confidentiality_offset_supported = 0,
-    .reserved_1 = 0,
-    .num_of_rx_scs = max_receive_channels,
-    .reserved_2 = 0,
-    .num_of_rx_sas = associations_per_channel,
-    .num_of_additional_ciphers = 0,
-    .reserved_3 = {},
-};
-
 hardware& hardware_of(const port& on) {
     return sim.ports[&on - ports().ports];
 }

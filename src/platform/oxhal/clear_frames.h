@@ -1,0 +1,17 @@
+// Who hears a frame without a SecTAG. See clear_frames.cpp for why this needs doing at all.
+#pragma once
+
+#include "platform/oxhal/netlink.h"
+#include "platform/oxhal/secy.h"
+
+namespace oxhal {
+
+// From now on IP and ARP frames that arrive in clear on the common port reach its user once, by the
+// controlled port, or (`admit` false) not at all. All else on the common port goes on as before.
+// Returns 0 or an errno value.
+int direct_clear_frames(netlink& route, unsigned common_port, unsigned controlled_port, bool admit);
+
+// The common port's frames are its own again.
+void release_clear_frames(netlink& route, unsigned common_port);
+
+} // namespace oxhal
