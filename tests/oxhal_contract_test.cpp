@@ -1,0 +1,318 @@
+// The contract of platform/oxhal.h as one suite for every driver: it runs over the SecY in memory, or over
+// the one that OXHAL_DRIVER and OXHAL_PORTS name. There the first port's interface has the address
+// 02:00:00:00:00:01.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+
+#include "platform/oxhal.h"
+
+namespace {
+
+constexpr oxhal_macsec_sci own = {{0x02, 0, 0, 0, 0, 0x01, 0, 0}};
+constexpr oxhal_macsec_sci peer = {{0x02, 0, 0, 0, 0, 0x02, 0, 0}};
+constexpr oxhal_macsec_sci stranger = {{0x02, 0, 0, 0, 0, 0x03, 0, 0}};
+constexpr uint8_t octets[17] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17};
+constexpr oxhal_macsec_key key = {octets, 16};
+
+class oxhal_contract : public testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("OXHAL_DRIVER", "sim", 0);
+        ASSERT_EQ(oxhal_init(), 0);
+        ASSERT_EQ(oxhal_macsec_init(), 0);
+        oxhal_vport first;
+        ASSERT_EQ(oxhal_vport_iterate(0, &first), 0);
+        port = first.handle;
+        ASSERT_EQ(oxhal_macsec_enable_set(port, true), 0);
+    }
+
+    void TearDown() override {
+        EXPECT_EQ(oxhal_macsec_transmit_sc_delete_all(port), 0);
+        EXPECT_EQ(oxhal_macsec_receive_sc_delete_all(port), 0);
+    }
+
+    int create_tx(uint8_t an) const { return oxhal_macsec_transmit_sa_create(port, own, an, 128, true, key); }
+    int create_rx(uint8_t an, oxhal_macsec_sci of = peer) const {
+        return oxhal_macsec_receive_sa_create2(port, of, an, 128, key);
+    }
+    // 1 in use, 0 installed and not in use, -1 not there.
+    int tx(uint8_t an) const {
+        bool in_use = false;
+        return oxhal_macsec_transmit_sa_in_use_get(port, own, an, &in_use) ? -1 : in_use;
+    }
+    int rx(uint8_t an, oxhal_macsec_sci of = peer) const {
+        bool in_use = false;
+        return oxhal_macsec_receive_sa_in_use_get(port, of, an, &in_use) ? -1 : in_use;
+    }
+    // One channel of each direction, each with association 1 in use.
+    void secure() const {
+        ASSERT_EQ(oxhal_macsec_transmit_sc_create(port, own), 0);
+        ASSERT_EQ(oxhal_macsec_receive_sc_create(port, peer), 0);
+        ASSERT_EQ(create_rx(1), 0);
+        ASSERT_EQ(oxhal_macsec_receive_sa_enable(port, peer, 1, true), 0);
+        ASSERT_EQ(create_tx(1), 0);
+        ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, 1, true), 0);
+    }
+
+    uint32_t port = 0;
+};
+
+TEST_F(oxhal_contract, lists_its_ports) {
+    oxhal_vport each, earlier;
+    uint32_t count = 0;
+    for (; oxhal_vport_iterate(count, &each) == 0; ++count) {
+        ASSERT_LT(count, 16u);
+        EXPECT_NE(memchr(each.name, '\0', sizeof each.name), nullptr);
+        EXPECT_GT(strlen(each.name), 0u);
+        for (uint32_t before = 0; before < count; ++before) {
+            ASSERT_EQ(oxhal_vport_iterate(before, &earlier), 0);
+            EXPECT_NE(earlier.handle, each.handle);
+            EXPECT_STRNE(earlier.name, each.name);
+        }
+    }
+    EXPECT_GT(count, 0u);
+}
+
+TEST_F(oxhal_contract, can_do_what_the_daemon_asks_of_ieee_802_1ae_2006) {
+    const oxhal_macsec_port_cap_list* list = nullptr;
+    ASSERT_EQ(oxhal_macsec_port_cap_get(port, &list), 0);
+    ASSERT_NE(list, nullptr);
+    ASSERT_EQ(list->count, 1u);
+    const oxhal_macsec_port_cap& can = list->entries[0];
+    EXPECT_EQ(can.standard, static_cast<uint32_t>(OXHAL_MACSEC_STANDARD_IEEE_802_1AE_2006));
+    EXPECT_EQ(can.replay_protection_supported, 1);
+    EXPECT_EQ(can.confidentiality_supported, 1);
+    EXPECT_EQ(can.num_of_rx_sas, 4u);
+    // As many receive channels as it says, each with as many associations.
+    for (uint32_t i = 0; i < can.num_of_rx_scs; ++i) {
+        oxhal_macsec_sci sci = {{0x06, 0, 0, 0, 0, static_cast<uint8_t>(i), 0, 1}};
+        ASSERT_EQ(oxhal_macsec_receive_sc_create(port, sci), 0) << i;
+        for (uint8_t an = 0; an < can.num_of_rx_sas; ++an)
+            ASSERT_EQ(create_rx(an, sci), 0) << i;
+    }
+}
+
+TEST_F(oxhal_contract, a_transmit_association_takes_over_from_the_one_before) {
+    ASSERT_EQ(oxhal_macsec_transmit_sc_create(port, own), 0);
+    for (uint8_t an : std::initializer_list<uint8_t>{1, 2, 3, 0, 1}) {
+        auto before = static_cast<uint8_t>((an + 3) & 3);
+        bool first = tx(before) == -1;
+        ASSERT_EQ(create_tx(an), 0);
+        EXPECT_EQ(tx(an), 0);
+        EXPECT_EQ(tx(before), first ? -1 : 1) << "one that is only created changes nothing";
+        ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, an, true), 0);
+        EXPECT_EQ(tx(an), 1);
+        if (first)
+            continue;
+        EXPECT_EQ(tx(before), 0) << "installed still";
+        ASSERT_EQ(oxhal_macsec_transmit_sa_delete(port, own, before), 0);
+        EXPECT_EQ(tx(before), -1);
+        EXPECT_EQ(tx(an), 1);
+    }
+    ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, 1, false), 0);
+    EXPECT_EQ(tx(1), 0);
+    EXPECT_EQ(oxhal_macsec_transmit_sa_delete(port, own, 1), 0);
+    EXPECT_EQ(oxhal_macsec_transmit_sc_delete(port, own), 0);
+}
+
+TEST_F(oxhal_contract, receive_associations_are_in_use_side_by_side_and_channel_by_channel) {
+    for (const oxhal_macsec_sci& sci : {peer, stranger}) {
+        ASSERT_EQ(oxhal_macsec_receive_sc_create(port, sci), 0);
+        for (uint8_t an : std::initializer_list<uint8_t>{0, 3})
+            ASSERT_EQ(create_rx(an, sci), 0);
+    }
+    for (uint8_t an : std::initializer_list<uint8_t>{0, 3})
+        ASSERT_EQ(oxhal_macsec_receive_sa_enable(port, peer, an, true), 0);
+    EXPECT_EQ(rx(0), 1);
+    EXPECT_EQ(rx(3), 1);
+    EXPECT_EQ(rx(0, stranger), 0);
+    ASSERT_EQ(oxhal_macsec_receive_sa_enable(port, peer, 0, false), 0);
+    EXPECT_EQ(rx(0), 0);
+    ASSERT_EQ(oxhal_macsec_receive_sa_delete(port, peer, 3), 0) << "also while in use";
+    EXPECT_EQ(rx(3), -1);
+    ASSERT_EQ(oxhal_macsec_receive_sa_delete(port, peer, 0), 0);
+    EXPECT_EQ(oxhal_macsec_receive_sc_delete(port, peer), 0);
+    EXPECT_EQ(rx(0, stranger), 0);
+}
+
+TEST_F(oxhal_contract, refuses_what_the_secy_cannot_be_and_changes_nothing) {
+    secure();
+    struct refusal {
+        const char* rule;
+        std::function<int()> attempt;
+    };
+    bool in_use;
+    const refusal refusals[] = {
+        {"a second transmit channel", [&] { return oxhal_macsec_transmit_sc_create(port, stranger); }},
+        {"the same transmit channel again", [&] { return oxhal_macsec_transmit_sc_create(port, own); }},
+        {"the same receive channel again", [&] { return oxhal_macsec_receive_sc_create(port, peer); }},
+        {"a transmit channel with associations deleted",
+         [&] { return oxhal_macsec_transmit_sc_delete(port, own); }},
+        {"a receive channel with associations deleted",
+         [&] { return oxhal_macsec_receive_sc_delete(port, peer); }},
+        {"a channel deleted that is not there",
+         [&] { return oxhal_macsec_receive_sc_delete(port, stranger); }},
+        {"a transmit channel taken for a receive channel",
+         [&] { return oxhal_macsec_receive_sc_delete(port, own); }},
+        {"an association number twice (transmit)", [&] { return create_tx(1); }},
+        {"an association number twice (receive)", [&] { return create_rx(1); }},
+        {"an association number above 3 (transmit)", [&] { return create_tx(4); }},
+        {"an association number above 3 (receive)", [&] { return create_rx(255); }},
+        {"an association without its channel", [&] { return create_rx(2, stranger); }},
+        {"a key that is too short",
+         [&] {
+             return oxhal_macsec_transmit_sa_create(port, own, 2, 128, true, {octets, 15});
+         }},
+        {"a key that is too long",
+         [&] {
+             return oxhal_macsec_receive_sa_create2(port, peer, 2, 128, {octets, 17});
+         }},
+        {"no key",
+         [&] {
+             return oxhal_macsec_transmit_sa_create(port, own, 2, 128, true, {nullptr, 16});
+         }},
+        {"packet number 0", [&] { return oxhal_macsec_transmit_sa_create(port, own, 2, 0, true, key); }},
+        {"enabling what is not installed",
+         [&] { return oxhal_macsec_transmit_sa_enable(port, own, 2, true); }},
+        {"deleting what is not installed", [&] { return oxhal_macsec_receive_sa_delete(port, peer, 2); }},
+        {"asking about what is not installed",
+         [&] { return oxhal_macsec_receive_sa_in_use_get(port, peer, 2, &in_use); }},
+        {"a port that is none", [&] { return oxhal_macsec_receive_sc_create(port + 1000, stranger); }},
+        {"a setting of a port that is none", [&] { return oxhal_macsec_protect_frames_set2(0, true); }},
+        {"a validation mode that is none",
+         [&] {
+             return oxhal_macsec_validate_frames_set2(port, static_cast<oxhal_macsec_validate_frames>(3));
+         }},
+    };
+    for (const refusal& each : refusals) {
+        EXPECT_NE(each.attempt(), 0) << each.rule;
+        EXPECT_EQ(tx(1), 1) << each.rule;
+        EXPECT_EQ(rx(1), 1) << each.rule;
+        EXPECT_EQ(tx(2), -1) << each.rule;
+        EXPECT_EQ(rx(2), -1) << each.rule;
+    }
+}
+
+TEST_F(oxhal_contract, delete_all_takes_the_associations_along_and_only_its_direction) {
+    secure();
+    ASSERT_EQ(oxhal_macsec_receive_sc_create(port, stranger), 0);
+    EXPECT_EQ(oxhal_macsec_receive_sc_delete_all(port), 0);
+    EXPECT_EQ(rx(1), -1);
+    EXPECT_EQ(tx(1), 1);
+    EXPECT_EQ(oxhal_macsec_transmit_sc_delete_all(port), 0);
+    EXPECT_EQ(tx(1), -1);
+    EXPECT_EQ(oxhal_macsec_transmit_sc_delete_all(port), 0) << "there is none any more";
+    secure();
+}
+
+TEST_F(oxhal_contract, enabling_the_controlled_port_again_empties_the_secy) {
+    secure();
+    ASSERT_EQ(oxhal_macsec_enable_set(port, true), 0);
+    EXPECT_EQ(tx(1), -1);
+    EXPECT_EQ(rx(1), -1);
+    secure();
+    ASSERT_EQ(oxhal_macsec_enable_set(port, false), 0);
+    EXPECT_NE(oxhal_macsec_receive_sc_create(port, stranger), 0) << "no SecY, no channel";
+}
+
+TEST_F(oxhal_contract, takes_settings_in_any_order_with_or_without_the_controlled_port) {
+    for (bool enabled : {true, false}) {
+        ASSERT_EQ(oxhal_macsec_enable_set(port, enabled), 0);
+        EXPECT_EQ(oxhal_macsec_replay_protect_set2(port, true), 0);
+        for (uint32_t window : {0u, 100u, UINT32_MAX})
+            EXPECT_EQ(oxhal_macsec_replay_window_set(port, window), 0);
+        for (auto mode : {OXHAL_MACSEC_VALIDATE_FRAMES_STRICT, OXHAL_MACSEC_VALIDATE_FRAMES_CHECK,
+                          OXHAL_MACSEC_VALIDATE_FRAMES_DISABLED})
+            EXPECT_EQ(oxhal_macsec_validate_frames_set2(port, mode), 0);
+        for (bool protect : {true, false})
+            EXPECT_EQ(oxhal_macsec_protect_frames_set2(port, protect), 0);
+        // With the SCI always included, ES and SCB have no effect, so both may be asked for.
+        EXPECT_EQ(oxhal_macsec_always_include_sci_set(port, true), 0);
+        EXPECT_EQ(oxhal_macsec_es_set(port, true), 0);
+        EXPECT_EQ(oxhal_macsec_scb_set(port, true), 0);
+        EXPECT_NE(oxhal_macsec_always_include_sci_set(port, false), 0);
+        EXPECT_EQ(oxhal_macsec_scb_set(port, false), 0);
+        EXPECT_EQ(oxhal_macsec_always_include_sci_set(port, false), 0);
+        EXPECT_NE(oxhal_macsec_scb_set(port, true), 0);
+        EXPECT_EQ(oxhal_macsec_es_set(port, false), 0);
+        EXPECT_EQ(oxhal_macsec_scb_set(port, true), 0);
+        EXPECT_EQ(oxhal_macsec_scb_set(port, false), 0);
+        EXPECT_EQ(oxhal_macsec_always_include_sci_set(port, true), 0);
+        EXPECT_EQ(oxhal_macsec_replay_window_set(port, 0), 0);
+        EXPECT_EQ(oxhal_macsec_replay_protect_set2(port, false), 0);
+    }
+}
+
+TEST_F(oxhal_contract, makes_keys_that_differ_and_stay_within_their_length) {
+    uint8_t one[17] = {}, other[17] = {};
+    ASSERT_EQ(oxhal_macsec_generate_key(16, one), 0);
+    ASSERT_EQ(oxhal_macsec_generate_key(16, other), 0);
+    EXPECT_NE(memcmp(one, other, 16), 0);
+    EXPECT_EQ(one[16], 0);
+    EXPECT_NE(oxhal_macsec_generate_key(0, one), 0);
+    EXPECT_NE(oxhal_macsec_generate_key(16, nullptr), 0);
+}
+
+TEST(oxhal_start, comes_up_once_and_in_order) {
+    setenv("OXHAL_DRIVER", "sim", 0);
+    oxhal_vport any;
+    EXPECT_NE(oxhal_vport_iterate(0, &any), 0);
+    EXPECT_NE(oxhal_macsec_init(), 0);
+    ASSERT_EQ(oxhal_init(), 0);
+    ASSERT_EQ(oxhal_vport_iterate(0, &any), 0);
+    EXPECT_NE(oxhal_macsec_enable_set(any.handle, true), 0);
+    EXPECT_EQ(oxhal_macsec_init(), 0);
+    EXPECT_NE(oxhal_init(), 0);
+    EXPECT_NE(oxhal_macsec_init(), 0);
+}
+
+TEST(oxhal_start, wants_a_driver_that_there_is_and_ports_that_make_sense) {
+    struct row {
+        const char* driver;
+        const char* ports;
+        bool right;
+    };
+    const row rows[] = {
+        {"sim", "P=eth1:sec1", true},
+        {"macsec", "  P=eth1:sec1   Q=eth2:sec2 ", true},
+        {"", "P=eth1:sec1", true},
+        {"hardware", "P=eth1:sec1", false},
+        {"macsec", "", false},
+        {"macsec", " ", false},
+        {"macsec", "P", false},
+        {"macsec", "P=eth1", false},
+        {"macsec", "P=:sec1", false},
+        {"macsec", "P=eth1:", false},
+        {"macsec", "=eth1:sec1", false},
+        {"macsec", "P=eth1:sec1:x", false},
+        {"macsec", "P=eth1:sec1=x Q=eth2:sec2", false},
+        {"macsec", "P=a-name-of-16-char:sec1", false},
+        {"macsec", "P=../x:sec1", false},
+        {"macsec", "P=eth1:eth1", false},
+        {"macsec", "P=eth1:sec1 P=eth2:sec2", false},
+        {"macsec", "P=eth1:sec1 Q=eth1:sec2", false},
+        {"macsec", "P=eth1:sec1 Q=eth2:sec1", false},
+        {"macsec", "P=eth1:sec1 Q=sec1:sec2", false},
+        {"macsec",
+         "0=a0:b0 1=a1:b1 2=a2:b2 3=a3:b3 4=a4:b4 5=a5:b5 6=a6:b6 7=a7:b7 8=a8:b8 9=a9:b9 A=aA:bA B=aB:bB "
+         "C=aC:bC "
+         "D=aD:bD E=aE:bE F=aF:bF G=aG:bG",
+         false},
+    };
+    for (const row& each : rows) {
+        // Each in a process of its own, since initialisation is once.
+        EXPECT_EXIT(
+            {
+                setenv("OXHAL_DRIVER", each.driver, 1);
+                setenv("OXHAL_PORTS", each.ports, 1);
+                exit(oxhal_init() == 0 ? 0 : 1);
+            },
+            testing::ExitedWithCode(each.right ? 0 : 1), each.right ? "" : "OXHAL: ")
+            << each.driver << " '" << each.ports << "'";
+    }
+}
+
+} // namespace
