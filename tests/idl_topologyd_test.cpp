@@ -350,7 +350,7 @@ TEST_F(idl_topologyd, sends_one_request_at_a_time_but_overtakes_one_that_waits_f
 TEST_F(idl_topologyd, asks_again_after_a_refusal_ever_more_patiently) {
     start_connected(link_a1);
     indicate(take_reference(SUBSCRIBE), unsecured);
-    for (uint32_t pause_ms : {1000, 2000, 4000, 8000, 16000, 30000, 30000}) {
+    for (uint32_t pause_ms : {1000u, 2000u, 4000u, 8000u, 16000u, 30000u, 30000u}) {
         reject(take_reference(ADDED), ADDED, OXMSI_REJ_UNKNOWN_PORT_NAME);
         advance(pause_ms - 1);
         EXPECT_TRUE(daemon->is_silent()) << pause_ms << " ms: " << daemon->waiting();
@@ -407,7 +407,7 @@ TEST_F(idl_topologyd, asks_for_a_refused_connection_again) {
     start(link_a1);
     daemon.emplace("oxmsi");
     settle();
-    for (uint32_t pause_ms : {1000, 2000}) {
+    for (uint32_t pause_ms : {1000u, 2000u}) {
         auto request = daemon->take(OXMSI_CONNECTION_ESTABLISH_REQ);
         const auto& header = request.as<message_header>();
         reply(OXMSI_CONNECTION_ESTABLISH_REJ, header.procedure_reference, header.connection_reference,
