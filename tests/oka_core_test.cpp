@@ -1,7 +1,10 @@
 // The messaging core on virtual time: what cannot be seen with real clocks, or only by luck.
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "platform/oka.h"
+#include "platform/oka/oka_watch.h"
 #include "platform/oka/simulation.h"
 #include "platform/oka_timer.h"
 
@@ -179,6 +182,56 @@ TEST_F(core_test, a_message_cut_short_reads_as_what_arrived) {
     EXPECT_EQ(oka_size(taken), 3u);
     EXPECT_EQ(taken->number, 0u);
     oka_free(&taken);
+}
+
+class watch_test : public core_test {
+  protected:
+    void SetUp() override {
+        core_test::SetUp();
+        ASSERT_EQ(pipe(ends), 0);
+        watch = oka_watch(ends[0], root, word);
+        EXPECT_NE(watch, 0u);
+        EXPECT_EQ(next(), nothing);
+        write_byte();
+    }
+    void write_byte() { EXPECT_EQ(write(ends[1], "x", 1), 1); }
+    void read_byte() {
+        char byte;
+        EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    }
+
+    int ends[2];
+    oka_watch_ref watch = 0;
+};
+
+TEST_F(watch_test, a_readable_descriptor_is_one_message_at_a_time) {
+    write_byte();
+    // Whoever leaves something unread is told again, and once the other messages had their turn.
+    for (int unread = 2; unread > 0; --unread) {
+        EXPECT_EQ(next(), (received{word, OKA_MAILBOX_NONE, root}));
+        send(1, root, root);
+        EXPECT_EQ(next().number, 1u);
+        EXPECT_EQ(next().number, word);
+        read_byte();
+    }
+    EXPECT_EQ(next(), nothing);
+    close(ends[1]);
+    EXPECT_EQ(next().number, word) << "the other end was closed";
+}
+
+TEST_F(watch_test, nothing_is_delivered_after_unwatch_or_to_a_deleted_mailbox) {
+    const uint32_t others[] = {1, 0};
+    EXPECT_EQ(oka_receive(others, 0, OKA_ANY_SENDER), nullptr); // now its message is queued
+    oka_unwatch(watch);
+    oka_unwatch(watch);
+    EXPECT_EQ(next(), nothing);
+    oka_mailbox client = oka_clone_mailbox(root, "client");
+    EXPECT_NE(oka_watch(ends[0], client, word), 0u);
+    oka_delete_mailbox(client);
+    EXPECT_EQ(next(), nothing);
+    EXPECT_EQ(oka_watch(ends[0], client, word), 0u) << "no such mailbox";
+    EXPECT_EQ(oka_watch(-1, root, word), 0u) << "no such descriptor";
+    EXPECT_EQ(sim::live().watches, 0u);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/oka/core_internal.h"
+#include "platform/oka/descriptors.h"
 #include "platform/oka/id_table.h"
 #include "platform/oka/names.h"
 #include "platform/oka/oka_trace.h"
@@ -427,6 +428,7 @@ void oka_exit() {
     drop_queued_if([](const envelope&) { return true; });
     while (core.gone_mailboxes > 0)
         forget_oldest_gone();
+    oka::release_descriptors();
     core.started = false;
 }
 

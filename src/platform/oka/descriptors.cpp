@@ -55,6 +55,13 @@ uint32_t watched_descriptors() {
     return set.watched;
 }
 
+void release_descriptors() {
+    if (set.epoll < 0 || set.watched > 0)
+        return;
+    close(set.epoll);
+    set.epoll = -1;
+}
+
 bool wait_for_descriptors(int timeout_ms) {
     if (!open_epoll()) {
         OKA_ERROR("OKA: No epoll: %s", strerror(errno));

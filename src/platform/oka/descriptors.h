@@ -18,6 +18,8 @@ bool watch(descriptor& watched, uint32_t events);
 bool change_watch(descriptor& watched, uint32_t events);
 void unwatch(descriptor& watched);
 uint32_t watched_descriptors();
+// Lets go of the epoll itself, unless someone still uses it: a child process must not share it.
+void release_descriptors();
 
 // One system call: waits at most `timeout_ms` (-1 for ever) and calls `ready` for those that are. Whether
 // any was.

@@ -168,6 +168,12 @@ bool listen_under(int folder, const char* name, int socket, oka::published_socke
     return false;
 }
 
+bool is_in_place(int folder, const char* name, const oka::published_socket& published) {
+    struct stat status;
+    return fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && status.st_dev == published.device &&
+           status.st_ino == published.inode;
+}
+
 bool in_group(int socket, gid_t group) {
     socklen_t size = 0;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size) == 0 || errno != ERANGE)
@@ -237,14 +243,16 @@ bool publish_socket(const char* name, published_socket& published) {
     return true;
 }
 
+bool socket_in_place(const char* name, const published_socket& published) {
+    unit_folder folder;
+    scoped_fd opened(folder_of("", folder) ? open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
+    return opened && is_in_place(opened.get(), name, published);
+}
+
 void unpublish_socket(const char* name, const published_socket& published) {
     unit_folder folder;
-    if (!folder_of("", folder))
-        return;
-    scoped_fd opened(open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat status;
-    if (opened && fstatat(opened.get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        status.st_dev == published.device && status.st_ino == published.inode)
+    scoped_fd opened(folder_of("", folder) ? open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
+    if (opened && is_in_place(opened.get(), name, published))
         unlinkat(opened.get(), name, 0);
 }
 

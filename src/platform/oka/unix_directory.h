@@ -27,6 +27,8 @@ struct published_socket {
 };
 // Reports why when it cannot be.
 bool publish_socket(const char* name, published_socket& published);
+// Whether the file is there and still that socket's.
+bool socket_in_place(const char* name, const published_socket& published);
 // Removes the file, if it is still that socket's.
 void unpublish_socket(const char* name, const published_socket& published);
 
