@@ -400,6 +400,9 @@ int copies_of(const uint8_t* key, const uint8_t (&pattern)[16]) {
 }
 
 TEST_F(oxhal_kernel, keeps_no_copy_of_a_key) {
+#if defined(__SANITIZE_ADDRESS__) || (defined(__clang__) && __has_feature(address_sanitizer))
+    GTEST_SKIP() << "the memory of a process under AddressSanitizer cannot be searched";
+#endif
     start();
     ASSERT_EQ(oxhal_macsec_transmit_sc_create(a.port, a.own), 0);
     ASSERT_EQ(oxhal_macsec_receive_sc_create(a.port, a.peer), 0);
