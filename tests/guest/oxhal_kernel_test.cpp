@@ -25,6 +25,10 @@
 
 #include "platform/oxhal.h"
 
+#ifndef __has_feature
+#define __has_feature(feature) 0 // clang's; the sanitized build is clang's too
+#endif
+
 namespace {
 
 constexpr oxhal_macsec_sci sci_a = {{0x02, 0, 0, 0, 0, 0x01, 0, 0}};
@@ -400,7 +404,7 @@ int copies_of(const uint8_t* key, const uint8_t (&pattern)[16]) {
 }
 
 TEST_F(oxhal_kernel, keeps_no_copy_of_a_key) {
-#if defined(__SANITIZE_ADDRESS__) || (defined(__clang__) && __has_feature(address_sanitizer))
+#if __has_feature(address_sanitizer)
     GTEST_SKIP() << "the memory of a process under AddressSanitizer cannot be searched";
 #endif
     start();
