@@ -1,0 +1,345 @@
+// What ends a CA's keying, and what stays as it was; the life cycle; the tables of states.
+#include <algorithm>
+#include <functional>
+#include <new>
+#include <tuple>
+
+#include "support/key_server_world.h"
+#include "tavu/key_server_records.h"
+
+namespace {
+
+using namespace tavu;
+
+class key_server_failure : public test::key_server_world {
+  protected:
+    // Indications as a timer would deliver them.
+    void time_out(const char* ca, uint32_t client_id, size_t size = sizeof(keysrv_msg_timeout_ind)) {
+        keysrv_msg_timeout_ind indication{{{}, 106, 0}, MKA_CREATE_RX_SC_RREQ, 102, client_id, {}};
+        indication.ca.assign(ca);
+        a.mailbox.send_bytes(server, KEYSRV_MSG_TIMEOUT_IND, &indication, size);
+        run();
+    }
+    void refresh(const char* ca, size_t size = sizeof(keysrv_key_refresh_timer_ind)) {
+        keysrv_key_refresh_timer_ind indication{};
+        indication.ca.assign(ca);
+        a.mailbox.send_bytes(server, KEYSRV_KEY_REFRESH_TIMER_IND, &indication, size);
+        run();
+    }
+    void expect_secured_afresh() {
+        secure();
+        std::string conversation = heard();
+        EXPECT_EQ(conversation.substr(0, 8), "rx_sc(2)");
+        EXPECT_EQ(conversation.substr(conversation.size() - 7), "protect");
+    }
+};
+
+TEST_F(key_server_failure, a_request_without_an_answer_ends_the_keying_after_five_seconds) {
+    struct row {
+        uint32_t request;
+        const char* heard;
+    };
+    const row rows[] = {
+        {MKA_CREATE_RX_SC_RREQ, "rx_sc(2)"},
+        {MKA_CREATE_RX_SA_RREQ, "rx_sa(2,1)"},
+        {MKA_CREATE_TX_SA_RREQ, "tx_sa(2)"},
+        {MKA_UPDATE_PROTECT_FRAMES_RREQ, "protect"},
+    };
+    for (const row& row : rows) {
+        SCOPED_TRACE(row.heard);
+        a.obliging = false;
+        b.obliging = true;
+        announce();
+        for (const auto& earlier : rows) {
+            if (earlier.request == row.request)
+                break;
+            a.confirm(earlier.request);
+            run();
+        }
+        std::string conversation = a.heard();
+        EXPECT_EQ(conversation.substr(conversation.rfind(' ') + 1), row.heard);
+        b.heard();
+        pass(4999);
+        EXPECT_EQ(heard(), " | ");
+        pass(1);
+        EXPECT_EQ(heard(), "leave | leave");
+        pass(5000);
+        EXPECT_EQ(heard(), " | ");
+    }
+    // One that crossed its confirmation counts.
+    expect_secured_afresh();
+    time_out("ca1", 1);
+    EXPECT_EQ(heard(), "leave | leave");
+    stop_and_expect_nothing_left();
+}
+
+TEST_F(key_server_failure, whatever_happens_to_one_member_sends_its_whole_ca_away) {
+    struct row {
+        const char* rule;
+        std::function<void()> event;
+        const char* heard; // by the member that it happens to
+        const char* error;
+    };
+    const row rows[] = {
+        {"leave", [&] { b.leave("ca1"); }, "leave_cfm leave", ""},
+        {"leave, of another CA's name", [&] { b.leave("ca2"); }, "leave_cfm leave", ""},
+        {"left on its own", [&] { b.say(MKA_LEAVE_CA_RCFM, 100); }, "leave_cfm leave", ""},
+        {"channel refused", [&] { b.reject(MKA_CREATE_RX_SC_RREJ, 102); }, "leave",
+         "handle_ks_ca_member_create_rx_sc_rrej: element id 2 pushed out of ca ca1 (rx_sc_creation "
+         "rejected)"},
+        {"receive SA refused", [&] { b.reject(MKA_CREATE_RX_SA_RREJ, 104); }, "leave",
+         "handle_ks_ca_member_create_rx_sa_rrej: element id 2 pushed out of ca ca1 (rx_sa_creation "
+         "rejected)"},
+        {"transmit SA refused", [&] { b.reject(MKA_CREATE_TX_SA_RREJ, 103); }, "leave",
+         "handle_ks_ca_member_create_tx_sa_rrej: element id 2, ca ca1 (tx_sa_creation rejected)"},
+        {"protection refused", [&] { b.reject(MKA_UPDATE_PROTECT_FRAMES_RREJ, 105); }, "leave", ""},
+        {"closed", [&] { b.close(); }, "closed leave", ""},
+        {"dead", [&] { b.mailbox.disappear(); }, "", ""},
+    };
+    // A CA beside this one goes on undisturbed.
+    EXPECT_TRUE(key_server_add_ca("ca2"));
+    test::ca_member c(server, "kay-3", 1);
+    test::ca_member d(server, "kay-4", 4);
+    connect();
+    for (test::ca_member* member : {&c, &d}) {
+        add(*member);
+        member->obliging = true;
+        member->join("ca2");
+        member->announce("ca2");
+    }
+    run();
+    c.heard();
+    d.heard();
+    for (const row& row : rows) {
+        SCOPED_TRACE(row.rule);
+        expect_secured_afresh();
+        forget_traces();
+        row.event();
+        run();
+        EXPECT_EQ(heard(), std::string("leave | ") + row.heard);
+        EXPECT_EQ(take_errors(), *row.error ? std::string("KEYSRV: ") + row.error + "\n" : "");
+    }
+    test::ca_member e(server, "kay-5", 2);
+    add(e);
+    a.join("ca1");
+    e.join("ca1");
+    run();
+    e.is_alive = false;
+    pass(5000);
+    EXPECT_EQ(a.heard() + " | " + e.heard(), "joined leave | joined leave");
+    EXPECT_EQ(c.heard() + d.heard(), "");
+    pass(175000);
+    EXPECT_EQ(c.heard() + " | " + d.heard(), "rx_sa(4,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
+    EXPECT_EQ(a.heard(), "");
+    stop_and_expect_nothing_left();
+}
+
+TEST_F(key_server_failure, what_comes_from_no_member_is_traced_and_changes_nothing) {
+    secure();
+    heard();
+    test::ca_member c(server, "kay-3", 3);
+    add(c);
+    struct row {
+        std::function<void()> event;
+        const char* error;
+    };
+    const row rows[] = {
+        {[&] { c.leave("ca9"); }, "leave_ca: ca = ca9 not found (client_id=3)"},
+        {[&] { c.leave("ca1"); }, "leave_ca: client_id = 3 not found (ca=ca1)"},
+        {[&] { c.say(MKA_LEAVE_CA_RCFM, 100); }, "leave_ca: client_id = 3 not found"},
+        {[&] { c.say(MKA_CREATE_RX_SC_RCFM, 102); },
+         "handle_ks_ca_member_create_rx_sc_rcfm: element not found (client_id=3)"},
+        {[&] { c.say(MKA_UPDATE_PROTECT_FRAMES_RCFM, 105); },
+         "handle_mka_client_update_protect_frames_rcfm: element not found (client_id=3)"},
+        {[&] { c.reject(MKA_CREATE_RX_SC_RREJ, 102); },
+         "handle_ks_ca_member_create_rx_sc_rrej: element not found (client_id=3)"},
+        {[&] { time_out("ca9", 1); }, "CA 'ca9' not found, message='MKA_CREATE_RX_SC_RREQ'"},
+        {[&] { time_out("ca1", 3); }, "client id = 3 not found, CA='ca1', message='MKA_CREATE_RX_SC_RREQ'"},
+        {[&] { refresh("ca9"); }, "ca = ca9 not found"},
+        {[&] { c.close(); }, "handle_ks_ca_member_connection_closed_ind: client_id = 3"},
+    };
+    for (const row& row : rows) {
+        SCOPED_TRACE(row.error);
+        forget_traces();
+        row.event();
+        run();
+        EXPECT_EQ(take_errors(), std::string("KEYSRV: ") + row.error + "\n");
+        EXPECT_EQ(heard(), " | ");
+    }
+    c.is_alive = false;
+    add(c);
+    pass(5000);
+    EXPECT_TRUE(traced("KEYSRV: handle_ks_heartbeat_timeout_ind: client_id = 3"));
+    c.close();
+    run();
+    for (size_t size : {4u, 75u, 77u, 87u, 89u}) {
+        refresh("ca1", size);
+        time_out("ca1", 1, size);
+    }
+    EXPECT_EQ(heard(), " | ");
+    add(c);
+    forget_traces();
+    c.mailbox.disappear();
+    run();
+    EXPECT_EQ(take_errors(), "KEYSRV: handle_ks_ca_member_peer_down_ind: client_id = 3\n");
+    pass(180000);
+    EXPECT_EQ(heard(), "rx_sa(2,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
+}
+
+TEST_F(key_server_failure, without_a_key_the_members_start_over) {
+    keys_fail = true;
+    secure();
+    EXPECT_EQ(heard(), "rx_sc(2) leave | tx_sc_cfm rx_sc(1) leave");
+    EXPECT_TRUE(traced("KEYSRV: Could not generate new SAK"));
+    EXPECT_TRUE(traced("KEYSRV: update_keys_in_ca fails on ca ca1"));
+    keys_fail = false;
+    expect_secured_afresh();
+    keys_fail = true;
+    pass(180000);
+    EXPECT_EQ(heard(), "leave | leave");
+    keys_fail = false;
+    pass(400000);
+    EXPECT_EQ(heard(), " | ");
+    expect_secured_afresh();
+    stop_and_expect_nothing_left();
+}
+
+TEST_F(key_server_failure, a_refresh_that_is_due_at_the_wrong_time_is_put_off) {
+    announce();
+    refresh("ca1");
+    EXPECT_TRUE(traced("KEYSRV: Key refresh timeout event for ca 'ca1' on unexpected state "
+                       "(state=KEY_REFRESH_STOPPED): stopped"));
+    a.confirm(MKA_CREATE_RX_SC_RREQ);
+    b.confirm(MKA_CREATE_RX_SC_RREQ);
+    run();
+    heard();
+    refresh("ca1");
+    EXPECT_TRUE(traced("KEYSRV: Key refresh timeout event for ca 'ca1' on unexpected state "
+                       "(state=KEY_REFRESH_ONGOING): retriggered"));
+    EXPECT_EQ(heard(), " | ");
+    a.obliging = b.obliging = true;
+    a.confirm(MKA_CREATE_RX_SA_RREQ);
+    b.confirm(MKA_CREATE_RX_SA_RREQ);
+    run();
+    EXPECT_EQ(heard(), "tx_sa(1) protect | tx_sa(1) protect");
+    pass(180000);
+    EXPECT_EQ(heard(), "rx_sa(2,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
+}
+
+TEST_F(key_server_failure, no_allocation_that_fails_does_more_than_start_the_ca_over) {
+    auto life_of_a_ca = [&] {
+        std::ignore = key_server_add_ca("ca2");
+        a.obliging = b.obliging = true;
+        connect();
+        for (test::ca_member* member : {&a, &b}) {
+            member->join("ca2");
+            member->announce("ca2");
+        }
+        pass(5000 + 180000);
+        std::ignore = key_server_remove_ca("ca2");
+        a.close();
+        b.close();
+        run();
+    };
+    unsigned before = test::allocations();
+    life_of_a_ca();
+    unsigned count = test::allocations() - before;
+    EXPECT_GT(count, 20u);
+    for (unsigned nth = 1; nth <= count; nth++) {
+        SCOPED_TRACE(nth);
+        test::fail_allocation(nth);
+        life_of_a_ca();
+        test::fail_allocation(0);
+        heard();
+        expect_secured_afresh();
+        a.leave("ca1");
+        run();
+        heard();
+    }
+    stop_and_expect_nothing_left();
+}
+
+TEST_F(key_server_failure, refuses_operations_in_the_wrong_state) {
+    secure();
+    heard();
+    const key_server_callbacks callbacks = {generate_sak};
+    forget_traces();
+    EXPECT_FALSE(key_server_init(root(), &callbacks));
+    EXPECT_FALSE(key_server_start());
+    EXPECT_FALSE(key_server_add_ca("ca1"));    // there already
+    EXPECT_FALSE(key_server_remove_ca("ca2")); // never there
+    EXPECT_TRUE(key_server_stop());
+    run();
+    EXPECT_EQ(heard(), "leave | leave");
+    EXPECT_FALSE(key_server_stop());
+    EXPECT_FALSE(key_server_add_ca("ca2"));
+    EXPECT_FALSE(key_server_remove_ca("ca1"));
+    oka_message* message = oka_alloc(sizeof(keysrv_key_refresh_timer_ind), KEYSRV_KEY_REFRESH_TIMER_IND);
+    EXPECT_FALSE(ks_dispatch_message(message));
+    oka_free(&message);
+    std::string errors = take_errors();
+    const std::string in_initial = " called in wrong state: current: 'KEYSRV_GLOBAL_STATE_INITIAL', "
+                                   "expected: 'KEYSRV_GLOBAL_STATE_READY'\n";
+    for (const char* operation :
+         {"key_server_stop", "key_server_add_ca", "key_server_remove_ca", "ks_dispatch_message"})
+        EXPECT_NE(errors.find("KEYSRV: " + std::string(operation) + in_initial), std::string::npos)
+            << operation;
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 6) << errors;
+
+    // The MKA server goes on, but a join has no CA to find and no answer.
+    a.join("ca1");
+    run();
+    EXPECT_EQ(heard(), " | ");
+    EXPECT_EQ(take_errors(), "KEYSRV: CA 'ca1' not found for client id = 1\n"
+                             "KEYSRV: ks_send_join_ca_rej_by_client_id" +
+                                 in_initial);
+}
+
+TEST(key_server_start_up, needs_its_callback) {
+    const key_server_callbacks none = {};
+    EXPECT_FALSE(key_server_init(1, nullptr));
+    EXPECT_FALSE(key_server_init(1, &none));
+}
+
+// Every pair of states, against the changes written down here.
+template<class Change>
+void expect_changes(uint32_t states, const std::vector<std::string>& allowed, Change change) {
+    for (uint32_t from = 0; from < states; from++) {
+        for (uint32_t to = 0; to < states; to++) {
+            bool is_allowed = from == to || allowed[from].find(std::to_string(to)) != std::string::npos;
+            EXPECT_EQ(change(from, to), is_allowed ? to : from) << from << " -> " << to;
+        }
+    }
+}
+
+TEST(key_server_states, change_as_their_tables_say_and_in_no_other_way) {
+    expect_changes(3, {"1", "02", ""}, [](uint32_t from, uint32_t to) -> uint32_t {
+        keysrv::connectivity_association ca{};
+        ca.state = static_cast<keysrv::ca_state>(from);
+        change_ca_state(ca, static_cast<keysrv::ca_state>(to));
+        return ca.state;
+    });
+    expect_changes(7, {"16", "26", "36", "46", "56", "6", "0"}, [](uint32_t from, uint32_t to) -> uint32_t {
+        keysrv::ca_member member{};
+        member.state = static_cast<keysrv::ca_member_state>(from);
+        change_ca_member_state(member, static_cast<keysrv::ca_member_state>(to));
+        return member.state;
+    });
+    expect_changes(3, {"2", "02", "01"}, [](uint32_t from, uint32_t to) -> uint32_t {
+        keysrv::connectivity_association ca{};
+        ca.refresh_state = static_cast<keysrv::key_refresh_state>(from);
+        change_key_refresh_state(ca, static_cast<keysrv::key_refresh_state>(to));
+        return ca.refresh_state;
+    });
+}
+
+TEST(key_server_keys, leave_nothing_behind) {
+    alignas(keysrv::sak_record) static uint8_t memory[sizeof(keysrv::sak_record)];
+    auto* record = new (memory) keysrv::sak_record{};
+    memset(record->key.refill(), 0xa5, sak_len_max);
+    EXPECT_NE(memchr(memory, 0xa5, sizeof memory), nullptr);
+    record->~sak_record();
+    EXPECT_EQ(memchr(memory, 0xa5, sizeof memory), nullptr);
+}
+
+} // namespace
