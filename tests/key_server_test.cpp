@@ -215,15 +215,21 @@ TEST_F(key_server, replaces_all_keys_every_180_seconds_with_the_next_an) {
 
 TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) {
     secure();
-    pass(180000);
+    pass(180000 + 90000);
     heard();
     a.leave("ca1");
     run();
     EXPECT_EQ(heard(), "leave_cfm leave | leave");
+    ca_name ca1;
+    ca1.assign("ca1");
+    EXPECT_EQ(keysrv::find_ca_by_name(ca1)->saks.first()->key.octets()[0], 0);
     secure();
     EXPECT_EQ(heard(),
               "rx_sc(2) rx_sa(2,3) tx_sa(3) protect | tx_sc_cfm rx_sc(1) rx_sa(1,3) tx_sa(3) protect");
     EXPECT_EQ(key_name(a, MKA_CREATE_TX_SA_RREQ).substr(27), "-5");
+
+    pass(179999);
+    EXPECT_EQ(heard(), " | ");
 
     // With another SCI, b starts an AN sequence of its own, and its old SCI gets no more keys.
     a.leave("ca1");
@@ -285,11 +291,15 @@ TEST_F(key_server, is_formed_again_from_wherever_a_forming_broke_off) {
 }
 
 TEST_F(key_server, is_not_misled_by_confirmations_that_nobody_awaits) {
-    // Before there is a key, none is handed out.
+    // Before there is a new key, none is handed out, and not that of the forming before.
+    secure();
+    a.leave("ca1");
+    run();
+    heard();
+    a.obliging = b.obliging = false;
     join();
     a.confirm(MKA_CREATE_RX_SC_RREQ);
     a.confirm(MKA_UPDATE_PROTECT_FRAMES_RREQ);
-    run();
     b.announce("ca1");
     a.announce("ca1");
     run();
@@ -302,7 +312,8 @@ TEST_F(key_server, is_not_misled_by_confirmations_that_nobody_awaits) {
     a.confirm(MKA_CREATE_RX_SC_RREQ);
     b.confirm(MKA_CREATE_RX_SC_RREQ);
     run();
-    EXPECT_EQ(heard(), "rx_sa(2,1) tx_sa(1) protect | rx_sa(1,1) tx_sa(1) protect");
+    EXPECT_EQ(heard(), "rx_sa(2,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
+    EXPECT_EQ(keys_made, 4);
     pass(100000);
 
     // A key is installed for transmission once, and what is confirmed twice does not put off its end.
@@ -315,7 +326,7 @@ TEST_F(key_server, is_not_misled_by_confirmations_that_nobody_awaits) {
               "KEYSRV: update_protect_frames_state: Unexpected msg for client id = 1, CA name = "
               "'ca1'\n");
     pass(80000);
-    EXPECT_EQ(heard(), "rx_sa(2,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
+    EXPECT_EQ(heard(), "rx_sa(2,3) tx_sa(3) protect | rx_sa(1,3) tx_sa(3) protect");
 
     // A second SAK record within one forming is refused.
     forget_traces();
