@@ -34,9 +34,17 @@ class id_table {
         --records;
     }
 
-    // Any record, or null: for emptying the table.
-    T* first() const {
-        return find_if([](const T&) { return true; });
+    // Removes any record, or gives null: for emptying the table.
+    T* take_any() {
+        for (T*& head : heads) {
+            if (!head)
+                continue;
+            T* taken = head;
+            head = taken->next_in_table;
+            --records;
+            return taken;
+        }
+        return nullptr;
     }
 
     template<typename Predicate>

@@ -17,7 +17,7 @@ namespace oka {
 namespace {
 
 // What a peer that does not read may cost, in bytes that wait for it here, beside what the kernel holds.
-constexpr size_t backlog_limit = 1024 * 1024;
+constexpr size_t backlog_limit = size_t{1} << 20;
 constexpr size_t connections_limit = 512;
 // Accepted connections that have not said who they are; the oldest makes room for the next.
 constexpr size_t strangers_limit = 64;
@@ -237,8 +237,8 @@ remote_mailbox* know_mailbox(peer* of, uint32_t id) {
     return fresh;
 }
 
+// One that is no longer in its peer's table.
 void forget_mailbox(remote_mailbox* gone) {
-    gone->of->mailboxes.remove(gone);
     remove_remote(gone->known_as);
     delete gone;
 }
@@ -374,8 +374,10 @@ outcome handle_found(peer* of, uint32_t id) {
 }
 
 outcome handle_gone(peer* of, uint32_t id) {
-    if (remote_mailbox* gone = of->mailboxes.find(id))
+    if (remote_mailbox* gone = of->mailboxes.find(id)) {
+        of->mailboxes.remove(gone);
         forget_mailbox(gone);
+    }
     while (link_search* search = take_asking(*of, id))
         search->failed(*search);
     return outcome::handled;
@@ -504,7 +506,7 @@ void finish(peer* gone) {
         slot = nullptr;
     }
     drop_backlog(*gone);
-    while (remote_mailbox* mailbox = gone->mailboxes.first())
+    while (remote_mailbox* mailbox = gone->mailboxes.take_any())
         forget_mailbox(mailbox);
     while (link_search* search = gone->asking) {
         gone->asking = search->next_asking;
