@@ -1,0 +1,661 @@
+// The port manager under the real MACsec service, whose clients the test plays; KaYs, key server and
+// port-control client are recorders in its place, so that every outcome can be had at will.
+#include "tavu/tavu_port_manager.h"
+
+#include <map>
+
+#include "platform/oxhal.h"
+#include "support/topology_manager.h"
+#include "support/world.h"
+#include "tavu/kay.h"
+#include "tavu/key_server.h"
+#include "tavu/oxmsi_server.h"
+#include "tavu/tavu_utils.h"
+
+using namespace tavu;
+
+namespace {
+
+// What the port manager stands on.
+struct {
+    std::string calls; // of everything below, one a line
+    std::map<std::string, oxpcsi_port_data> ports;
+    kay_callbacks kay = {};
+    bool kay_init = true;
+    bool kay_start = true;
+    bool kay_create = true;
+    bool kay_connect = true;
+    kay_state_change_ind unauthenticated = {false, false, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_DISABLED};
+} fake;
+
+std::string take_calls() {
+    return std::exchange(fake.calls, "");
+}
+
+} // namespace
+
+namespace tavu {
+
+bool kay_init(oka_mailbox, const kay_callbacks* callbacks) {
+    fake.kay = *callbacks;
+    return fake.kay_init;
+}
+bool kay_start() {
+    fake.calls += "start\n";
+    return fake.kay_start;
+}
+bool kay_stop() {
+    fake.calls += "stop\n";
+    return true;
+}
+bool kay_create_instance(const char* port) {
+    fake.calls += std::string("create ") + port + "\n";
+    return fake.kay_create;
+}
+bool kay_connect_unauthenticated(const char* port, kay_state_change_ind& indication) {
+    fake.calls += std::string("unauthenticated ") + port + "\n";
+    if (fake.kay_connect)
+        indication = fake.unauthenticated;
+    return fake.kay_connect;
+}
+bool kay_connect_secured(const char* port, const char* ca, const char* key_server,
+                         const kay_configuration_options& options) {
+    fake.calls += std::string("secured ") + port + " " + ca + " " + key_server + "\n";
+    char identifier[128];
+    sci_to_str1(identifier, options.identifier);
+    EXPECT_EQ(std::string(identifier), "SCI = { MAC = 02:00:00:00:00:0a , port identifier = 0 }");
+    EXPECT_EQ(options.mka_port_speed, 25000u);
+    EXPECT_TRUE(options.replay_protection && options.always_use_sci && !options.use_es && !options.use_scb);
+    EXPECT_EQ(options.replay_window, 0u);
+    EXPECT_EQ(options.validate_frames, 1u);
+    return fake.kay_connect;
+}
+const char* kay_macsec_role_to_str(macsec_role role) {
+    return role == MACSEC_ROLE_SECURED ? "MACSEC_ROLE_SECURED" : "MACSEC_ROLE_UNAUTHENTICATED";
+}
+const char* macsec_encryption_state_to_str(macsec_encryption_state state) {
+    return state == MACSEC_ENCRYPTION_ENABLED ? "MACSEC_ENCRYPTION_ENABLED" : "MACSEC_ENCRYPTION_DISABLED";
+}
+const char* cp_oper_state_to_str(kay_cp_oper_state state) {
+    return state == KAY_CP_OPER_ENABLED ? "KAY_CP_OPER_ENABLED" : "KAY_CP_OPER_DISABLED";
+}
+bool key_server_add_ca(const char* name) {
+    fake.calls += std::string("add ") + name + "\n";
+    return true;
+}
+bool key_server_remove_ca(const char* name) {
+    fake.calls += std::string("remove ") + name + "\n";
+    return true;
+}
+bool oxpcsi_get_port_data(const char* port, oxpcsi_port_data& output) {
+    auto found = fake.ports.find(port);
+    if (found != fake.ports.end())
+        output = found->second;
+    return found != fake.ports.end();
+}
+
+} // namespace tavu
+
+namespace {
+
+constexpr oxmsi_callbacks to_port_manager = {
+    tavu_pm_handle_oxmsi_idl_link_added_req,   tavu_pm_handle_oxmsi_idl_link_deleted_req,
+    tavu_pm_handle_oxmsi_idl_link_updated_req, tavu_pm_handle_oxmsi_subscribe_req,
+    tavu_pm_handle_oxmsi_unsubscribe_req,      tavu_pm_handle_oxmsi_client_down_ind,
+    tavu_pm_handle_oxmsi_connection_close_ind,
+};
+
+class port_manager_world : public test::world {
+  protected:
+    explicit port_manager_world(const char* mpid = "3") {
+        setenv("MPID", mpid, 1);
+        route_to([](const oka_message* message) {
+            if (!oxmsi_dispatch_message(message))
+                handled_ = tavu_pm_dispatch_message(message);
+        });
+        for (const char* name : {"IDL_A1", "IDL_B1", "IDL_A2"})
+            fake.ports[name] = port_data(name);
+    }
+
+    static oxpcsi_port_data port_data(const char* name, uint32_t admin_state = 1, uint32_t oper_state = 1) {
+        oxpcsi_port_data data = {};
+        data.port.assign(name);
+        data.admin_state = admin_state;
+        data.oper_state = oper_state;
+        data.line_rate = 25000;
+        data.mac_address[0] = 2;
+        data.mac_address[5] = 10;
+        return data;
+    }
+
+    static bool handled_;
+};
+bool port_manager_world::handled_ = false;
+
+// With two ports.
+class ready_port_manager : public port_manager_world {
+  protected:
+    explicit ready_port_manager(const char* mpid) : port_manager_world(mpid) {
+        EXPECT_TRUE(oxmsi_server_init(root(), &to_port_manager));
+        EXPECT_TRUE(tavu_pm_init(root()));
+        EXPECT_TRUE(oxmsi_server_start());
+        EXPECT_TRUE(tavu_pm_start());
+        EXPECT_TRUE(tavu_pm_create_instance("IDL_A1"));
+        EXPECT_TRUE(tavu_pm_create_instance("IDL_B1"));
+        EXPECT_TRUE(oxmsi_server_publish("oxmsi"));
+        EXPECT_EQ(take_calls(),
+                  "start\ncreate IDL_A1\nunauthenticated IDL_A1\ncreate IDL_B1\nunauthenticated IDL_B1\n");
+        test::peer finder("finder");
+        oka_message* prepared = oka_alloc(4, OXMSI_SERVER_UP_IND);
+        oka_locate_async("oxmsi", &prepared, finder.mailbox());
+        settle();
+        service_ = finder.take(OXMSI_SERVER_UP_IND).sender();
+    }
+
+    test::topology_manager connect(const char* name) {
+        return test::topology_manager(name, service_, [this] { settle(); });
+    }
+    static tavu_pm_state state(const char* port) {
+        tavu_pm_state state = TAVU_PM_STATE_INITIAL;
+        EXPECT_TRUE(get_tavu_pm_state(port, state));
+        return state;
+    }
+    // The port comes up or goes down.
+    static void set_port(const char* name, uint32_t admin_state, uint32_t oper_state) {
+        fake.ports[name] = port_data(name, admin_state, oper_state);
+        tavu_pm_handle_oxpcsi_port_state_change(fake.ports[name]);
+    }
+    static void report(const char* port, kay_state_change_ind indication) {
+        fake.kay.handle_kay_state_change_ind(port, indication);
+    }
+
+    static constexpr kay_state_change_ind succeeded = {false, true, KAY_CP_OPER_ENABLED,
+                                                       MACSEC_ENCRYPTION_ENABLED};
+    static constexpr kay_state_change_ind failed = {true, false, KAY_CP_OPER_DISABLED,
+                                                    MACSEC_ENCRYPTION_DISABLED};
+    oka_mailbox service_ = OKA_MAILBOX_NONE;
+};
+
+// And a client.
+class port_manager_test : public ready_port_manager {
+  protected:
+    explicit port_manager_test(const char* mpid = "3") : ready_port_manager(mpid) {}
+
+    test::topology_manager client_ = connect("topology-manager");
+    const std::string add_ = "add CA_mp3_IDL_A1_mp7_IDL_B2\n";
+    const std::string secure_ = "secured IDL_A1 CA_mp3_IDL_A1_mp7_IDL_B2 mka-key-server\n";
+    const std::string release_ = "unauthenticated IDL_A1\nremove CA_mp3_IDL_A1_mp7_IDL_B2\n";
+};
+
+TEST_F(port_manager_test, a_link_is_confirmed_when_its_port_is_secured) {
+    client_.subscribe("IDL_A1");
+    EXPECT_EQ(client_.heard(), "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
+    client_.add("IDL_A1");
+    EXPECT_EQ(take_calls(), add_ + secure_);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
+    EXPECT_EQ(client_.heard(), "CHANGE_IND 1 IDL_A1 oper 0 encryption 0\n");
+
+    for (kay_state_change_ind not_yet : {kay_state_change_ind{false, true, KAY_CP_OPER_DISABLED, {}},
+                                         kay_state_change_ind{false, false, KAY_CP_OPER_ENABLED, {}}}) {
+        report("IDL_A1", not_yet);
+        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
+    }
+    set_port("IDL_A1", 1, 1); // nothing new: what is pending stays so
+    settle();
+    EXPECT_EQ(client_.heard(), "");
+
+    report("IDL_A1", succeeded);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
+    report("IDL_A1", succeeded);
+    settle();
+    EXPECT_EQ(client_.heard(), "ADDED_CFM 2 IDL_A1 oper 1 encryption 1\n");
+
+    client_.update("IDL_A1", OXMSI_LTM_LINK_STATUS_MACSEC_PENDING);
+    EXPECT_EQ(client_.heard(), "UPDATED_CFM 3 IDL_A1 oper 1 encryption 1\n"); // is there already
+    EXPECT_EQ(take_calls(), "");
+
+    test::topology_manager late = connect("late");
+    late.subscribe("IDL_A1");
+    EXPECT_EQ(late.heard(), "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 1\n");
+
+    client_.remove("IDL_A1");
+    EXPECT_EQ(take_calls(), release_);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
+    EXPECT_EQ(late.heard(), "CHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
+    // Of what it was told last, "not valid", the subscriber hears the change only now.
+    EXPECT_EQ(client_.heard(),
+              "DELETED_CFM 4 IDL_A1 oper 1 encryption 0\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
+    set_port("IDL_A1", 1, 1); // the role is applied again, to no one's notice
+    EXPECT_EQ(take_calls(), release_);
+    settle();
+    EXPECT_EQ(client_.heard(), "");
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
+}
+
+TEST_F(port_manager_test, a_port_takes_the_role_that_its_state_and_its_link_ask_for) {
+    struct row {
+        uint32_t admin_state, oper_state, link_status, du_type;
+        tavu_pm_state state;
+    };
+    std::vector<row> rows = {
+        {0, 1, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED},   {1, 0, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED},
+        {1, 666, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED}, {666, 1, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED},
+        {1, 1, 2, 1, TAVU_PM_STATE_UNAUTHENTICATED},   {1, 1, 10, 1, TAVU_PM_STATE_UNAUTHENTICATED},
+        {1, 1, 2, 0, TAVU_PM_STATE_UNAUTHENTICATED},   {1, 1, 2, 3, TAVU_PM_STATE_UNAUTHENTICATED},
+    };
+    for (uint32_t status = 0; status <= 11; status++)
+        rows.push_back(
+            {1, 1, status, 2,
+             status == 2 || status == 10 ? TAVU_PM_STATE_CA_JOINING : TAVU_PM_STATE_UNAUTHENTICATED});
+    client_.add("IDL_A1", 0);
+    for (const row& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.admin_state << row.oper_state << " link " << row.link_status
+                                        << " to " << row.du_type);
+        set_port("IDL_A1", 0, 0);
+        client_.update("IDL_A1", row.link_status, row.du_type);
+        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
+        forget_traces();
+        set_port("IDL_A1", row.admin_state, row.oper_state);
+        EXPECT_EQ(state("IDL_A1"), row.state);
+        bool known = row.du_type == 1 || row.du_type == 2;
+        EXPECT_EQ(take_errors(),
+                  known ? ""
+                        : "TAVU: Port 'IDL_A1' is enabled, user_data_type='USER_DATA_IDL', 1 links, link "
+                          "state='OXMSI_LTM_LINK_STATUS_UP', unknown remote DU -> target state: "
+                          "'TAVU_PM_STATE_INITIAL'\n");
+    }
+}
+
+// One unit's MP id, and where that puts the key server of a link to another.
+struct location {
+    const char* own_mpid;
+    uint32_t remote_mpid;
+    const char* ca;
+    bool local;
+};
+class key_server_location : public port_manager_test, public testing::WithParamInterface<location> {
+  protected:
+    key_server_location() : port_manager_test(GetParam().own_mpid) {}
+};
+
+TEST_P(key_server_location, is_the_end_with_the_smaller_id) {
+    const location& expected = GetParam();
+    const std::string path(63, 'p');
+    client_.add("IDL_A1", OXMSI_LTM_LINK_STATUS_UP, OXMSI_DU_TYPE_3, expected.remote_mpid, path.c_str());
+    EXPECT_EQ(take_calls(), (expected.local ? std::string("add ") + expected.ca + "\n" : "") +
+                                "secured IDL_A1 " + expected.ca + " " + (expected.local ? "" : path + "/") +
+                                "mka-key-server\n");
+    client_.remove("IDL_A1");
+    EXPECT_EQ(take_calls(), std::string("unauthenticated IDL_A1\n") +
+                                (expected.local ? std::string("remove ") + expected.ca + "\n" : ""));
+}
+INSTANTIATE_TEST_SUITE_P(, key_server_location,
+                         testing::Values(location{"3", 7, "CA_mp3_IDL_A1_mp7_IDL_B2", true},
+                                         location{"7", 3, "CA_mp3_IDL_B2_mp7_IDL_A1", false},
+                                         location{"5", 5, "CA_mp5_IDL_B2_mp5_IDL_A1", false},
+                                         location{"abc", 1, "CA_mp0_IDL_A1_mp1_IDL_B2", true},
+                                         location{"3", 0xffffffff, "CA_mp3_IDL_A1_mp-1_IDL_B2", true},
+                                         location{"-1", 7, "CA_mp7_IDL_B2_mp-1_IDL_A1", false}));
+
+TEST_F(port_manager_test, a_failure_is_confirmed_once_and_tried_again_every_second) {
+    client_.add("IDL_A1");
+    take_calls();
+    report("IDL_A1", failed);
+    settle();
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+    EXPECT_EQ(client_.heard(), "ADDED_CFM 1 IDL_A1 oper 0 encryption 0\n");
+    report("IDL_A1", succeeded); // too late
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+    EXPECT_TRUE(traced("TAVU: WARNING: handle_kay_state_change_ind called in wrong state: current: "
+                       "'TAVU_PM_STATE_FAILED', expected: 'TAVU_PM_STATE_CA_JOINING or "
+                       "TAVU_PM_STATE_CA_JOINED'"));
+
+    advance(999);
+    EXPECT_EQ(take_calls(), "");
+    fake.kay_connect = false; // now it is not even begun
+    advance(1);
+    EXPECT_EQ(take_calls(), add_ + secure_);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+    fake.kay_connect = true;
+    advance(1000);
+    EXPECT_EQ(take_calls(), add_ + secure_);
+    report("IDL_A1", succeeded);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
+
+    // Established, it falls back for any of three reasons.
+    for (kay_state_change_ind lost : {kay_state_change_ind{true, true, KAY_CP_OPER_ENABLED, {}},
+                                      kay_state_change_ind{false, false, KAY_CP_OPER_ENABLED, {}},
+                                      kay_state_change_ind{false, true, KAY_CP_OPER_DISABLED, {}}}) {
+        report("IDL_A1", lost);
+        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+        advance(1000);
+        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
+        report("IDL_A1", succeeded);
+    }
+    EXPECT_EQ(client_.heard(), "");
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
+}
+
+TEST_F(port_manager_test, an_unauthenticated_role_can_fail_too) {
+    struct row {
+        bool connect;
+        kay_state_change_ind indication;
+        uint32_t encryption;
+    };
+    uint32_t procedure = 0;
+    for (const row& row : {row{true, {true, true, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_ENABLED}, 1},
+                           row{false, {false, true, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_ENABLED}, 0}}) {
+        fake.kay_connect = row.connect;
+        kay_state_change_ind usual = std::exchange(fake.unauthenticated, row.indication);
+        forget_traces();
+        client_.add("IDL_A1", OXMSI_LTM_LINK_STATUS_DOWN);
+        EXPECT_EQ(take_calls(), "unauthenticated IDL_A1\n"); // and the CA is not touched
+        EXPECT_EQ(take_errors(),
+                  "TAVU: Could not set MACsec role 'MACSEC_ROLE_UNAUTHENTICATED' for port 'IDL_A1'\n");
+        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+        EXPECT_EQ(client_.heard(), "ADDED_CFM " + std::to_string(++procedure) + " IDL_A1 oper 0 encryption " +
+                                       std::to_string(row.encryption) + "\n");
+        fake.kay_connect = true;
+        fake.unauthenticated = usual;
+        advance(1000);
+        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
+        client_.remove("IDL_A1");
+        EXPECT_EQ(client_.heard(),
+                  "DELETED_CFM " + std::to_string(++procedure) + " IDL_A1 oper 1 encryption 0\n");
+        take_calls();
+    }
+}
+
+TEST_F(port_manager_test, a_retry_that_is_late_lost_or_forged_changes_nothing) {
+    client_.add("IDL_A1");
+    report("IDL_A1", failed);
+    oka::simulation::advance_ms(1000);
+    oka::simulation::queue_due_timers();
+    set_port("IDL_A1", 1, 1); // just before the expiry is received
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
+    take_calls();
+    forget_traces();
+    settle();
+    EXPECT_EQ(take_errors(),
+              "TAVU: Retry timeout received for port 'IDL_A1', but no timer is running for that name\n");
+
+    report("IDL_A1", failed);
+    fake.ports.erase("IDL_A1");
+    forget_traces();
+    advance(5000);
+    EXPECT_EQ(
+        take_errors(),
+        "TAVU: Retry timeout received for port 'IDL_A1', but could not find port data with that name\n");
+
+    test::peer stranger("stranger");
+    std::string bytes = "...." + std::string(17, 'x');
+    stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, "....IDL_A1\0\0\0\0\0\0\0\0\0", 20);
+    settle();
+    EXPECT_EQ(take_errors(),
+              "TAVU: Retry timeout received for port 'IDL_A1', but no timer is running for that name\n");
+    stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, bytes.data(), 20);
+    settle();
+    EXPECT_EQ(take_errors(),
+              "TAVU: Retry timeout received for port 'xxxxxxxxxxxxxxxx', but no port found with that name\n");
+    for (size_t size : {4u, 19u, 21u}) {
+        stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, bytes.data(), size);
+        settle();
+        EXPECT_TRUE(handled_);
+        EXPECT_EQ(take_errors(), "TAVU: Message 0x1b1220 has wrong size: actual: " + std::to_string(size) +
+                                     " bytes, expected: 20 bytes\n");
+    }
+    stranger.send_bytes(service_, 0x1b121f, bytes.data(), 20);
+    settle();
+    EXPECT_FALSE(handled_);
+    EXPECT_EQ(take_calls(), "");
+}
+
+TEST_F(port_manager_test, a_new_request_first_ends_the_one_that_waits) {
+    client_.add("IDL_A1");
+    client_.add("IDL_B1");
+    EXPECT_EQ(client_.heard(), "");
+    client_.update("IDL_A1", OXMSI_LTM_LINK_STATUS_UP);
+    EXPECT_EQ(client_.heard(), "ADDED_CFM 1 IDL_A1 oper 0 encryption 0\n");
+    client_.remove("IDL_A1");
+    EXPECT_EQ(client_.heard(),
+              "UPDATED_CFM 3 IDL_A1 oper 0 encryption 0\nDELETED_CFM 4 IDL_A1 oper 1 encryption 0\n");
+    report("IDL_B1", succeeded);
+    settle();
+    EXPECT_EQ(client_.heard(), "ADDED_CFM 2 IDL_B1 oper 1 encryption 1\n");
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
+}
+
+TEST_F(port_manager_test, an_update_changes_all_of_a_link_but_its_id_and_its_path) {
+    client_.add("IDL_A1", OXMSI_LTM_LINK_STATUS_DOWN, OXMSI_DU_TYPE_3, 7, "unit-7");
+    EXPECT_EQ(take_calls(), release_);
+    client_.update("IDL_A1", OXMSI_LTM_LINK_STATUS_UP, OXMSI_DU_TYPE_3, 2);
+    EXPECT_EQ(take_calls(), "secured IDL_A1 CA_mp2_IDL_B2_mp3_IDL_A1 unit-7/mka-key-server\n");
+}
+
+TEST_F(port_manager_test, requests_that_cannot_be_met_are_rejected_and_leave_the_port_as_it_is) {
+    constexpr uint32_t up = OXMSI_LTM_LINK_STATUS_UP;
+    uint32_t procedure = 1;
+    auto expect = [&](const char* answer, uint32_t reason, const std::string& error) {
+        std::string text = answer;
+        text += " " + std::to_string(++procedure) + " reason " + std::to_string(reason) + "\n";
+        EXPECT_EQ(client_.heard(), text);
+        EXPECT_EQ(take_errors(), "TAVU: " + error + "\n");
+        EXPECT_EQ(take_calls(), "");
+        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
+    };
+    client_.add("IDL_A1");
+    report("IDL_A1", succeeded);
+    settle();
+    client_.heard();
+    take_calls();
+    forget_traces();
+    client_.add("IDL_A1", up, OXMSI_DU_TYPE_2, 1);
+    expect("ADDED_REJ", 11,
+           "Maximum number of link on port 'IDL_A1' reached: 1, cannot handle add new link event");
+    client_.update("IDL_A1", up, OXMSI_DU_TYPE_2, 1, 18);
+    expect("UPDATED_REJ", 13,
+           "No link with link_id = 18 exists on port 'IDL_A1' cannot handle update link event");
+
+    auto ports = std::exchange(fake.ports, {});
+    client_.add("IDL_X");
+    expect("ADDED_REJ", 10, "Could not find port with name 'IDL_X'");
+    client_.update("IDL_X", up);
+    expect("UPDATED_REJ", 10, "Could not find port with name 'IDL_X'");
+    client_.remove("IDL_X");
+    expect("DELETED_REJ", 10, "Could not find port with name 'IDL_X'");
+    client_.add("IDL_B1");
+    expect("ADDED_REJ", 10, "Could not find port data with name 'IDL_B1'");
+    client_.update("IDL_B1", up);
+    expect("UPDATED_REJ", 10, "Could not find port data with name 'IDL_B1'");
+    client_.remove("IDL_B1");
+    expect("DELETED_REJ", 13, "No link exists on port 'IDL_B1' cannot handle delete link event");
+    client_.remove("IDL_A1", 18);
+    expect("DELETED_REJ", 13,
+           "No link with link_id = 18 exists on port 'IDL_A1' cannot handle delete link event");
+    client_.remove("IDL_A1");
+    expect("DELETED_REJ", 10, "Could not find port data with name 'IDL_A1'");
+
+    fake.ports = ports;
+    set_port("IDL_A1", 0, 0); // nothing of all that reached the names
+    EXPECT_EQ(take_calls(), release_);
+    client_.update("IDL_B1", up, OXMSI_DU_TYPE_2, 7, 0); // a port that never had a link knows it by the id 0
+    EXPECT_EQ(client_.heard(), "UPDATED_CFM 12 IDL_B1 oper 1 encryption 0\n");
+}
+
+TEST_F(port_manager_test, the_loss_of_any_client_releases_every_port) {
+    test::topology_manager second = connect("second");
+    client_.subscribe("IDL_A1");
+    second.subscribe("IDL_A1");
+    second.subscribe("IDL_B1");
+    second.add("IDL_A1");
+    client_.heard();
+    second.heard();
+    take_calls();
+    fake.ports.erase("IDL_B1"); // stays as it is, and does not keep the other
+    forget_traces();
+
+    client_.die();
+    EXPECT_EQ(take_calls(), release_);
+    EXPECT_NE(take_errors().find("TAVU: Could not find port data with name 'IDL_B1'\n"), std::string::npos);
+    // The pending link is not answered; the other client's subscriptions live on.
+    EXPECT_EQ(second.heard(), "CHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
+    EXPECT_EQ(oka::simulation::live().monitors, 1u);
+
+    // The count of the released link is stale; no request stumbles over it.
+    second.remove("IDL_A1");
+    EXPECT_EQ(second.heard(), "DELETED_CFM 4 IDL_A1 oper 1 encryption 0\n");
+    second.remove("IDL_A1");
+    EXPECT_EQ(second.heard(), "DELETED_REJ 5 reason 13\n");
+    second.add("IDL_A1");
+    report("IDL_A1", succeeded);
+    settle();
+    EXPECT_EQ(second.heard(),
+              "CHANGE_IND 1 IDL_A1 oper 0 encryption 0\nADDED_CFM 6 IDL_A1 oper 1 encryption 1\n");
+    take_calls();
+    second.close();
+    EXPECT_EQ(take_calls(), release_);
+    EXPECT_EQ(second.heard(), "CLOSE_CFM 7\n");
+
+    test::topology_manager third = connect("third");
+    third.add("IDL_A1");
+    EXPECT_EQ(take_calls(), add_ + secure_);
+    third.add("IDL_A1");
+    EXPECT_EQ(third.heard(), "ADDED_REJ 2 reason 11\n");
+}
+
+TEST_F(port_manager_test, subscriptions_are_the_clients_own_and_at_most_32) {
+    EXPECT_TRUE(tavu_pm_create_instance("IDL_A2"));
+    client_.unsubscribe("IDL_A1");
+    client_.subscribe("IDL_X");
+    client_.unsubscribe("IDL_X");
+    test::fail_allocation(1);
+    client_.subscribe("IDL_A1");
+    client_.subscribe("IDL_A1");
+    client_.subscribe("IDL_A1");
+    EXPECT_EQ(client_.heard(),
+              "UNSUBSCRIBE_CFM 1\nSUBSCRIBE_REJ 2 reason 10\nSUBSCRIBE_REJ 3 reason 10\n"
+              "SUBSCRIBE_REJ 4 reason 4\n"
+              "SUBSCRIBE_CFM 5\nCHANGE_IND 5 IDL_A1 oper 1 encryption 0\nSUBSCRIBE_REJ 6 reason 8\n");
+
+    std::vector<std::unique_ptr<test::topology_manager>> others;
+    for (int index = 0; index < 11; index++) {
+        others.push_back(std::make_unique<test::topology_manager>(("m" + std::to_string(index)).c_str(),
+                                                                  service_, [this] { settle(); }));
+        for (const char* port : {"IDL_A1", "IDL_B1", "IDL_A2"})
+            others.back()->subscribe(port);
+    }
+    std::string last = others.back()->heard(); // 1 + 10 * 3 are taken: one more has room
+    EXPECT_EQ(last, "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\nSUBSCRIBE_REJ 2 reason 9\n"
+                    "SUBSCRIBE_REJ 3 reason 9\n");
+    client_.unsubscribe("IDL_A1");
+    EXPECT_EQ(client_.heard(), "UNSUBSCRIBE_CFM 7\n");
+    others.back()->subscribe("IDL_B1");
+    EXPECT_EQ(others.back()->heard(), "SUBSCRIBE_CFM 4\nCHANGE_IND 4 IDL_B1 oper 1 encryption 0\n");
+    others[0]->heard();
+    others.back()->add("IDL_A2");
+    EXPECT_EQ(others[0]->heard(), "CHANGE_IND 3 IDL_A2 oper 0 encryption 0\n");
+    EXPECT_EQ(client_.heard() + others.back()->heard(), "");
+}
+
+TEST_F(port_manager_test, stops_with_every_port_unauthenticated_and_can_start_again) {
+    client_.subscribe("IDL_A1");
+    client_.add("IDL_A1");
+    client_.add("IDL_B1");
+    report("IDL_B1", failed);
+    take_calls();
+    EXPECT_EQ(oka::simulation::live().timers, 1u);
+    EXPECT_TRUE(tavu_pm_stop());
+    EXPECT_EQ(take_calls(), "unauthenticated IDL_B1\nunauthenticated IDL_A1\nstop\n"); // the newest first
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
+    EXPECT_EQ(get_tavu_pm_global_state(), TAVU_PM_GLOBAL_STATE_INITIALIZED);
+    tavu_pm_state state;
+    EXPECT_FALSE(get_tavu_pm_state("IDL_A1", state));
+
+    EXPECT_TRUE(tavu_pm_start());
+    EXPECT_TRUE(tavu_pm_create_instance("IDL_A1"));
+    settle();
+    EXPECT_EQ(client_.heard(),
+              "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\n"
+              "CHANGE_IND 1 IDL_A1 oper 0 encryption 0\nADDED_CFM 3 IDL_B1 oper 0 encryption 0\n"
+              "ADDED_CFM 2 IDL_A1 oper 1 encryption 0\n");
+    client_.subscribe("IDL_A1"); // nobody is subscribed any more
+    EXPECT_EQ(client_.heard(), "SUBSCRIBE_CFM 4\nCHANGE_IND 4 IDL_A1 oper 1 encryption 0\n");
+    EXPECT_TRUE(tavu_pm_stop());
+    EXPECT_TRUE(oxmsi_server_stop());
+    client_.die();
+    expect_nothing_left();
+}
+
+TEST_F(port_manager_test, creates_a_port_once_and_only_with_its_kay) {
+    forget_traces();
+    EXPECT_FALSE(tavu_pm_create_instance("IDL_A1"));
+    EXPECT_EQ(take_errors(), "TAVU: Port with name 'IDL_A1' already exists\n");
+    fake.kay_create = false;
+    EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
+    fake.kay_create = true;
+    test::fail_allocation(1);
+    EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
+    tavu_pm_state state;
+    EXPECT_FALSE(get_tavu_pm_state("IDL_A2", state));
+    // A port whose first role fails is there all the same, and is not tried again by itself.
+    fake.kay_connect = false;
+    EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
+    EXPECT_TRUE(get_tavu_pm_state("IDL_A2", state));
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
+}
+
+std::string complaint(const char* operation, const char* current, const char* expected) {
+    return std::string("TAVU: ") + operation + " called in wrong state: current: 'TAVU_PM_GLOBAL_STATE_" +
+           current + "', expected: 'TAVU_PM_GLOBAL_STATE_" + expected + "'\n";
+}
+
+TEST_F(port_manager_world, starts_only_with_its_kays_and_an_mp_id) {
+    EXPECT_FALSE(tavu_pm_start());
+    fake.kay_init = false;
+    EXPECT_FALSE(tavu_pm_init(root()));
+    fake.kay_init = true;
+    unsetenv("MPID");
+    EXPECT_FALSE(tavu_pm_init(root()));
+    setenv("MPID", "3", 1);
+    EXPECT_TRUE(tavu_pm_init(root()));
+    fake.kay_start = false;
+    EXPECT_FALSE(tavu_pm_start());
+    fake.kay_start = true;
+    EXPECT_TRUE(tavu_pm_start());
+    EXPECT_FALSE(tavu_pm_init(root()));
+    fake.kay.handle_kay_state_change_ind("IDL_X", {});
+    EXPECT_EQ(take_errors(), complaint("tavu_pm_start", "UNINITIALIZED", "INITIALIZED") +
+                                 "TAVU: Could not initialize KaY\nTAVU: Read variable 'MPID' failed\n"
+                                 "TAVU: Set own mp id failed\nTAVU: Could not start KaY\n" +
+                                 complaint("tavu_pm_init", "READY", "UNINITIALIZED") +
+                                 "TAVU: Could not find port data with name 'IDL_X'\n");
+}
+
+TEST_F(port_manager_world, does_nothing_before_it_is_started) {
+    EXPECT_TRUE(tavu_pm_init(root()));
+    test::received message(oka_alloc(20, TAVU_PM_RETRY_TIMEOUT_IND));
+    EXPECT_FALSE(tavu_pm_stop());
+    EXPECT_FALSE(tavu_pm_create_instance("IDL_A1"));
+    EXPECT_FALSE(tavu_pm_dispatch_message(message.message()));
+    tavu_pm_handle_oxpcsi_port_state_change(port_data("IDL_A1"));
+    tavu_pm_handle_oxmsi_idl_link_added_req(1, 1, oxmsi_link{}, oka_hunt_path{});
+    tavu_pm_handle_oxmsi_idl_link_deleted_req(1, 1, "IDL_A1", 1);
+    tavu_pm_handle_oxmsi_idl_link_updated_req(1, 1, oxmsi_link{});
+    tavu_pm_handle_oxmsi_subscribe_req(1, 1, "IDL_A1");
+    tavu_pm_handle_oxmsi_unsubscribe_req(1, 1, "IDL_A1");
+    tavu_pm_handle_oxmsi_client_down_ind(1);
+    tavu_pm_handle_oxmsi_connection_close_ind(1);
+    fake.kay.handle_kay_state_change_ind("IDL_A1", {});
+    std::string expected;
+    for (const char* operation :
+         {"tavu_pm_stop", "tavu_pm_create_instance", "tavu_pm_dispatch_message",
+          "tavu_pm_handle_oxpcsi_port_state_change", "tavu_pm_handle_oxmsi_idl_link_added_req",
+          "tavu_pm_handle_oxmsi_idl_link_deleted_req", "tavu_pm_handle_oxmsi_idl_link_updated_req",
+          "tavu_pm_handle_oxmsi_subscribe_req", "tavu_pm_handle_oxmsi_unsubscribe_req",
+          "tavu_pm_handle_oxmsi_client_down_ind", "tavu_pm_handle_oxmsi_connection_close_ind",
+          "handle_kay_state_change_ind"})
+        expected += complaint(operation, "INITIALIZED", "READY");
+    EXPECT_EQ(take_errors(), expected);
+}
+
+} // namespace
