@@ -42,7 +42,7 @@ start() {
 
 # start_unit MPID INTERFACE: the three processes of a unit; it has no link yet.
 start_unit() {
-    : >"$work/links-mp$1.toml"
+    echo 'link = []' >"$work/links-mp$1.toml"
     start "mp$1" "$1" oxpcsi-server --port "IDL_A1=$2"
     start "mp$1" "$1" env "MPID=$1" "OXHAL_DRIVER=$hardware" "OXHAL_PORTS=DiPort_A1=$2:sec-a1" \
         "ZEB_TRACE=error info state-change trace" qel-tavu
@@ -78,11 +78,11 @@ logged() { grep -q -- "$2" "$logs/mp$1.log"; } # MPID TEXT
 wait_for() {
     limit=$1 what=$2
     shift 2
-    tries=$((limit * 20))
+    tries=$((limit * 5))
     until "$@"; do
         tries=$((tries - 1))
         [ $tries -gt 0 ] || fail "$what did not happen within $limit s"
-        sleep 0.05
+        sleep 0.2
     done
 }
 
