@@ -1,0 +1,254 @@
+// Whole nodes: two units, MP ids 3 and 7, each with the real programs as processes on the simulated SecY,
+// joined by a veth cable in a network namespace of the test's own. What a person sees is what the test sees:
+// tavuctl, the links file, traces and exit statuses.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/process.h"
+
+namespace {
+
+using test::process;
+using test::wait_until;
+
+using words = std::vector<std::string>;
+
+struct ended {
+    int status;
+    std::string output;
+};
+
+ended run(const words& command, const words& environment) {
+    process running(command, environment);
+    int status = running.wait_for_end();
+    return {status, running.output()};
+}
+
+class unit {
+  public:
+    unit(const std::string& folder, unsigned mpid, unsigned remote_mpid)
+        : folder_(folder), mpid_(mpid), remote_mpid_(remote_mpid) {
+        write_links("link = []\n");
+    }
+
+    void start() {
+        start_port_control();
+        start_daemon();
+        topology.emplace(words{IDL_TOPOLOGYD, "--links", links_file()}, environment());
+        watch.emplace(words{TAVUCTL, "watch", "--json"}, environment());
+        ASSERT_TRUE(wait_until([&] { return shows(R"("state":"connected")"); })) << all_output();
+    }
+    void start_port_control() {
+        port_control.emplace(words{OXPCSI_SERVER, "--port", "IDL_A1=port" + std::to_string(mpid_)},
+                             environment());
+    }
+    void start_daemon() { daemon.emplace(words{QEL_TAVU}, environment()); }
+
+    words environment() const {
+        return {"OKA_DIR=" + folder_, "OKA_UNIT=" + name(mpid_), "MPID=" + std::to_string(mpid_),
+                "OXHAL_DRIVER=sim"};
+    }
+    ended tavuctl(words arguments) const {
+        arguments.insert(arguments.begin(), TAVUCTL);
+        return run(arguments, environment());
+    }
+
+    void publish_link() {
+        write_links("[[link]]\n"
+                    "port = \"IDL_A1\"\nid = 1\nremote-port = \"IDL_A1\"\n"
+                    "remote-mpid = " +
+                    std::to_string(remote_mpid_) + "\nhunt-path = \"" + name(remote_mpid_) + "\"\n");
+    }
+    void delete_link() { write_links("link = []\n"); }
+
+    // Whether the newest picture of the links has the text.
+    bool shows(const char* text) const {
+        const std::string& pictures = watch->output();
+        size_t end = pictures.rfind('\n');
+        if (end == std::string::npos)
+            return false;
+        size_t start = end == 0 ? 0 : pictures.rfind('\n', end - 1) + 1;
+        return pictures.substr(start, end - start).find(text) != std::string::npos;
+    }
+    bool is_encrypted() const { return shows(R"("encryption":"enabled")"); }
+
+    std::string all_output() const {
+        return "daemon:\n" + daemon->output() + "topology manager:\n" + topology->output() + "watch:\n" +
+               watch->output();
+    }
+
+    std::optional<process> port_control, daemon, topology, watch;
+
+  private:
+    static std::string name(unsigned mpid) { return "mp" + std::to_string(mpid); }
+    std::string links_file() const { return folder_ + "/" + name(mpid_) + ".toml"; }
+    // In one move, as an editor does.
+    void write_links(const std::string& text) const {
+        std::string fresh = links_file() + ".new";
+        FILE* file = fopen(fresh.c_str(), "we");
+        ASSERT_TRUE(file) << fresh;
+        fputs(text.c_str(), file);
+        fclose(file);
+        ASSERT_EQ(rename(fresh.c_str(), links_file().c_str()), 0);
+    }
+
+    std::string folder_;
+    unsigned mpid_;
+    unsigned remote_mpid_;
+};
+
+class node : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!test::enter_own_network())
+            GTEST_SKIP() << "this host allows no network namespace: " << strerror(errno);
+        lay_cable();
+    }
+    void start_both() {
+        ASSERT_NO_FATAL_FAILURE(three.start());
+        ASSERT_NO_FATAL_FAILURE(seven.start());
+    }
+    void secure_link() {
+        seven.publish_link();
+        three.publish_link();
+        ASSERT_TRUE(wait_until([&] { return three.is_encrypted() && seven.is_encrypted(); }))
+            << three.all_output() << seven.all_output();
+    }
+
+    test::temporary_folder folder;
+    unit three{folder.path(), 3, 7};
+    unit seven{folder.path(), 7, 3};
+
+  private:
+    static void lay_cable() {
+        const words commands[] = {{"ip", "link", "add", "port3", "type", "veth", "peer", "name", "port7"},
+                                  {"ip", "link", "set", "port3", "up"},
+                                  {"ip", "link", "set", "port7", "up"}};
+        for (const words& command : commands) {
+            ended result = run(command, {});
+            ASSERT_EQ(result.status, 0) << result.output;
+        }
+    }
+};
+
+TEST_F(node, encrypts_a_published_link_at_both_ends_and_tells_so) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    ended status = three.tavuctl({"status"});
+    EXPECT_EQ(status.status, 0);
+    EXPECT_NE(status.output.find("no links"), std::string::npos) << status.output;
+
+    ASSERT_NO_FATAL_FAILURE(secure_link());
+    const struct {
+        const unit& at;
+        words arguments;
+        int status;
+        std::vector<const char*> texts;
+    } rows[] = {
+        {three, {"status"}, 0, {"IDL_A1", "mp7 IDL_A1", "enabled", "link added", "connected for"}},
+        {seven, {"status"}, 0, {"IDL_A1", "mp3 IDL_A1", "enabled", "link added", "connected for"}},
+        {seven,
+         {"status", "--json"},
+         0,
+         {R"("port":"IDL_A1")", R"("remote_mpid":3)", R"("encryption":"enabled")"}},
+        {three, {"link", "set", "IDL_B1", "--status", "down"}, 1, {"IDL_B1"}},
+        {three, {"link", "set", "IDL_A1"}, 2, {"--status"}},
+        {three, {"status", "--wrong"}, 2, {"--wrong", "--help"}},
+    };
+    for (const auto& row : rows) {
+        ended result = row.at.tavuctl(row.arguments);
+        EXPECT_EQ(result.status, row.status) << result.output;
+        for (const char* text : row.texts)
+            EXPECT_NE(result.output.find(text), std::string::npos) << text << " in:\n" << result.output;
+    }
+}
+
+TEST_F(node, leaves_a_port_unauthenticated_whose_link_is_deleted_or_down) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    ASSERT_NO_FATAL_FAILURE(secure_link());
+
+    constexpr const char* unauthenticated =
+        "changing MACsec role: 'MACSEC_ROLE_SECURED' -> 'MACSEC_ROLE_UNAUTHENTICATED'";
+    ended set = three.tavuctl({"link", "set", "IDL_A1", "--status", "down"});
+    EXPECT_EQ(set.status, 0) << set.output;
+    EXPECT_NE(set.output.find("encryption disabled"), std::string::npos) << set.output;
+    EXPECT_TRUE(wait_until([&] { return three.daemon->wrote(unauthenticated); })) << three.all_output();
+
+    seven.delete_link();
+    EXPECT_TRUE(wait_until([&] { return seven.shows(R"("links":[])"); })) << seven.all_output();
+    EXPECT_TRUE(wait_until([&] { return seven.daemon->wrote(unauthenticated); })) << seven.all_output();
+
+    // Both ends as before: the key server takes the re-formed association up again.
+    seven.publish_link();
+    EXPECT_EQ(three.tavuctl({"link", "set", "IDL_A1", "--status", "file"}).status, 0);
+    EXPECT_TRUE(wait_until([&] { return three.is_encrypted() && seven.is_encrypted(); }))
+        << three.all_output() << seven.all_output();
+}
+
+TEST_F(node, starts_over_when_the_port_control_server_was_killed) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    ASSERT_NO_FATAL_FAILURE(secure_link());
+
+    seven.daemon->forget_output();
+    seven.port_control->kill();
+    EXPECT_TRUE(wait_until([&] { return seven.shows(R"("state":"locating")") && !seven.is_encrypted(); }))
+        << seven.all_output();
+    EXPECT_TRUE(seven.daemon->wrote("'TAVU_MAIN_STATE_READY' -> 'TAVU_MAIN_STATE_INITIALIZED'"));
+
+    seven.start_port_control();
+    EXPECT_TRUE(wait_until([&] { return seven.shows(R"("state":"connected")"); })) << seven.all_output();
+    EXPECT_TRUE(seven.daemon->wrote("'TAVU_MAIN_STATE_STARTED' -> 'TAVU_MAIN_STATE_READY'"))
+        << seven.all_output();
+}
+
+TEST_F(node, tells_which_of_its_processes_is_missing) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    ASSERT_NO_FATAL_FAILURE(secure_link());
+
+    three.daemon->kill();
+    EXPECT_TRUE(wait_until([&] { return three.shows(R"("state":"locating")"); })) << three.all_output();
+    ended status = three.tavuctl({"status"});
+    EXPECT_EQ(status.status, 0);
+    EXPECT_NE(status.output.find("is it running in this unit"), std::string::npos) << status.output;
+    EXPECT_FALSE(three.is_encrypted());
+    EXPECT_EQ(three.tavuctl({"link", "set", "IDL_A1", "--status", "down"}).status, 1);
+
+    three.start_daemon();
+    EXPECT_TRUE(wait_until([&] { return three.shows(R"("state":"connected")"); })) << three.all_output();
+
+    three.topology->kill();
+    status = three.tavuctl({"status", "--timeout", "1"});
+    EXPECT_EQ(status.status, 3);
+    EXPECT_NE(status.output.find("is idl-topologyd running"), std::string::npos) << status.output;
+}
+
+TEST_F(node, refuses_to_run_where_it_cannot_work) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    const struct {
+        const char* what;
+        words environment; // over the unit's
+        const char* complaint;
+    } rows[] = {
+        {"a second daemon of the unit", {}, "qel-tavu-root"},
+        {"no MP id", {"OKA_UNIT=mp9", "MPID"}, "MPID"},
+        {"no such hardware", {"OKA_UNIT=mp9", "OXHAL_DRIVER=none"}, "OXHAL_DRIVER"},
+        {"no messaging directory", {"OKA_DIR=/dev/null/oka"}, "/dev/null/oka"},
+    };
+    for (const auto& row : rows) {
+        words environment = three.environment();
+        environment.insert(environment.end(), row.environment.begin(), row.environment.end());
+        ended result = run({QEL_TAVU}, environment);
+        EXPECT_EQ(result.status, 1) << row.what << ":\n" << result.output;
+        EXPECT_NE(result.output.find(row.complaint), std::string::npos) << row.what << ":\n" << result.output;
+        EXPECT_NE(result.output.find("Exiting with error code: 1"), std::string::npos) << row.what;
+    }
+    // Who was there first is not disturbed.
+    ASSERT_NO_FATAL_FAILURE(secure_link());
+}
+
+} // namespace
