@@ -1,5 +1,9 @@
-// One-shot timers: a heap ordered by due time, and by the order of the requests among equal ones.
-#include <algorithm>
+// One-shot timers: a list in the order of the due times, and of the requests among equal ones.
+//
+// The timers of a daemon are many heartbeats of one period and a few that wait much longer, so that a new one
+// finds its place within a few steps from the end, and cancelling one, which every heartbeat does, is a step
+// or two whatever else is running.
+#include <cstdlib>
 #include <vector>
 
 #include "platform/oka/core.h"
@@ -8,52 +12,82 @@
 
 namespace {
 
+// A reference is a slot and how often that slot has been used, so that it outlives its timer by 65535 others
+// in the same slot before it can name one again.
+constexpr uint32_t slot_bits = 16;
+constexpr uint32_t slots_max = 1u << slot_bits;
+constexpr uint32_t none = UINT32_MAX;
+
 struct timer {
     oka::envelope* prepared = nullptr; // or null, then `call`
     void (*call)(void* context) = nullptr;
     void* context = nullptr;
     uint64_t due_ns = 0;
-    uint64_t sequence = 0;
-    oka_timer_ref reference = 0;
-
-    // The heap keeps its greatest element first: the one that is due next.
-    bool operator<(const timer& other) const {
-        return due_ns != other.due_ns ? due_ns > other.due_ns : sequence > other.sequence;
-    }
+    uint32_t earlier = none;
+    uint32_t later = none; // of a free slot: the next free one
+    uint16_t use = 1;      // never 0, and so no reference is
+    bool running = false;
 };
 
 struct {
     bool up = false;
-    std::vector<timer> heap;
-    uint64_t sequence = 0;
-    oka_timer_ref last_reference = 0;
+    std::vector<timer> slots;
+    uint32_t first = none; // due next
+    uint32_t last = none;
+    uint32_t free = none;
+    uint32_t running = 0;
 } timers;
 
-auto find(oka_timer_ref reference) {
-    return std::find_if(timers.heap.begin(), timers.heap.end(),
-                        [&](const timer& candidate) { return candidate.reference == reference; });
+timer& at(uint32_t slot) {
+    return timers.slots[slot];
+}
+
+uint32_t take_slot() {
+    uint32_t slot = timers.free;
+    if (slot != none) {
+        timers.free = at(slot).later;
+        return slot;
+    }
+    if (timers.slots.size() == slots_max)
+        abort(); // out of timers is out of memory
+    timers.slots.emplace_back();
+    return static_cast<uint32_t>(timers.slots.size() - 1);
+}
+
+// Takes the timer out of the list; what it held is the caller's.
+timer release(uint32_t slot) {
+    timer released = at(slot);
+    (released.earlier == none ? timers.first : at(released.earlier).later) = released.later;
+    (released.later == none ? timers.last : at(released.later).earlier) = released.earlier;
+    uint16_t next_use = static_cast<uint16_t>(released.use + 1);
+    at(slot) = {.later = timers.free, .use = next_use == 0 ? uint16_t{1} : next_use};
+    timers.free = slot;
+    timers.running--;
+    return released;
 }
 
 oka_timer_ref add(uint64_t delay_ms, timer fresh) {
-    do
-        ++timers.last_reference;
-    while (timers.last_reference == 0 || find(timers.last_reference) != timers.heap.end());
+    uint32_t slot = take_slot();
     fresh.due_ns = oka::now_ns() + delay_ms * 1'000'000u;
-    fresh.sequence = ++timers.sequence;
-    fresh.reference = timers.last_reference;
-    timers.heap.push_back(fresh);
-    std::push_heap(timers.heap.begin(), timers.heap.end());
-    return fresh.reference;
+    fresh.use = at(slot).use;
+    fresh.running = true;
+    fresh.earlier = timers.last;
+    while (fresh.earlier != none && at(fresh.earlier).due_ns > fresh.due_ns)
+        fresh.earlier = at(fresh.earlier).earlier;
+    uint32_t& before = fresh.earlier == none ? timers.first : at(fresh.earlier).later;
+    fresh.later = before;
+    before = slot;
+    (fresh.later == none ? timers.last : at(fresh.later).earlier) = slot;
+    at(slot) = fresh;
+    timers.running++;
+    return uint32_t{fresh.use} << slot_bits | slot;
 }
 
 void cancel(oka_timer_ref reference) {
-    auto found = find(reference);
-    if (found == timers.heap.end())
+    uint32_t slot = reference & (slots_max - 1);
+    if (slot >= timers.slots.size() || !at(slot).running || at(slot).use != reference >> slot_bits)
         return;
-    oka::free_envelope(found->prepared);
-    *found = timers.heap.back();
-    timers.heap.pop_back();
-    std::make_heap(timers.heap.begin(), timers.heap.end());
+    oka::free_envelope(release(slot).prepared);
 }
 
 } // namespace
@@ -61,15 +95,13 @@ void cancel(oka_timer_ref reference) {
 namespace oka {
 
 uint64_t next_timer_ns() {
-    return timers.heap.empty() ? never_ns : timers.heap.front().due_ns;
+    return timers.first == none ? never_ns : at(timers.first).due_ns;
 }
 
 bool queue_due_timers(uint64_t now) {
     bool any = false;
-    while (!timers.heap.empty() && timers.heap.front().due_ns <= now) {
-        std::pop_heap(timers.heap.begin(), timers.heap.end());
-        timer due = timers.heap.back();
-        timers.heap.pop_back();
+    while (timers.first != none && at(timers.first).due_ns <= now) {
+        timer due = release(timers.first);
         any = true;
         if (due.prepared)
             deliver(due.prepared);
@@ -88,7 +120,7 @@ void cancel_call(uint32_t reference) {
 }
 
 uint32_t count_timers() {
-    return static_cast<uint32_t>(timers.heap.size());
+    return timers.running;
 }
 
 } // namespace oka
@@ -102,13 +134,12 @@ bool oka_timer_service_init() {
 bool oka_timer_service_stop() {
     bool was_up = timers.up;
     timers.up = false;
-    while (true) {
-        auto with_message = std::find_if(timers.heap.begin(), timers.heap.end(),
-                                         [](const timer& candidate) { return candidate.prepared; });
-        if (with_message == timers.heap.end())
-            return was_up;
-        cancel(with_message->reference);
+    // The platform's own timers end with what they serve.
+    for (uint32_t slot = 0; slot < timers.slots.size(); slot++) {
+        if (at(slot).running && at(slot).prepared)
+            oka::free_envelope(release(slot).prepared);
     }
+    return was_up;
 }
 
 oka_timer_ref oka_timer_request_sig(uint32_t timeout_ms, oka_message** prepared) {
