@@ -56,7 +56,7 @@ class port_call {
             error = layer.current->before(what);
         if (error)
             reason = "the driver refused";
-        else if (!layer.prepared)
+        else if (!layer.current || !layer.prepared)
             refuse(EPERM, "oxhal_init and oxhal_macsec_init come first");
         else if (!on)
             refuse(ENODEV, "there is no port with that handle");

@@ -21,7 +21,7 @@ namespace {
 using namespace tavu;
 
 // Far more than links_max links need; whoever writes more has named the wrong file.
-constexpr size_t file_size_max = 256 * 1024;
+constexpr size_t file_size_max = size_t{256} * 1024;
 constexpr size_t errors_max = 20;
 constexpr const char* known_keys = "port, id, remote-port, remote-mpid, du-type, status and hunt-path";
 
