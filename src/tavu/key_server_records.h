@@ -79,7 +79,8 @@ class secret_key {
     ~secret_key() { wipe(); }
     secret_key(const secret_key&) = delete;
     secret_key& operator=(const secret_key& other) {
-        memcpy(refill(), other.octets_, sizeof octets_);
+        if (this != &other)
+            memcpy(refill(), other.octets_, sizeof octets_);
         return *this;
     }
 

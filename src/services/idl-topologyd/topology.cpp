@@ -208,6 +208,7 @@ void topology_stop() {
 
 void topology_follow(const std::vector<link_attributes>& links) {
     std::vector<link_record> followed;
+    followed.reserve(links.size());
     for (const link_attributes& attributes : links)
         followed.push_back(take_from_file(attributes));
     for (link_record& link : self.links) {
