@@ -56,7 +56,8 @@ alignas(NLMSG_ALIGNTO) char datagram[65536];
 // What the driver says the link runs at. The interface may be gone already, or have no such notion.
 uint32_t line_rate_of(const char* name) {
     // The settings, then three masks of as many words as the kernel says.
-    alignas(ethtool_link_settings) char answer[sizeof(ethtool_link_settings) + size_t{3} * INT8_MAX * sizeof(uint32_t)] = {};
+    alignas(ethtool_link_settings) char
+        answer[sizeof(ethtool_link_settings) + size_t{3} * INT8_MAX * sizeof(uint32_t)] = {};
     auto& settings = *reinterpret_cast<ethtool_link_settings*>(answer);
     ifreq request = {};
     strncpy(request.ifr_name, name, sizeof request.ifr_name - 1);
