@@ -22,21 +22,35 @@ class record_list {
     // that are removed under it.
     class iterator {
       public:
+// gcc 12 does not see that the destructor takes the address out of the list again.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdangling-pointer"
+#endif
         explicit iterator(record_list& list) : list_(list), at_(list.head_), outer_(list.walks_) {
             after_ = at_ ? at_->next : nullptr;
             list_.walks_ = this;
         }
-        ~iterator() { list_.walks_ = outer_; }
+        ~iterator() {
+            list_.walks_ = outer_;
+        }
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
         iterator(const iterator&) = delete;
         iterator& operator=(const iterator&) = delete;
 
-        T& operator*() const { return at_->record; }
+        T& operator*() const {
+            return at_->record;
+        }
         iterator& operator++() {
             at_ = after_;
             after_ = at_ ? at_->next : nullptr;
             return *this;
         }
-        bool operator!=(std::nullptr_t) const { return at_ != nullptr; }
+        bool operator!=(std::nullptr_t) const {
+            return at_ != nullptr;
+        }
 
       private:
         friend class record_list;
@@ -49,7 +63,9 @@ class record_list {
     // `prefix` begins the trace of a failed allocation: "TAVU", or "KEYSRV" for the key server's lists.
     explicit constexpr record_list(const char* prefix) : prefix_(prefix) {}
     constexpr record_list() : record_list("TAVU") {}
-    ~record_list() { clear(); }
+    ~record_list() {
+        clear();
+    }
     record_list(const record_list&) = delete;
     record_list& operator=(const record_list&) = delete;
 
@@ -91,7 +107,9 @@ class record_list {
     }
 
     // The newest record, or null.
-    T* first() { return head_ ? &head_->record : nullptr; }
+    T* first() {
+        return head_ ? &head_->record : nullptr;
+    }
     // The record after this one, or null.
     T* next_of(T& record) {
         node* at = head_;
@@ -110,7 +128,9 @@ class record_list {
         return nullptr;
     }
 
-    bool empty() const { return !head_; }
+    bool empty() const {
+        return !head_;
+    }
     unsigned size() const {
         unsigned count = 0;
         for (const node* at = head_; at; at = at->next)
@@ -118,8 +138,12 @@ class record_list {
         return count;
     }
 
-    iterator begin() { return iterator(*this); }
-    std::nullptr_t end() { return nullptr; }
+    iterator begin() {
+        return iterator(*this);
+    }
+    std::nullptr_t end() {
+        return nullptr;
+    }
 
   private:
     node* head_ = nullptr;
