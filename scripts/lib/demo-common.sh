@@ -72,7 +72,8 @@ control() { # MPID ARGUMENT...: tavuctl of a unit
 is_encrypted() { control "$1" status --json 2>/dev/null | tr -d ' \n' | grep -q '"encryption":"enabled"'; }
 both_encrypted() { is_encrypted 3 && is_encrypted 7; }
 neither_encrypted() { ! is_encrypted 3 && ! is_encrypted 7; }
-logged() { grep -q -- "$2" "$logs/mp$1.log"; } # MPID TEXT
+logged() { grep -q -- "$2" "$logs/mp$1.log" 2>/dev/null; } # MPID TEXT
+both_logged() { logged 3 "$1" && logged 7 "$1"; }
 
 # wait_for SECONDS WHAT COMMAND...: until the command holds.
 wait_for() {
@@ -91,13 +92,19 @@ when() {
     grep -m 1 -- "$2" "$logs/mp$1.log" | sed 's/^<[0-9]>\([0-9]*\)\.\([0-9]*\) .*/\1\2/'
 }
 
-# The milliseconds of each end's way, counted from the moment when the later end had published its link.
-show_times() {
+# The moment when the later end published its link, in microseconds.
+find_publication() {
     published=0
     for mpid in 3 7; do
         at=$(when $mpid "status up$")
+        [ "${at:-0}" -gt 0 ] || fail "unit $mpid never published its link"
         [ "$at" -gt "$published" ] && published=$at
     done
+}
+
+# The milliseconds of each end's way since then.
+show_times() {
+    find_publication
     printf '   %-42s %12s %12s\n' "milliseconds since publication" "unit 3" "unit 7"
     while read -r label text; do
         printf '   %-42s' "$(printf %s "$label" | tr _ ' ')"
@@ -115,6 +122,15 @@ transmit_key_installed Enabling port 'IDL_A1'::TX SC
 protection_on new MACsec encryption state: 'MACSEC_ENCRYPTION_ENABLED'
 link_confirmed_to_the_topology_manager confirmed after
 END
+}
+
+# What tavuctl says of both ends.
+show_status() {
+    for mpid in 3 7; do
+        control $mpid status >"$work/status" || fail "tavuctl of unit $mpid ended with status $?"
+        say "   unit $mpid"
+        sed -e 's/^/   /' -e 's/ *$//' "$work/status"
+    done
 }
 
 stop_all() {
