@@ -93,12 +93,15 @@ int change_settings(const port& on, const settings& wanted) {
 void direct(const port& on, unsigned common_index, const settings& wanted) {
     bool admit = wanted.validate_frames != OXHAL_MACSEC_VALIDATE_FRAMES_STRICT;
     int error = direct_clear_frames(kernel::route(), common_index, on.controlled_port_index, admit);
-    if (error)
-        FAILED_ROUTE(
-            error,
-            "clear frames reach the host by '%s' too, beside '%s'; load the kernel modules sch_ingress, "
-            "cls_matchall, act_mirred and act_gact",
-            on.common_port, on.controlled_port);
+    if (!error)
+        return;
+    FAILED_ROUTE(error,
+                 "clear frames reach the host by '%s' too, beside '%s'; load the kernel modules sch_ingress, "
+                 "cls_matchall, act_mirred and act_gact",
+                 on.common_port, on.controlled_port);
+    // A kernel that can drop but not redirect would leave the host without any: twice is better than never.
+    if (admit)
+        release_clear_frames(kernel::route(), common_index);
 }
 
 // Finds the controlled port, or makes it; what is in its place without fitting is replaced.
@@ -198,12 +201,18 @@ void refresh(port& on) {
 }
 
 int disable(port& on) {
-    if (unsigned common = if_nametoindex(on.common_port))
-        release_clear_frames(kernel::route(), common);
     kernel::interface controlled;
     int error = kernel::find_interface(on.controlled_port, controlled);
+    if (error && error != ENODEV)
+        return FAILED_ROUTE(error, "'%s' cannot be read", on.controlled_port);
+    if (!error && controlled.is_macsec)
+        error = delete_interface(on, controlled.index);
+    if (error && error != ENODEV)
+        return error;
+    if (unsigned common = if_nametoindex(on.common_port))
+        release_clear_frames(kernel::route(), common);
     on.controlled_port_index = 0;
-    return !error && controlled.is_macsec ? delete_interface(on, controlled.index) : 0;
+    return 0;
 }
 
 int enable(port& on, bool enable) {
