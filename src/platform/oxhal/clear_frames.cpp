@@ -89,6 +89,9 @@ void delete_filter(netlink& route, unsigned interface, const filter& which) {
 } // namespace
 
 int direct_clear_frames(netlink& route, unsigned common_port, unsigned controlled_port, bool admit) {
+    // One that is there may lead to a controlled port of earlier times.
+    for (const filter& each : redirecting)
+        delete_filter(route, common_port, each);
     int error = ensure_ingress(route, common_port);
     for (const filter& each : dropping) {
         tc_gact drop = {};
@@ -96,9 +99,7 @@ int direct_clear_frames(netlink& route, unsigned common_port, unsigned controlle
         if (!error)
             error = add_filter(route, common_port, each, "gact", TCA_GACT_PARMS, drop);
     }
-    // One that is there may lead to a controlled port of earlier times.
     for (const filter& each : redirecting) {
-        delete_filter(route, common_port, each);
         tc_mirred redirect = {};
         redirect.action = TC_ACT_STOLEN;
         redirect.eaction = TCA_INGRESS_REDIR;
