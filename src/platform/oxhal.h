@@ -2,9 +2,9 @@
  *
  * A contract: the daemon programs SecYs only through these operations. Every operation that returns an
  * int returns 0 for success; any other value is an error number that the daemon prints and does not
- * interpret, and then nothing was changed. Calls are synchronous, made one at a time from one thread,
- * and MUST NOT block for longer than the hardware takes. An implementation is right when it passes the
- * hardware contract suite in tests/.
+ * interpret, and then nothing was changed (but see *_delete_all). Calls are synchronous, made one at a
+ * time from one thread, and MUST NOT block for longer than the hardware takes. An implementation is
+ * right when it passes the hardware contract suite in tests/.
  *
  * "port" is the handle of a virtual port. A SecY has one controlled port over its common port; frames
  * that it protects leave by the common port encrypted, frames that it validates arrive by the
@@ -86,8 +86,9 @@ int oxhal_macsec_init(void);
 /* Points *list at the port's capability list; may leave it NULL. */
 int oxhal_macsec_port_cap_get(uint32_t port, const oxhal_macsec_port_cap_list** list);
 
-/* true puts the controlled port on the common port. Whatever an earlier process left in the SecY is
- * gone when it returns. */
+/* true puts the controlled port on the common port. Whatever channels an earlier process left in the
+ * SecY, or this one, are gone when it returns. Without a controlled port there are no channels; settings
+ * are taken all the same, as is *_delete_all, and MUST hold when the controlled port comes. */
 int oxhal_macsec_enable_set(uint32_t port, bool enable);
 
 /* protectFrames: true, transmitted frames are encrypted with the transmit SA in use; false, they leave
@@ -96,14 +97,16 @@ int oxhal_macsec_protect_frames_set2(uint32_t port, bool protect);
 int oxhal_macsec_validate_frames_set2(uint32_t port, oxhal_macsec_validate_frames mode);
 int oxhal_macsec_replay_protect_set2(uint32_t port, bool enable);
 int oxhal_macsec_replay_window_set(uint32_t port, uint32_t window);
-/* The ES and SCB bits of the SecTAG, and whether the SCI is always in it. */
+/* The ES and SCB bits of the SecTAG, and whether the SCI is always in it. Only without the SCI do the bits
+ * count, and then setting both is an error (IEEE 802.1AE-2018, 9.5 and 10.5.3). */
 int oxhal_macsec_es_set(uint32_t port, bool enable);
 int oxhal_macsec_scb_set(uint32_t port, bool enable);
 int oxhal_macsec_always_include_sci_set(uint32_t port, bool enable);
 
 /* Channels. A transmit channel's SCI is the port's own, a receive channel's the peer's. A channel is
  * deleted only when it has no associations left; *_delete_all deletes every channel of its direction
- * with its associations, and succeeds when there is none. */
+ * with its associations, and succeeds when there is none. What it cannot delete MUST NOT keep it from
+ * deleting the rest; then it returns the first error. */
 int oxhal_macsec_transmit_sc_create(uint32_t port, oxhal_macsec_sci sci);
 int oxhal_macsec_receive_sc_create(uint32_t port, oxhal_macsec_sci sci);
 int oxhal_macsec_transmit_sc_delete(uint32_t port, oxhal_macsec_sci sci);
@@ -112,8 +115,9 @@ int oxhal_macsec_transmit_sc_delete_all(uint32_t port);
 int oxhal_macsec_receive_sc_delete_all(uint32_t port);
 
 /* Associations, created under an existing channel with an association number (0 to 3) that the channel
- * does not hold yet, and not in use until enabled. Enabling a transmit association makes it the one
- * that encrypts; the one before stays installed, not in use, until it is deleted. */
+ * does not hold yet and a packet number from 1 on, and not in use until enabled. Enabling a transmit
+ * association makes it the one that encrypts; the one before stays installed, not in use, until it is
+ * deleted. Without confidentiality frames are signed, not encrypted. */
 int oxhal_macsec_transmit_sa_create(uint32_t port, oxhal_macsec_sci sci, uint8_t an,
                                     uint32_t next_packet_number, bool confidentiality, oxhal_macsec_key key);
 int oxhal_macsec_receive_sa_create2(uint32_t port, oxhal_macsec_sci sci, uint8_t an,
