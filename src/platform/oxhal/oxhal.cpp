@@ -146,9 +146,7 @@ bool holds_associations(const channel& which) {
 }
 
 channel* free_channel(port& secy, direction way) {
-    if (way == direction::transmit)
-        return secy.transmit.exists ? nullptr : &secy.transmit;
-    for (channel& each : secy.receive) {
+    for (channel& each : places(secy, way)) {
         if (!each.exists)
             return &each;
     }
@@ -194,13 +192,11 @@ int delete_all_channels(const char* operation, uint32_t handle, direction way) {
     if (!running.allowed())
         return running.ends();
     port& secy = running.secy();
-    channel* first = way == direction::transmit ? &secy.transmit : secy.receive;
-    channel* end = first + (way == direction::transmit ? 1 : max_receive_channels);
     int first_error = 0;
-    for (channel* which = first; which != end; ++which) {
-        int error = which->exists ? layer.current->delete_channel(secy, way, *which) : 0;
+    for (channel& which : places(secy, way)) {
+        int error = which.exists ? layer.current->delete_channel(secy, way, which) : 0;
         if (!error)
-            *which = {};
+            which = {};
         else if (!first_error)
             first_error = error;
     }
@@ -343,12 +339,14 @@ void forget_channels(port& on) {
         each = {};
 }
 
+std::span<channel> places(port& on, direction way) {
+    return way == direction::transmit ? std::span(&on.transmit, 1) : std::span(on.receive);
+}
+
 channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci) {
-    channel* first = way == direction::transmit ? &on.transmit : on.receive;
-    channel* end = first + (way == direction::transmit ? 1 : max_receive_channels);
-    for (channel* each = first; each != end; ++each) {
-        if (each->exists && !memcmp(&each->sci, &sci, sizeof sci))
-            return each;
+    for (channel& each : places(on, way)) {
+        if (each.exists && !memcmp(&each.sci, &sci, sizeof sci))
+            return &each;
     }
     return nullptr;
 }

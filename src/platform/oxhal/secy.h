@@ -5,6 +5,7 @@
 #pragma once
 
 #include <net/if.h>
+#include <span>
 
 #include "platform/oxhal.h"
 
@@ -127,6 +128,8 @@ extern const driver macsec_driver;
 void reset(const driver* chosen);
 port_list& ports();
 void forget_channels(port& on);
+// The places for channels of that direction, those that do not exist included.
+std::span<channel> places(port& on, direction way);
 channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci);
 
 // Reads "DiPort_A1=eth1:sec-a1 ..." into the list; an error trace says what is wrong with it.
