@@ -1,4 +1,5 @@
 // What every module stands on: wire types, records, texts, traces and the port-name map.
+#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 
@@ -149,17 +150,44 @@ TEST_F(ground_floor, trace_groups_are_chosen_by_name) {
               0x2u | 0x4 | 0x8 | 0x10 | 0x20 | 0x100 | 0x4000 | 0x20000 | 0x40000);
 }
 
-TEST_F(ground_floor, a_record_is_one_line_that_the_journal_understands) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    int saved = dup(STDERR_FILENO);
-    dup2(ends[1], STDERR_FILENO);
-    zeb::set_sink(nullptr);
-    lttngZebTrace(ZEB_GROUP_ERROR, "port.cpp", 12, "TAVU: gone", &procInfo);
-    dup2(saved, STDERR_FILENO);
+// Traces go to a pipe that the test reads.
+class stderr_test : public ground_floor {
+  protected:
+    void SetUp() override {
+        ground_floor::SetUp();
+        ASSERT_EQ(pipe(ends_), 0);
+        saved_ = dup(STDERR_FILENO);
+        dup2(ends_[1], STDERR_FILENO);
+        close(ends_[1]);
+        zeb::set_sink(nullptr);
+    }
+    void TearDown() override {
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        close(ends_[0]);
+        ground_floor::TearDown();
+    }
+
+    static void trace(const char* text) { lttngZebTrace(ZEB_GROUP_ERROR, "port.cpp", 12, text, &procInfo); }
+
+    int ends_[2];
+    int saved_;
+};
+
+TEST_F(stderr_test, a_record_is_one_line_that_the_journal_understands) {
+    trace("TAVU: gone\n<7>forged");
     char line[128] = "";
-    ASSERT_GT(read(ends[0], line, sizeof line - 1), 0);
-    EXPECT_STREQ(line, "<3>error port.cpp:12 TAVU: gone\n");
+    ASSERT_GT(read(ends_[0], line, sizeof line - 1), 0);
+    EXPECT_STREQ(line, "<3>error port.cpp:12 TAVU: gone?<7>forged\n");
+}
+
+TEST_F(stderr_test, nobody_waits_for_the_reader_of_traces_nor_dies_with_it) {
+    int size = fcntl(ends_[0], F_GETPIPE_SZ);
+    for (int written = 0; written <= size; written += 28)
+        trace("TAVU: gone");
+    close(ends_[0]);
+    ends_[0] = -1;
+    trace("TAVU: gone");
 }
 
 } // namespace

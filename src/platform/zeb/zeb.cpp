@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <poll.h>
 #include <unistd.h>
 
 #include "platform/zeb/zeb_sink.h"
@@ -52,6 +53,23 @@ __thread char text_buffer[text_size];
 __thread char thread_name[32];
 bool stamped = false;
 
+// A line is lost when its reader is gone or has let a pipe or socket fill up: nothing waits for the reader
+// of traces. A terminal drains by itself.
+bool takes_a_line(int fd) {
+    pollfd out = {.fd = fd, .events = POLLOUT, .revents = 0};
+    if (poll(&out, 1, 0) > 0)
+        return out.revents == POLLOUT;
+    return isatty(fd);
+}
+
+// A record is one line, whatever a peer wrote into the text that is shown.
+void replace_control_characters(char* line, size_t size) {
+    for (size_t at = 0; at < size; at++) {
+        if (static_cast<unsigned char>(line[at]) < ' ' || line[at] == '\x7f')
+            line[at] = '?';
+    }
+}
+
 // One write per record, so that the lines of several processes do not mix.
 void write_to_stderr(const zeb::record& record) {
     const group_row& row = row_of(record.group);
@@ -68,11 +86,12 @@ void write_to_stderr(const zeb::record& record) {
     if (length < 0)
         return;
     size_t size = static_cast<size_t>(length);
-    if (size >= sizeof line) {
+    if (size >= sizeof line)
         size = sizeof line - 1;
-        line[size - 1] = '\n';
-    }
-    // A full pipe or a closed stderr loses the line; the daemon must not wait for its reader.
+    replace_control_characters(line, size - 1);
+    line[size - 1] = '\n';
+    if (!takes_a_line(STDERR_FILENO))
+        return;
     [[maybe_unused]] ssize_t written = write(STDERR_FILENO, line, size);
 }
 
