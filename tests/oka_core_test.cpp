@@ -152,6 +152,13 @@ TEST_F(core_test, nothing_is_delivered_after_unmonitor) {
     EXPECT_EQ(next(), nothing);
 }
 
+TEST_F(core_test, receiving_ends_when_only_messages_wait_that_are_not_selected) {
+    send(1, root, root);
+    const uint32_t wanted[] = {1, 2};
+    EXPECT_EQ(oka_receive(wanted, OKA_WAIT_FOREVER, OKA_ANY_SENDER), nullptr);
+    EXPECT_EQ(next(), (received{1, root, root}));
+}
+
 TEST_F(core_test, a_deleted_mailbox_takes_its_messages_and_locates_along) {
     oka_mailbox client = oka_clone_mailbox(root, "client");
     send(1, client, root);

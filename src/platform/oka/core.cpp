@@ -384,6 +384,8 @@ oka_mailbox create_mailbox(const char* path) {
     }
     mailbox* fresh = new_mailbox(new_mailbox_id(), place::local);
     fresh->path = strdup(path);
+    if (!fresh->path)
+        abort();
     if (!announce(*fresh)) {
         core.mailboxes.remove(fresh);
         free(fresh->path);
@@ -513,6 +515,7 @@ oka_message* oka_receive(const uint32_t* numbers, int32_t timeout_ms, uint32_t s
     }
     uint64_t give_up_ns = 0;
     bool waited = false;
+    bool more = true;
     for (;;) {
         if (envelope* taken = take_selected(numbers, sender_selector)) {
             if (taken->from == origin::mailbox || taken->from == origin::locate)
@@ -521,6 +524,8 @@ oka_message* oka_receive(const uint32_t* numbers, int32_t timeout_ms, uint32_t s
                 oka::watch_received(taken->reference);
             return &taken->message;
         }
+        if (!more)
+            return nullptr;
         uint64_t now = core.clock->now_ns();
         if (oka::queue_due_timers(now))
             continue;
@@ -533,8 +538,7 @@ oka_message* oka_receive(const uint32_t* numbers, int32_t timeout_ms, uint32_t s
         }
         core.receives_since_wait = 0;
         uint64_t timer_ns = oka::next_timer_ns();
-        if (!core.clock->wait(timer_ns < give_up_ns ? timer_ns : give_up_ns) && !core.queue)
-            return nullptr;
+        more = core.clock->wait(timer_ns < give_up_ns ? timer_ns : give_up_ns);
     }
 }
 
