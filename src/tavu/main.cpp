@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstring>
+#include <sys/resource.h>
 
 #include "tavu/tavu_main.h"
 
@@ -12,5 +13,9 @@ int main(int argc, char** argv) {
                 "the environment configures it and the platform under it (OKA_*, OXHAL_*, ZEB_*).\n");
         return help ? 0 : 1;
     }
+    // Keys pass through this process's memory, and a core file would keep them.
+    const rlimit no_core_file = {.rlim_cur = 0, .rlim_max = 0};
+    if (setrlimit(RLIMIT_CORE, &no_core_file) < 0)
+        perror("qel-tavu: core files cannot be forbidden");
     tavu::tavu_main();
 }
