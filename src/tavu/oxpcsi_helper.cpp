@@ -557,6 +557,7 @@ bool oxpcsi_dispatch_message(const oka_message* message) {
 }
 
 oxpcsi_port_data* oxpcsi_get_supported_ports_list() {
+    TAVU_FUNCTION();
     return self.ports.first();
 }
 
@@ -580,6 +581,7 @@ const char* oxpcsi_get_if_name(const char* name) {
 }
 
 oxpcsi_helper_state get_oxpcsi_helper_state() {
+    TAVU_FUNCTION();
     return self.state;
 }
 

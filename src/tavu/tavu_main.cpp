@@ -371,6 +371,7 @@ void tavu_main() {
 }
 
 tavu_main_state get_tavu_main_state() {
+    TAVU_FUNCTION();
     return self.state;
 }
 
