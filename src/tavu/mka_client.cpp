@@ -1,5 +1,6 @@
 #include "tavu/mka_client.h"
 
+#include "tavu/dispatch.h"
 #include "tavu/enum_text.h"
 #include "tavu/mka_client_internal.h"
 #include "tavu/trace.h"
@@ -140,11 +141,6 @@ void clear_data() {
         delete_client(*newest);
 }
 
-struct dispatch_row {
-    uint32_t number;
-    void (*handle)(const oka_message* message);
-};
-
 // What arrives every few seconds stands first.
 constexpr dispatch_row dispatch_table[] = {
     {MKA_HEARTBEAT_CFM, handle_heartbeat_cfm},
@@ -272,13 +268,7 @@ bool mka_client_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
     if (!is_in_state(self.state, MKA_GLOBAL_STATE_READY, global_state_to_str))
         return false;
-    for (const dispatch_row& row : dispatch_table) {
-        if (row.number == message->number) {
-            row.handle(message);
-            return true;
-        }
-    }
-    return false;
+    return dispatch_by(dispatch_table, message);
 }
 
 } // namespace tavu

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tavu/dispatch.h"
 #include "tavu/enum_text.h"
 #include "tavu/mka_server_internal.h"
 #include "tavu/trace.h"
@@ -100,11 +101,6 @@ void forward(const oka_message* message, const forwarding_row& row) {
         fire(from->id, row.firing, self.callbacks.*row.callback, message);
 }
 
-struct dispatch_row {
-    uint32_t number;
-    void (*handle)(const oka_message* message);
-};
-
 // What arrives every few seconds stands first.
 constexpr dispatch_row dispatch_table[] = {
     {MKA_HEARTBEAT_REQ, handle_heartbeat_req},
@@ -169,12 +165,8 @@ bool mka_server_stop() {
 
 bool mka_server_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
-    for (const dispatch_row& row : dispatch_table) {
-        if (row.number == message->number) {
-            row.handle(message);
-            return true;
-        }
-    }
+    if (dispatch_by(dispatch_table, message))
+        return true;
     for (const forwarding_row& row : forwarding_table) {
         if (row.number == message->number) {
             forward(message, row);

@@ -1,5 +1,6 @@
 #include "tavu/oxmsi_server.h"
 
+#include "tavu/dispatch.h"
 #include "tavu/enum_text.h"
 #include "tavu/oxmsi_server_records.h"
 #include "tavu/trace.h"
@@ -429,10 +430,7 @@ void handle_client_down_ind(const oka_message* message) {
     }
 }
 
-constexpr struct {
-    uint32_t number;
-    void (*handle)(const oka_message*);
-} handlers[] = {
+constexpr dispatch_row dispatch_table[] = {
     {OXMSI_CONNECTION_ESTABLISH_REQ, handle_connection_establish_req},
     {OXMSI_CONNECTION_CLOSE_REQ, handle_connection_close_req},
     {OXMSI_CAPABILITIES_GET_REQ, handle_capabilities_get_req},
@@ -542,13 +540,7 @@ bool oxmsi_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
     if (!is_started_or_ready())
         return false;
-    for (const auto& [number, handle] : handlers) {
-        if (number == message->number) {
-            handle(message);
-            return true;
-        }
-    }
-    return false;
+    return dispatch_by(dispatch_table, message);
 }
 
 } // namespace tavu

@@ -1,5 +1,6 @@
 #include "tavu/oxpcsi_helper.h"
 
+#include "tavu/dispatch.h"
 #include "tavu/enum_text.h"
 #include "tavu/record_list.h"
 #include "tavu/trace.h"
@@ -467,11 +468,6 @@ void handle_unexpected(const oka_message* message) {
     TRACE_ERROR("TAVU: Unexpected message '%s' received", oxpcsi_msg_no_to_str(message->number));
 }
 
-struct dispatch_row {
-    uint32_t number;
-    void (*handle)(const oka_message* message);
-};
-
 constexpr dispatch_row dispatch_table[] = {
     {OXPCSI_ETH_PORT_STATUS2_IND, handle_eth_port_status2_ind},
     {OXPCSI_SERVER_UP_IND, handle_server_up_ind},
@@ -547,13 +543,7 @@ bool oxpcsi_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
     if (oka_receiver(message) != self.own_mailbox)
         return false;
-    for (const dispatch_row& row : dispatch_table) {
-        if (row.number == message->number) {
-            row.handle(message);
-            return true;
-        }
-    }
-    return false;
+    return dispatch_by(dispatch_table, message);
 }
 
 oxpcsi_port_data* oxpcsi_get_supported_ports_list() {
