@@ -77,8 +77,6 @@ process::process(const std::vector<std::string>& command, const std::vector<std:
 
 process::~process() {
     kill();
-    if (output_fd_ >= 0)
-        close(output_fd_);
     std::erase(processes(), this);
 }
 
@@ -89,6 +87,8 @@ void process::kill() {
     while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
     }
     pid_ = -1;
+    while (output_fd_ >= 0)
+        read_output();
 }
 
 int process::wait_for_end() {
@@ -137,11 +137,10 @@ bool wait_until(const std::function<bool()>& condition, std::chrono::millisecond
     return true;
 }
 
-temporary_folder::temporary_folder() {
-    char name[] = "/tmp/qel-tavu-XXXXXX";
-    if (!mkdtemp(name))
+temporary_folder::temporary_folder(const char* where) {
+    path_ = std::string(where) + "/qel-tavu-XXXXXX";
+    if (!mkdtemp(path_.data()))
         give_up("mkdtemp");
-    path_ = name;
 }
 
 temporary_folder::~temporary_folder() {

@@ -28,7 +28,7 @@ class process {
     void forget_output() { output_.clear(); }
     bool wrote(const std::string& text) const { return output_.find(text) != std::string::npos; }
 
-    // Ends it at once, however busy it is; returns when it is gone.
+    // Ends it at once, however busy it is; returns when it is gone and all its output is read.
     void kill();
     // Waits for its end: the exit status, or the signal's number negated, or still_running past the bound.
     static constexpr int still_running = 1000;
@@ -51,7 +51,7 @@ bool wait_until(const std::function<bool()>& condition, std::chrono::millisecond
 // A folder of the test's own, removed with what is in it.
 class temporary_folder {
   public:
-    temporary_folder();
+    explicit temporary_folder(const char* where = "/tmp");
     ~temporary_folder();
     temporary_folder(const temporary_folder&) = delete;
     temporary_folder& operator=(const temporary_folder&) = delete;
