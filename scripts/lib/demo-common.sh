@@ -92,6 +92,9 @@ when() {
     grep -m 1 -- "$2" "$logs/mp$1.log" | sed 's/^<[0-9]>\([0-9]*\)\.\([0-9]*\) .*/\1\2/'
 }
 
+# Traced when a port protects what it sends and takes nothing else.
+protection_on="new MACsec encryption state: 'MACSEC_ENCRYPTION_ENABLED'"
+
 # The moment when the later end published its link, in microseconds.
 find_publication() {
     published=0
@@ -119,7 +122,7 @@ link_published status up$
 joined_its_connectivity_association joined CA
 receive_key_installed Enabling port 'IDL_A1'::RX SC
 transmit_key_installed Enabling port 'IDL_A1'::TX SC
-protection_on new MACsec encryption state: 'MACSEC_ENCRYPTION_ENABLED'
+protection_on $protection_on
 link_confirmed_to_the_topology_manager confirmed after
 END
 }
