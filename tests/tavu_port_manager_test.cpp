@@ -25,6 +25,7 @@ struct {
     bool kay_start = true;
     bool kay_create = true;
     bool kay_connect = true;
+    bool kay_fails_at_once = false; // and says so before kay_connect_secured returns
     kay_state_change_ind unauthenticated = {false, false, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_DISABLED};
 } fake;
 
@@ -68,6 +69,8 @@ bool kay_connect_secured(const char* port, const char* ca, const char* key_serve
     EXPECT_TRUE(options.replay_protection && options.always_use_sci && !options.use_es && !options.use_scb);
     EXPECT_EQ(options.replay_window, 0u);
     EXPECT_EQ(options.validate_frames, 1u);
+    if (fake.kay_fails_at_once)
+        fake.kay.handle_kay_state_change_ind(port, {true, false, KAY_CP_OPER_DISABLED, {}});
     return fake.kay_connect;
 }
 const char* kay_macsec_role_to_str(macsec_role role) {
@@ -304,8 +307,10 @@ TEST_F(port_manager_test, a_failure_is_confirmed_once_and_tried_again_every_seco
     settle();
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
     EXPECT_EQ(client_.heard(), "ADDED_CFM 1 IDL_A1 oper 0 encryption 0\n");
-    report("IDL_A1", succeeded); // too late
+    report("IDL_A1", succeeded); // too late, but how frames leave the port is taken note of
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+    EXPECT_TRUE(traced("TAVU: Port 'IDL_A1': changing port encryption state: 'MACSEC_ENCRYPTION_DISABLED' -> "
+                       "'MACSEC_ENCRYPTION_ENABLED'"));
     EXPECT_TRUE(traced("TAVU: WARNING: handle_kay_state_change_ind called in wrong state: current: "
                        "'TAVU_PM_STATE_FAILED', expected: 'TAVU_PM_STATE_CA_JOINING or "
                        "TAVU_PM_STATE_CA_JOINED'"));
@@ -334,6 +339,15 @@ TEST_F(port_manager_test, a_failure_is_confirmed_once_and_tried_again_every_seco
     }
     EXPECT_EQ(client_.heard(), "");
     EXPECT_EQ(oka::simulation::live().timers, 0u);
+
+    client_.subscribe("IDL_B1");
+    client_.heard();
+    fake.kay_fails_at_once = true;
+    client_.add("IDL_B1");
+    EXPECT_EQ(state("IDL_B1"), TAVU_PM_STATE_FAILED);
+    EXPECT_EQ(client_.heard(),
+              "ADDED_CFM 3 IDL_B1 oper 0 encryption 0\nCHANGE_IND 2 IDL_B1 oper 0 encryption 0\n");
+    EXPECT_EQ(oka::simulation::live().timers, 1u);
 }
 
 TEST_F(port_manager_test, an_unauthenticated_role_can_fail_too) {

@@ -39,7 +39,7 @@ struct tavu_pm_data {
     uint32_t number_of_links; // 0 or 1
     uint32_t link_id;
     uint32_t remote_mpid;
-    uint32_t link_word_2; // of no known use
+    uint32_t link_word_2; // the clients' own, kept with the link
     uint32_t du_type;     // oxmsi_du_type, or anything else that a client sent
     uint32_t link_status; // oxmsi_ltm_link_status, the same
     oka_hunt_path hunt_path;

@@ -127,8 +127,9 @@ uint32_t check_subscription(uint32_t client_id, const char* name, tavu_pm_data*&
     return 0;
 }
 
-// Releases every port, whichever client published its link.
-void release_ports() {
+// Ends what the client subscribed to and releases every port, whichever client published its link.
+void forget_client(uint32_t client_id) {
+    delete_subscriptions_of(client_id);
     for (tavu_pm_data& port : self.ports) {
         oxpcsi_port_data port_data;
         if (!read_port_data(port.port.c_str(), port_data))
@@ -252,19 +253,15 @@ void tavu_pm_handle_oxmsi_unsubscribe_req(uint32_t client_id, uint32_t procedure
 void tavu_pm_handle_oxmsi_client_down_ind(uint32_t client_id) {
     TAVU_FUNCTION();
     TRACE("TAVU: Received oxmsi_client_down_ind for client %u", client_id);
-    if (!is_ready())
-        return;
-    delete_subscriptions_of(client_id);
-    release_ports();
+    if (is_ready())
+        forget_client(client_id);
 }
 
 void tavu_pm_handle_oxmsi_connection_close_ind(uint32_t client_id) {
     TAVU_FUNCTION();
     TRACE("TAVU: Received handle_oxmsi_connection_close_ind for client %u", client_id);
-    if (!is_ready())
-        return;
-    delete_subscriptions_of(client_id);
-    release_ports();
+    if (is_ready())
+        forget_client(client_id);
 }
 
 } // namespace tavu
