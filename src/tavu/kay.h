@@ -65,8 +65,8 @@ struct kay_callbacks {
 
 // False only for an unknown port or in the wrong state, and then `indication` is not filled.
 [[nodiscard]] bool kay_connect_unauthenticated(const char* port_name, kay_state_change_ind& indication);
-// False only for an unknown port or in the wrong state: the outcome comes through the callback. A KaY that is
-// secured already stays as it is.
+// False only for an unknown port or in the wrong state: the outcome comes through the callback, a failure
+// perhaps before this returns. A KaY that is secured already stays as it is.
 [[nodiscard]] bool kay_connect_secured(const char* port_name, const char* ca, const char* key_server_name,
                                        const kay_configuration_options& options);
 
