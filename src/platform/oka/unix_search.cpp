@@ -104,18 +104,27 @@ void attempt_changed() {
         attempt(*changed);
 }
 
+// The descriptor of a connection, or -1 with errno.
+int try_to_connect(const search& of, uint32_t& pid) {
+    errno = EAGAIN;
+    return room_for_link() ? connect_socket(*of.folder, of.name, pid) : -1;
+}
+
+// Most mailboxes exist when they are searched. Only for those that do not are the folders watched, since
+// giving such a watch up again makes the kernel wait for several milliseconds.
 void attempt(search& of) {
     of.changed = false;
     cancel_call(of.retry_timer);
     of.retry_timer = 0;
-    bool notified = watch_folder(searches.folders, *of.folder, IN_CREATE | IN_MOVED_TO);
-    if (!notified)
-        report_once(of, strerror(errno));
     uint32_t pid = 0;
-    int fd = -1;
-    errno = EAGAIN;
-    if (room_for_link())
-        fd = connect_socket(*of.folder, of.name, pid);
+    bool notified = false;
+    int fd = try_to_connect(of, pid);
+    if (fd < 0 && errno == ENOENT) {
+        notified = watch_folder(searches.folders, *of.folder, IN_CREATE | IN_MOVED_TO);
+        if (!notified)
+            report_once(of, strerror(errno));
+        fd = try_to_connect(of, pid); // it may have appeared meanwhile
+    }
     if (fd >= 0) {
         begin_link(of.link, fd, pid);
         return;
