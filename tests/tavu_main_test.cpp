@@ -5,6 +5,7 @@
 
 #include "platform/oxhal/sim.h"
 #include "platform/zeb/zeb_sink.h"
+#include "support/key_server_world.h"
 #include "support/world.h"
 #include "tavu/oxmsi_messages.h"
 #include "tavu/oxpcsi_messages.h"
@@ -137,6 +138,126 @@ TEST_F(daemon_world, a_second_initialisation_changes_nothing) {
               "TAVU: tavu_main_init called in wrong state: current: 'TAVU_MAIN_STATE_STARTED', expected: "
               "'TAVU_MAIN_STATE_UNINITIALIZED'\n");
     EXPECT_EQ(get_tavu_main_state(), TAVU_MAIN_STATE_STARTED);
+}
+
+// A link from its publication to its first change of keys and its end, the peer's KaY played by the test. A
+// step that does not come about is passed over, so that the same life can be led while memory is short.
+class link_life : public daemon_world {
+  protected:
+    void lead() {
+        if (!tavu_main_init() || !tavu_main_start())
+            tavu_main_terminate();
+        settle();
+        serve_ports(1);
+        enable_port();
+        test::peer manager("manager");
+        client_id_ = connect(manager);
+        ask<oxmsi_subscription_req>(manager, OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ, {});
+        oxmsi_link_added_req added = {};
+        added.link.remote_port.assign("IDL_A1");
+        added.link.remote_mpid = 7;
+        added.link.du_type = OXMSI_DU_TYPE_3;
+        added.link.link_status = OXMSI_LTM_LINK_STATUS_UP;
+        ask(manager, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ, added);
+
+        test::ca_member peer(find("mka-key-server", manager), "mka-client-of-7", 7);
+        peer.obliging = true;
+        peer.connect();
+        run(peer);
+        peer.join(ca);
+        run(peer);
+        peer.announce(ca);
+        run(peer);
+        secured_ = oxhal_sim::secy("DiPort_A1").wanted.protect_frames;
+        calls_ = oxhal_sim::take_calls();
+        for (int second = 0; second < 190; second++) {
+            advance(1000);
+            run(peer);
+        }
+        words_ = peer.heard();
+        ask<oxmsi_subscription_req>(manager, OXMSI_PORT_STATE_CHANGE_UNSUBSCRIBE_REQ, {});
+        ask<oxmsi_link_deleted_req>(manager, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_REQ, {});
+        run(peer);
+        heard_ = manager.waiting();
+    }
+
+    void enable_port() {
+        oxpcsi_eth_port_status2_ind ind = {};
+        ind.header = header(3, 1);
+        ind.port_adm_state = ind.port_oper_state = ind.port_mod_present = 1;
+        ind.port.assign("IDL_A1");
+        ports_->send(client_, OXPCSI_ETH_PORT_STATUS2_IND, ind);
+        settle();
+    }
+    template<class Request>
+    void ask(test::peer& manager, uint32_t number, Request request) {
+        request.header = header(number & 0xff, client_id_);
+        if constexpr (requires { request.link; })
+            request.link.port.assign("IDL_A1");
+        else
+            request.port.assign("IDL_A1");
+        manager.send(service_, number, request);
+        settle();
+    }
+    oka_mailbox find(const char* name, test::peer& finder) {
+        oka_message* up = oka_alloc(4, MKA_SERVER_UP_IND);
+        oka_locate_async(name, &up, finder.mailbox());
+        settle();
+        oka_mailbox found = OKA_MAILBOX_NONE;
+        while (!finder.is_silent() && found == OKA_MAILBOX_NONE) {
+            auto number = static_cast<uint32_t>(strtoul(finder.waiting().c_str(), nullptr, 16));
+            test::received message = finder.take(number);
+            if (number == MKA_SERVER_UP_IND)
+                found = message.sender();
+        }
+        return found;
+    }
+    void run(test::ca_member& peer) {
+        do
+            settle();
+        while (peer.collect());
+    }
+
+    static constexpr const char* ca = "CA_mp3_IDL_A1_mp7_IDL_A1";
+    uint32_t client_id_ = 0;
+    bool secured_ = false;
+    std::string calls_, words_, heard_;
+    unsigned total_ = 0;
+};
+
+TEST_F(link_life, ends_secured_has_its_keys_changed_and_is_let_go) {
+    lead();
+    EXPECT_TRUE(secured_);
+    EXPECT_TRUE(calls_.ends_with("transmit_sc_create DiPort_A1 00:00:00:00:00:00/0\n"
+                                 "receive_sc_create DiPort_A1 02:00:00:00:00:00/7\n"
+                                 "generate_key length=16\ngenerate_key length=16\n"
+                                 "receive_sa_create2 DiPort_A1 02:00:00:00:00:00/7 an=1 pn=128\n"
+                                 "receive_sa_enable DiPort_A1 02:00:00:00:00:00/7 an=1 true\n"
+                                 "transmit_sa_create DiPort_A1 00:00:00:00:00:00/0 an=1 pn=128 conf\n"
+                                 "transmit_sa_enable DiPort_A1 00:00:00:00:00:00/0 an=1 true\n"
+                                 "protect_frames_set2 DiPort_A1 true\n"))
+        << calls_;
+    // Own SCI 0: joined, announced, keyed with AN 1, protected; the same with AN 2; told to leave.
+    EXPECT_EQ(words_, "joined tx_sc_cfm rx_sc(0) rx_sa(0,1) tx_sa(1) protect rx_sa(0,2) tx_sa(2) protect");
+    EXPECT_NE(heard_.find("0x1b1150"), std::string::npos) << heard_; // the deletion is confirmed
+    EXPECT_FALSE(oxhal_sim::secy("DiPort_A1").wanted.protect_frames);
+    EXPECT_EQ(oxhal_sim::association_count("DiPort_A1"), 0u);
+}
+
+TEST_F(link_life, goes_on_or_ends_orderly_whichever_allocation_fails) {
+    unsigned before = test::allocations();
+    EXPECT_EXIT((lead(), exit(static_cast<int>(std::min(test::allocations() - before, 200u)))),
+                [this](int status) {
+                    total_ = static_cast<unsigned>(WEXITSTATUS(status));
+                    return WIFEXITED(status);
+                },
+                "");
+    ASSERT_GT(total_, 10u);
+    for (unsigned nth = 1; nth <= total_; nth++) {
+        SCOPED_TRACE(nth);
+        EXPECT_EXIT((test::fail_allocation(nth), lead(), exit(0)),
+                    [](int status) { return WIFEXITED(status) && WEXITSTATUS(status) <= 1; }, "");
+    }
 }
 
 // In the child of a death test the traces go to stderr, where the test looks for the reason.

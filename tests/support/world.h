@@ -36,8 +36,8 @@ class received {
     explicit operator bool() const { return message_ != nullptr; }
     uint32_t number() const { return message_ ? message_->number : 0; }
     uint32_t size() const { return message_ ? oka_size(message_) : 0; }
-    oka_mailbox sender() const { return oka_sender(message_); }
-    oka_mailbox receiver() const { return oka_receiver(message_); }
+    oka_mailbox sender() const { return message_ ? oka_sender(message_) : OKA_MAILBOX_NONE; }
+    oka_mailbox receiver() const { return message_ ? oka_receiver(message_) : OKA_MAILBOX_NONE; }
     const oka_message* message() const { return message_; }
 
     // The message as a T; a test that asks for more than arrived fails, and reads zeros.
