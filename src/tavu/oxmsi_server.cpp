@@ -219,11 +219,15 @@ client_record* accept(const oka_message* message, uint32_t size) {
     return get_client(message);
 }
 
-// The request as a T when its size, its client and its sender are right; null when it is to be dropped.
-template<class T>
-const T* accept_from_client(const oka_message* message) {
-    const client_record* client = accept(message, sizeof(T));
-    return client && verify_message_header(message, *client) ? &as<T>(message) : nullptr;
+// Hands the request on as a Request when its size, its client and its sender are right; drops it otherwise.
+template<class Request>
+void take_request(const oka_message* message,
+                  void (*take)(uint32_t client_id, uint32_t procedure_reference, const Request& request)) {
+    const client_record* client = accept(message, sizeof(Request));
+    if (!client || !verify_message_header(message, *client))
+        return;
+    const Request& request = as<Request>(message);
+    take(request.header.connection_reference, request.header.procedure_reference, request);
 }
 
 bool verify_port_name_length(const port_name& port) {
@@ -352,71 +356,62 @@ void handle_capabilities_get_req(const oka_message* message) {
 
 void handle_idl_link_added_req(const oka_message* message) {
     TAVU_FUNCTION();
-    const auto* request = accept_from_client<oxmsi_link_added_req>(message);
-    if (!request)
-        return;
-    const uint32_t client_id = request->header.connection_reference;
-    const uint32_t procedure_reference = request->header.procedure_reference;
-    uint32_t reason = reason_to_reject(request->link);
-    if (reason != 0)
-        send_oxmsi_idl_link_added_rej(client_id, procedure_reference, reason);
-    else
-        fire_handle_oxmsi_idl_link_added_req(client_id, procedure_reference, request->link,
-                                             request->hunt_path);
+    take_request<oxmsi_link_added_req>(
+        message, [](uint32_t client_id, uint32_t procedure_reference, const auto& request) {
+            uint32_t reason = reason_to_reject(request.link);
+            if (reason != 0)
+                send_oxmsi_idl_link_added_rej(client_id, procedure_reference, reason);
+            else
+                fire_handle_oxmsi_idl_link_added_req(client_id, procedure_reference, request.link,
+                                                     request.hunt_path);
+        });
 }
 
 void handle_idl_link_deleted_req(const oka_message* message) {
     TAVU_FUNCTION();
-    const auto* request = accept_from_client<oxmsi_link_deleted_req>(message);
-    if (!request)
-        return;
-    const uint32_t client_id = request->header.connection_reference;
-    const uint32_t procedure_reference = request->header.procedure_reference;
-    if (!verify_port_name_length(request->port))
-        send_oxmsi_idl_link_deleted_rej(client_id, procedure_reference, OXMSI_REJ_PORT_NAME_TOO_LONG);
-    else
-        fire_handle_oxmsi_idl_link_deleted_req(client_id, procedure_reference, request->port.c_str(),
-                                               request->link_id);
+    take_request<oxmsi_link_deleted_req>(
+        message, [](uint32_t client_id, uint32_t procedure_reference, const auto& request) {
+            if (!verify_port_name_length(request.port))
+                send_oxmsi_idl_link_deleted_rej(client_id, procedure_reference, OXMSI_REJ_PORT_NAME_TOO_LONG);
+            else
+                fire_handle_oxmsi_idl_link_deleted_req(client_id, procedure_reference, request.port.c_str(),
+                                                       request.link_id);
+        });
 }
 
 void handle_idl_link_updated_req(const oka_message* message) {
     TAVU_FUNCTION();
-    const auto* request = accept_from_client<oxmsi_link_updated_req>(message);
-    if (!request)
-        return;
-    const uint32_t client_id = request->header.connection_reference;
-    const uint32_t procedure_reference = request->header.procedure_reference;
-    if (!verify_port_name_length(request->link.port))
-        send_oxmsi_idl_link_updated_rej(client_id, procedure_reference, OXMSI_REJ_PORT_NAME_TOO_LONG);
-    else
-        fire_handle_oxmsi_idl_link_updated_req(client_id, procedure_reference, request->link);
+    take_request<oxmsi_link_updated_req>(
+        message, [](uint32_t client_id, uint32_t procedure_reference, const auto& request) {
+            if (!verify_port_name_length(request.link.port))
+                send_oxmsi_idl_link_updated_rej(client_id, procedure_reference, OXMSI_REJ_PORT_NAME_TOO_LONG);
+            else
+                fire_handle_oxmsi_idl_link_updated_req(client_id, procedure_reference, request.link);
+        });
 }
 
 void handle_port_status_subscribe_req(const oka_message* message) {
     TAVU_FUNCTION();
-    const auto* request = accept_from_client<oxmsi_subscription_req>(message);
-    if (!request)
-        return;
-    const uint32_t client_id = request->header.connection_reference;
-    const uint32_t procedure_reference = request->header.procedure_reference;
-    if (!verify_port_name_length(request->port))
-        send_oxmsi_subscribe_port_status_rej(client_id, procedure_reference, OXMSI_REJ_PORT_NAME_TOO_LONG);
-    else
-        fire_handle_oxmsi_subscribe_req(client_id, procedure_reference, request->port.c_str());
+    take_request<oxmsi_subscription_req>(
+        message, [](uint32_t client_id, uint32_t procedure_reference, const auto& request) {
+            if (!verify_port_name_length(request.port))
+                send_oxmsi_subscribe_port_status_rej(client_id, procedure_reference,
+                                                     OXMSI_REJ_PORT_NAME_TOO_LONG);
+            else
+                fire_handle_oxmsi_subscribe_req(client_id, procedure_reference, request.port.c_str());
+        });
 }
 
 void handle_port_status_unsubscribe_req(const oka_message* message) {
     TAVU_FUNCTION();
-    const auto* request = accept_from_client<oxmsi_subscription_req>(message);
-    if (!request)
-        return;
-    const uint32_t client_id = request->header.connection_reference;
-    const uint32_t procedure_reference = request->header.procedure_reference;
-    // Nobody can be subscribed to such a port, so what was asked for holds already.
-    if (!verify_port_name_length(request->port))
-        send_oxmsi_unsubscribe_port_status_cfm(client_id, procedure_reference);
-    else
-        fire_handle_oxmsi_unsubscribe_req(client_id, procedure_reference, request->port.c_str());
+    take_request<oxmsi_subscription_req>(
+        message, [](uint32_t client_id, uint32_t procedure_reference, const auto& request) {
+            // Nobody can be subscribed to such a port, so what was asked for holds already.
+            if (!verify_port_name_length(request.port))
+                send_oxmsi_unsubscribe_port_status_cfm(client_id, procedure_reference);
+            else
+                fire_handle_oxmsi_unsubscribe_req(client_id, procedure_reference, request.port.c_str());
+        });
 }
 
 // Our own message, sent on behalf of the mailbox that is gone.
