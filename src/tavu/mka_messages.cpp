@@ -110,13 +110,16 @@ uint32_t size_with_information_elements(const oka_message* message, uint32_t off
     uint32_t message_size = oka_size(message);
     uint32_t total = offset;
     for (uint32_t number = 1; number <= count; number++) {
-        if (total > message_size || message_size - total < sizeof(mka_information_element))
-            return 0;
+        uint32_t left = message_size - total;
+        if (left < sizeof(mka_information_element))
+            return total + uint32_t{sizeof(mka_information_element)};
         uint32_t length = element_at(message, total).length;
-        if (length < sizeof(mka_information_element) || length > message_size - total)
-            return 0;
         total += length;
         TRACE_DETAIL("TAVU: information element %u: length=%u, total length=%u", number, length, total);
+        if (length < sizeof(mka_information_element))
+            return 0;
+        if (length > left)
+            return total; // a sum that wraps comes out below what was summed up before
     }
     return total;
 }

@@ -217,8 +217,9 @@ message_header& header_of(outgoing<T>& message) {
 // was checked.
 [[nodiscard]] bool verify_procedure_reference(const oka_message* message, uint32_t expected);
 
-// The size that a message with `count` information elements from `offset` on has by their length fields. 0
-// when an element lies beyond the message or is shorter than its own head: a message is never read past its
+// The size that a message of at least `offset` bytes, with `count` information elements from there on, has by
+// their length fields. The walk ends at the first element that lies beyond the message, with a size that is
+// not the message's, and at one that is shorter than its own head, with 0: a message is never read past its
 // end, and a huge count cannot keep the check busy.
 uint32_t size_with_information_elements(const oka_message* message, uint32_t offset, uint32_t count);
 
