@@ -252,7 +252,8 @@ void handle_mka_client_update_protect_frames_rcfm(uint32_t client_id, const oka_
     auto [member, ca] = take_confirmation(client_id, message, PROC_REF_PROTECT_FRAMES);
     if (!member)
         return;
-    // One that comes twice must not put off the next refresh.
+    // One that comes twice must not put off the next refresh. A member that is not secured yet is believed:
+    // its request is not outstanding when there was no memory to await the answer.
     if (!update_protect_frames_state(*member) && member->state != CA_MEMBER_STATE_CONFIGURED_SA)
         return;
     change_ca_member_state(*member, CA_MEMBER_STATE_SECURED);

@@ -1,5 +1,7 @@
 // The way to the CA and back: finding and watching the key server, connecting, joining, the heartbeat, and
 // leaving when any of it fails.
+#include <tuple>
+
 #include "tavu/mka_client_internal.h"
 #include "tavu/trace.h"
 
@@ -252,7 +254,7 @@ void handle_get_capabilities_rej(const oka_message* message) {
     client* rejected = accept(message, sizeof(mka_rej), MKA_STATE_GET_CAPABILITIES);
     if (!rejected)
         return;
-    (void)verify_procedure_reference(message, mka_client_proc_ref_capabilities);
+    std::ignore = verify_procedure_reference(message, mka_client_proc_ref_capabilities);
     leave_ca(*rejected);
 }
 
@@ -274,7 +276,7 @@ void handle_join_ca_rej(const oka_message* message) {
     client* rejected = accept(message, sizeof(mka_rej), MKA_STATE_JOIN_CA);
     if (!rejected)
         return;
-    (void)verify_procedure_reference(message, mka_client_proc_ref_join);
+    std::ignore = verify_procedure_reference(message, mka_client_proc_ref_join);
     leave_ca(*rejected);
 }
 
