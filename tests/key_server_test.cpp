@@ -231,7 +231,7 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     pass(179999);
     EXPECT_EQ(heard(), " | ");
 
-    // With another SCI, b starts an AN sequence of its own, and its old SCI gets no more keys.
+    // With another SCI, b starts an AN sequence of its own; that of its old SCI goes on beside it.
     a.leave("ca1");
     run();
     heard();
@@ -240,7 +240,14 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     secure();
     EXPECT_EQ(heard(),
               "rx_sc(7) rx_sa(7,1) tx_sa(0) protect | tx_sc_cfm rx_sc(1) rx_sa(1,0) tx_sa(1) protect");
-    EXPECT_EQ(keys_made, 2);
+    EXPECT_EQ(keys_made, 3);
+    a.leave("ca1");
+    run();
+    heard();
+    b.identifier.octets[7] = 2;
+    secure();
+    EXPECT_EQ(heard(),
+              "rx_sc(2) rx_sa(2,1) tx_sa(1) protect | tx_sc_cfm rx_sc(1) rx_sa(1,1) tx_sa(1) protect");
     // Taken out and configured anew, the CA has forgotten everything but the counter.
     EXPECT_TRUE(key_server_remove_ca("ca1"));
     run();
@@ -248,8 +255,8 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     EXPECT_TRUE(key_server_add_ca("ca1"));
     secure();
     EXPECT_EQ(heard(),
-              "rx_sc(7) rx_sa(7,1) tx_sa(1) protect | tx_sc_cfm rx_sc(1) rx_sa(1,1) tx_sa(1) protect");
-    EXPECT_EQ(key_name(b, MKA_CREATE_TX_SA_RREQ).substr(27), "-8");
+              "rx_sc(2) rx_sa(2,1) tx_sa(1) protect | tx_sc_cfm rx_sc(1) rx_sa(1,1) tx_sa(1) protect");
+    EXPECT_EQ(key_name(b, MKA_CREATE_TX_SA_RREQ).substr(27), "-12");
     stop_and_expect_nothing_left();
 }
 

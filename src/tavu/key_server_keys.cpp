@@ -42,13 +42,9 @@ void set_saks_aside(connectivity_association& ca) {
     }
 }
 
-// A record that nobody has taken up gets no key: its owner is not there, nor anyone who would receive from
-// it.
 bool update_keys_in_ca(connectivity_association& ca) {
     KEYSRV_FUNCTION();
     for (sak_record& sak : ca.saks) {
-        if (!sak.taken_up)
-            continue;
         sak.rx_configured = false;
         sak.tx_configured = false;
         if (!generate_sak(sak.key_len, sak.key.refill()))
@@ -92,8 +88,6 @@ void configure_rx_sa(const sak_record& sak, ca_member& member, rx_sc& channel) {
 void configure_rx_sas_in_ca(connectivity_association& ca) {
     KEYSRV_FUNCTION();
     for (sak_record& sak : ca.saks) {
-        if (!sak.taken_up)
-            continue;
         for (ca_member& member : members_of(ca)) {
             if (rx_sc* channel = find_rx_sc_by_sci(member, sak.identifier))
                 configure_rx_sa(sak, member, *channel);

@@ -241,7 +241,7 @@ void handle_ks_ca_member_create_tx_sc_req(uint32_t client_id, const oka_message*
 // CA was formed before. False when the member has one already or memory is short.
 [[nodiscard]] bool create_sak(connectivity_association& ca, const ca_member& owner);
 void delete_saks(connectivity_association& ca);
-// The members are gone: the records wait without keys until their owners are back.
+// The members are gone, and their keys with them; the records stay, to be taken up again.
 void set_saks_aside(connectivity_association& ca);
 // A new key in every SAK record; false when there is none to be had.
 [[nodiscard]] bool update_keys_in_ca(connectivity_association& ca);
