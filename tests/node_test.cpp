@@ -198,12 +198,15 @@ TEST_F(node, starts_over_when_the_port_control_server_was_killed) {
     seven.port_control->kill();
     EXPECT_TRUE(wait_until([&] { return seven.shows(R"("state":"locating")") && !seven.is_encrypted(); }))
         << seven.all_output();
-    EXPECT_TRUE(seven.daemon->wrote("'TAVU_MAIN_STATE_READY' -> 'TAVU_MAIN_STATE_INITIALIZED'"));
+    EXPECT_TRUE(wait_until([&] {
+        return seven.daemon->wrote("'TAVU_MAIN_STATE_READY' -> 'TAVU_MAIN_STATE_INITIALIZED'");
+    })) << seven.all_output();
 
     seven.start_port_control();
     EXPECT_TRUE(wait_until([&] { return seven.shows(R"("state":"connected")"); })) << seven.all_output();
-    EXPECT_TRUE(seven.daemon->wrote("'TAVU_MAIN_STATE_STARTED' -> 'TAVU_MAIN_STATE_READY'"))
-        << seven.all_output();
+    EXPECT_TRUE(wait_until([&] {
+        return seven.daemon->wrote("'TAVU_MAIN_STATE_STARTED' -> 'TAVU_MAIN_STATE_READY'");
+    })) << seven.all_output();
 }
 
 TEST_F(node, tells_which_of_its_processes_is_missing) {

@@ -8,10 +8,12 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "services/oxpcsi-server/link_messages.h"
+#include "support/process.h"
 #include "support/world.h"
 
 using namespace tavu;
@@ -397,8 +399,7 @@ bool all_known;
 class kernel_port_facts : public test::world {
   protected:
     void SetUp() override {
-        int flags = CLONE_NEWNET | (geteuid() == 0 ? 0 : CLONE_NEWUSER);
-        if (unshare(flags) != 0)
+        if (!test::enter_own_network())
             GTEST_SKIP() << "this host allows no network namespace: " << strerror(errno);
         route_to([](const oka_message* message) { port_facts_dispatch_message(message); });
     }
@@ -504,10 +505,11 @@ TEST_F(kernel_port_facts, are_read_afresh_when_the_kernel_said_more_than_was_kep
 
 TEST_F(kernel_port_facts, name_the_namespace_they_are_in_by_what_the_node_calls_it) {
     EXPECT_STREQ(own_network_namespace(), "");
-    if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0)
-        GTEST_SKIP() << "naming a namespace takes root";
-    ASSERT_EQ(system("mount --make-rprivate / && mount -t tmpfs none /run && mkdir /run/netns &&"
-                     "ip netns add red && ip netns attach blue $PPID"),
+    // What is mounted here must not be seen outside.
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        GTEST_SKIP() << "this host allows no mounts of one's own: " << strerror(errno);
+    ASSERT_EQ(system("mount -t tmpfs none /run && mkdir /run/netns && ip netns add red &&"
+                     "ip netns attach blue $PPID"),
               0);
     EXPECT_STREQ(own_network_namespace(), "blue");
 }
