@@ -11,7 +11,6 @@
 namespace tavu {
 
 constexpr uint32_t mka_client_max_clients = 32;
-constexpr uint32_t mka_client_heartbeat_ms = 2500;
 
 // What the client tells its KaY, in the order of the table below. The message is valid during the call and as
 // it came, all its integers big-endian. A callback may delete the client that made it.

@@ -3,8 +3,8 @@
 // KaY have to say to each other then is relayed by mka_client_requests.cpp.
 #pragma once
 
-#include "platform/oka_timer.h"
 #include "tavu/mka_client.h"
+#include "tavu/mka_heartbeat.h"
 #include "tavu/record_list.h"
 
 namespace tavu::mka_client_internal {
@@ -34,8 +34,7 @@ struct client {
     client_state state;
     uint32_t server_connection_reference; // 0 while not connected
     uint32_t protocol_version;
-    oka_timer_ref heartbeat_timer; // 0 when none runs
-    mka_heartbeat_state heartbeat_state;
+    mka_heartbeat heartbeat;
     oka_mailbox own_mailbox;
     text<32> mailbox_name;
     oka_mailbox server_mailbox;

@@ -62,11 +62,6 @@ constexpr enum_text cipher_names[] = {
     ENUM_TEXT(MKA_CIPHER_GCM_AES_XPN_256),
 };
 
-constexpr enum_text heartbeat_state_names[] = {
-    ENUM_TEXT(HEARTBEAT_IDLE),
-    ENUM_TEXT(HEARTBEAT_SENT),
-};
-
 const uint8_t* octets_of(const oka_message* message) {
     return reinterpret_cast<const uint8_t*>(message);
 }
@@ -93,9 +88,6 @@ const char* cipher_to_str(uint32_t cipher) {
 }
 const char* proc_ref_to_str(uint32_t reference) {
     return enum_to_str(proc_ref_names, reference);
-}
-const char* heartbeat_state_to_str(mka_heartbeat_state state) {
-    return enum_to_str(heartbeat_state_names, state);
 }
 
 bool verify_procedure_reference(const oka_message* message, uint32_t expected) {

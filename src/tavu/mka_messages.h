@@ -70,12 +70,6 @@ enum mka_reject_reason : uint32_t {
     MKA_REJ_SCI_ALREADY_USED = 18,
 };
 
-// Supervision by heartbeat, the same at both ends.
-enum mka_heartbeat_state : uint32_t {
-    HEARTBEAT_IDLE = 0, // confirmed; the timer runs until the next one is sent
-    HEARTBEAT_SENT = 1, // the timer runs until the link counts as lost
-};
-
 // Messages without a struct of their own are a message_header alone.
 
 struct mka_connection_establish_req {
@@ -204,7 +198,6 @@ const char* mka_error_to_str(uint32_t reason);
 const char* proc_ref_to_str(uint32_t procedure_reference);
 const char* standard_to_str(uint32_t standard);
 const char* cipher_to_str(uint32_t cipher);
-const char* heartbeat_state_to_str(mka_heartbeat_state state);
 
 // Whatever the message is, it begins with a header.
 template<class T>

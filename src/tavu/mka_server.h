@@ -9,7 +9,6 @@
 namespace tavu {
 
 constexpr uint32_t mka_server_max_clients = 64;
-constexpr uint32_t mka_server_heartbeat_ms = 2500;
 
 // In this order; every entry must be there. Messages are valid during the call, their sizes are checked.
 struct mka_server_callbacks {

@@ -3,7 +3,7 @@
 // relays between clients and key server stands in mka_server.cpp (up) and mka_server_requests.cpp (down).
 #pragma once
 
-#include "platform/oka_timer.h"
+#include "tavu/mka_heartbeat.h"
 #include "tavu/mka_server.h"
 #include "tavu/record_list.h"
 
@@ -22,8 +22,7 @@ struct client {
     uint32_t connection_reference; // the client's own, of every message to it
     oka_monitor_ref monitor;
     uint32_t protocol_version;
-    oka_timer_ref heartbeat_timer; // 0 when none runs
-    mka_heartbeat_state heartbeat_state;
+    mka_heartbeat heartbeat;
 };
 
 struct module {

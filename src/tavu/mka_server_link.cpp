@@ -98,43 +98,24 @@ void send_heartbeat_rreq(const client& to) {
 
 // --- Heartbeat
 
-void start_heartbeat_timer(client& supervised) {
-    TAVU_FUNCTION();
-    outgoing<message_header> expiry(MKA_SERVER_HEARTBEAT_TIMEOUT_IND);
-    expiry->connection_reference = supervised.id;
-    supervised.heartbeat_timer = oka_timer_request_sig(mka_server_heartbeat_ms, expiry.prepared());
-}
-
-void stop_heartbeat_timer(client& supervised) {
-    TAVU_FUNCTION();
-    oka_timer_cancel(supervised.heartbeat_timer);
-    supervised.heartbeat_timer = 0;
+mka_heartbeat_owner owner_of_heartbeat(const client& supervised) {
+    return {supervised.id, nullptr, MKA_SERVER_HEARTBEAT_TIMEOUT_IND};
 }
 
 void request_heartbeat(client& supervised) {
     send_heartbeat_rreq(supervised);
-    supervised.heartbeat_state = HEARTBEAT_SENT;
-    start_heartbeat_timer(supervised);
+    mka_heartbeat_sent(supervised.heartbeat, owner_of_heartbeat(supervised));
 }
 
 void start_heartbeat_supervision(client& supervised) {
     TAVU_FUNCTION();
-    if (supervised.heartbeat_timer != 0) {
-        TRACE("TAVU: Heartbeat supervision is already running for client client id = %u", supervised.id);
-        return;
-    }
-    request_heartbeat(supervised);
+    if (!mka_heartbeat_is_running(supervised.heartbeat, owner_of_heartbeat(supervised)))
+        request_heartbeat(supervised);
 }
 
 void stop_heartbeat_supervision(client& supervised) {
     TAVU_FUNCTION();
-    if (supervised.heartbeat_timer != 0) {
-        TRACE("TAVU: Stopping heartbeat timer for client client id = %u", supervised.id);
-        stop_heartbeat_timer(supervised);
-    } else {
-        TRACE("TAVU: No heartbeat timer running for client client id = %u", supervised.id);
-    }
-    supervised.heartbeat_state = HEARTBEAT_IDLE;
+    mka_heartbeat_stop(supervised.heartbeat, owner_of_heartbeat(supervised));
 }
 
 void delete_client(client& deleted) {
@@ -303,18 +284,7 @@ void handle_heartbeat_rcfm(const oka_message* message) {
     client* supervised = accept(message);
     if (!supervised || !verify_procedure_reference(message, mka_server_proc_ref_heartbeat))
         return;
-    if (supervised->heartbeat_timer == 0) {
-        TRACE("TAVU: No heartbeat supervision running for client client id = %u", supervised->id);
-        return;
-    }
-    if (supervised->heartbeat_state != HEARTBEAT_SENT) {
-        TRACE_ERROR("TAVU: Heartbeat supervision is in '%s' state for client client id = %u",
-                    heartbeat_state_to_str(supervised->heartbeat_state), supervised->id);
-        return;
-    }
-    stop_heartbeat_timer(*supervised);
-    start_heartbeat_timer(*supervised);
-    supervised->heartbeat_state = HEARTBEAT_IDLE;
+    mka_heartbeat_confirmed(supervised->heartbeat, owner_of_heartbeat(*supervised));
 }
 
 void handle_heartbeat_timeout_ind(const oka_message* message) {
@@ -328,22 +298,16 @@ void handle_heartbeat_timeout_ind(const oka_message* message) {
         TRACE("TAVU: Heartbeat timeout for client client id = %u, but no client found", id);
         return;
     }
-    if (supervised->heartbeat_timer == 0) {
-        TRACE("TAVU: Heartbeat timeout for client client id = %u, but no heartbeat supervision is running",
-              id);
-        return;
-    }
-    // An expiry that was queued when its timer was cancelled arrives all the same. The timer that runs by
-    // then must not be left running beside its successor.
-    stop_heartbeat_timer(*supervised);
-    if (supervised->heartbeat_state == HEARTBEAT_SENT) {
-        TRACE_ERROR("TAVU: Heartbeat timeout for client client id = %u while waiting for heartbeat cfm", id);
+    switch (mka_heartbeat_expired(supervised->heartbeat, owner_of_heartbeat(*supervised))) {
+    case mka_heartbeat_expiry::stale:
+        break;
+    case mka_heartbeat_expiry::pause:
+        request_heartbeat(*supervised);
+        break;
+    case mka_heartbeat_expiry::loss:
         fire_handle_heartbeat_timeout_ind(id);
-        return;
+        break;
     }
-    TRACE("TAVU: Heartbeat timeout for client client id = %u while in idle mode, sending new heartbeat req",
-          id);
-    request_heartbeat(*supervised);
 }
 
 } // namespace tavu::mka_server_internal
