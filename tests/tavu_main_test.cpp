@@ -246,7 +246,7 @@ TEST_F(link_life, ends_secured_has_its_keys_changed_and_is_let_go) {
 
 TEST_F(link_life, goes_on_or_ends_orderly_whichever_allocation_fails) {
     unsigned before = test::allocations();
-    EXPECT_EXIT((lead(), exit(static_cast<int>(std::min(test::allocations() - before, 200u)))),
+    EXPECT_EXIT((lead(), shut_down(), exit(static_cast<int>(std::min(test::allocations() - before, 200u)))),
                 [this](int status) {
                     total_ = static_cast<unsigned>(WEXITSTATUS(status));
                     return WIFEXITED(status);
@@ -255,7 +255,7 @@ TEST_F(link_life, goes_on_or_ends_orderly_whichever_allocation_fails) {
     ASSERT_GT(total_, 10u);
     for (unsigned nth = 1; nth <= total_; nth++) {
         SCOPED_TRACE(nth);
-        EXPECT_EXIT((test::fail_allocation(nth), lead(), exit(0)),
+        EXPECT_EXIT((test::fail_allocation(nth), lead(), shut_down(), exit(0)),
                     [](int status) { return WIFEXITED(status) && WEXITSTATUS(status) <= 1; }, "");
     }
 }

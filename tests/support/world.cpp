@@ -102,21 +102,18 @@ std::string peer::waiting() const {
     return text;
 }
 
-world::world(messaging how) : up_(how == messaging::up) {
+world::world(messaging how) {
     zeb::set_sink(capture);
     procInfo.trace_group_mask = UINT32_MAX;
     oka::simulation::plug();
-    if (up_) {
+    if (how == messaging::up) {
         EXPECT_TRUE(oka_timer_service_init());
         EXPECT_EQ(oka_init(37, 0, 0, 0, 0), 0);
     }
 }
 
 world::~world() {
-    if (up_) {
-        oka_timer_service_stop();
-        oka_exit();
-    }
+    shut_down();
     zeb::set_sink(nullptr);
 }
 
@@ -182,10 +179,13 @@ std::string world::take_errors() {
     return errors;
 }
 
-void world::expect_nothing_left() {
+void world::shut_down() {
     oka_timer_service_stop();
     oka_exit();
-    up_ = false;
+}
+
+void world::expect_nothing_left() {
+    shut_down();
     oka::simulation::balance left = oka::simulation::live();
     EXPECT_EQ(left.messages, 0u);
     EXPECT_EQ(left.mailboxes, 0u);

@@ -124,6 +124,8 @@ class world : public testing::Test {
     void forget_traces() { traces().clear(); }
     static std::vector<trace_record>& traces();
 
+    // Ends messaging and timers, as a process that ends must; the world's own end does it otherwise.
+    static void shut_down();
     // Shuts messaging down and expects that no message, mailbox, monitor, locate or timer is left. Call it
     // after the module was stopped.
     void expect_nothing_left();
@@ -132,7 +134,6 @@ class world : public testing::Test {
     std::function<void(const oka_message*)> module_;
     std::function<void(oka_message*)> owning_module_;
     oka_mailbox root_ = OKA_MAILBOX_NONE;
-    bool up_;
 };
 
 // Records of the daemon are allocated with `new (std::nothrow)`; a test can make the nth allocation from now

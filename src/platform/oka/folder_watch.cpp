@@ -72,7 +72,7 @@ size_t parent_of(const char* path, size_t length) {
 }
 
 // From the folder upwards to the first part of its path that exists. One that appears below it meanwhile
-// would never be seen, so then it starts again there.
+// would never be seen, so then it starts again.
 bool watch_deepest(const folder_watch& watch, char* path, uint32_t events) {
     size_t full = strlen(path);
     size_t below = 0; // the next part down, which does not exist
@@ -80,7 +80,7 @@ bool watch_deepest(const folder_watch& watch, char* path, uint32_t events) {
         if (watch_path(watch, path, length, going_away | (length == full ? events : new_name))) {
             if (length == full || !is_folder(path, below))
                 return true;
-            length = below;
+            length = full;
             continue;
         }
         if ((errno != ENOENT && errno != ENOTDIR) || length == 0)
