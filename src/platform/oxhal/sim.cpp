@@ -229,11 +229,6 @@ const port& secy(const char* port_name) {
     return port_by_name(port_name);
 }
 
-const channel* transmit_channel(const char* port_name) {
-    const port& on = port_by_name(port_name);
-    return on.transmit.exists ? &on.transmit : nullptr;
-}
-
 const channel* receive_channel(const char* port_name, const oxhal_macsec_sci& sci) {
     return find_channel(port_by_name(port_name), direction::receive, sci);
 }

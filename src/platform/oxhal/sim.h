@@ -20,7 +20,6 @@ void install();
 // port of that name.
 const oxhal::port& secy(const char* port_name);
 // Null if there is none.
-const oxhal::channel* transmit_channel(const char* port_name);
 const oxhal::channel* receive_channel(const char* port_name, const oxhal_macsec_sci& sci);
 // Channels and associations of both directions.
 size_t channel_count(const char* port_name);

@@ -113,10 +113,6 @@ void set_sink(sink new_sink) {
     current_sink = new_sink ? new_sink : write_to_stderr;
 }
 
-const char* group_name(uint32_t group) {
-    return row_of(group).name;
-}
-
 uint32_t mask_from_text(const char* text) {
     uint32_t mask = 0;
     while (*text) {

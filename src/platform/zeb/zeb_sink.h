@@ -22,7 +22,4 @@ void set_sink(sink new_sink);
 // A name that is not known is reported on stderr and left out.
 uint32_t mask_from_text(const char* text);
 
-// The group's name as ZEB_TRACE takes it.
-const char* group_name(uint32_t group);
-
 } // namespace zeb

@@ -179,18 +179,4 @@ void daemon_lost(link_record& link) {
     link.state_told_ms = 0;
 }
 
-const char* link_request_to_str(link_request request) {
-    switch (request) {
-    case link_request::NONE:
-        return "NONE";
-    case link_request::ADD:
-        return "ADD";
-    case link_request::UPDATE:
-        return "UPDATE";
-    case link_request::DELETE:
-        return "DELETE";
-    }
-    return "<unknown value>";
-}
-
 } // namespace topologyd

@@ -105,6 +105,4 @@ bool status_indicated(link_record& link, uint32_t oper_state, uint32_t encryptio
 // The daemon is gone, and with it what it held.
 void daemon_lost(link_record& link);
 
-const char* link_request_to_str(link_request request);
-
 } // namespace topologyd
