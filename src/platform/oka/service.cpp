@@ -2,8 +2,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/random.h>
 #include <unistd.h>
 
+#include "platform/oka/conductor.h"
 #include "platform/oka/core_internal.h"
 #include "platform/oka/linux_clock.h"
 #include "platform/oka/names.h"
@@ -70,8 +72,24 @@ int find_own_unit(char (&unit)[oka::unit_path_size]) {
 void oka::choose_clock() {
     if (clock_plugged())
         return;
+    if (is_conducted()) {
+        plug_clock(&conductor_clock);
+        plug_transport(&conductor_transport);
+        return;
+    }
     plug_clock(&linux_clock);
     uses_defaults = true;
+}
+
+uint64_t oka::random_number() {
+    if (is_conducted())
+        return conducted_random();
+    // What asks for chance before the kernel has any gets the time: it spreads what happens, it hides
+    // nothing.
+    uint64_t number = 0;
+    if (getrandom(&number, sizeof number, GRND_NONBLOCK) != sizeof number)
+        number = linux_clock.now_ns();
+    return number;
 }
 
 int oka_init(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {

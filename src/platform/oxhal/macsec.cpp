@@ -341,6 +341,7 @@ const driver macsec_driver = {
     .enable_association = enable_association,
     .delete_association = delete_association,
     .read_in_use = read_in_use,
+    .generate_key = nullptr,
     .before = nullptr,
     .after = nullptr,
 };

@@ -351,6 +351,16 @@ channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci) {
     return nullptr;
 }
 
+int kernel_random(uint32_t length, uint8_t* octets) {
+    if (getrandom(octets, length, GRND_NONBLOCK) == static_cast<ssize_t>(length))
+        return 0;
+    int error = errno;
+    OXHAL_ERROR("generate_key: the kernel's random number generator is not ready: %s; give the machine a "
+                "source of entropy",
+                strerror(error));
+    return error;
+}
+
 int parse_ports(const char* text, port_list& list) {
     constexpr const char* remedy =
         "write it as \"DiPort_A1=eth1:sec-a1 DiPort_B1=eth2:sec-b1\" (virtual port, "
@@ -456,13 +466,9 @@ int oxhal_macsec_generate_key(uint32_t length, uint8_t* key) {
         OXHAL_ERROR("generate_key: a key of %u octets is not to be had", length);
         error = EINVAL;
     }
-    // Up to 256 octets come in one piece, or not at all while the kernel's generator is not seeded yet.
-    if (!error && getrandom(key, length, GRND_NONBLOCK) != static_cast<ssize_t>(length)) {
-        error = errno;
-        OXHAL_ERROR("generate_key: the kernel's random number generator is not ready: %s; give the machine a "
-                    "source of entropy",
-                    strerror(error));
-    }
+    if (!error)
+        error = layer.current && layer.current->generate_key ? layer.current->generate_key(length, key)
+                                                             : kernel_random(length, key);
     if (layer.current && layer.current->after)
         layer.current->after(what, error);
     return error;

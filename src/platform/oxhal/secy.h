@@ -116,6 +116,8 @@ struct driver {
     int (*enable_association)(port& on, direction way, const channel& of, uint8_t an, bool enable);
     int (*delete_association)(port& on, direction way, const channel& of, uint8_t an);
     int (*read_in_use)(const port& on, direction way, const channel& of, uint8_t an, bool* in_use);
+    // Null: the kernel's random numbers.
+    int (*generate_key)(uint32_t length, uint8_t* key);
     // Both may be null. `before` may refuse the call with an error number of its own.
     int (*before)(const call& what);
     void (*after)(const call& what, int result);
@@ -131,6 +133,9 @@ void forget_channels(port& on);
 // The places for channels of that direction, those that do not exist included.
 std::span<channel> places(port& on, direction way);
 channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci);
+
+// Up to 256 octets come in one piece, or not at all while the kernel's generator is not seeded yet.
+int kernel_random(uint32_t length, uint8_t* octets);
 
 // Reads "DiPort_A1=eth1:sec-a1 ..." into the list; an error trace says what is wrong with it.
 int parse_ports(const char* text, port_list& list);

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/oxhal/sim_report.h"
+
 namespace {
 
 using namespace oxhal;
@@ -49,6 +51,7 @@ struct {
         const char* operation;
         unsigned calls;
     } counts[max_operations];
+    uint8_t reported_key[key_size]; // until the call that brought it has ended
 } sim;
 
 // Apart from the rest, which is wiped as plain memory.
@@ -129,6 +132,8 @@ int delete_channel(port& on, direction way, const channel& which) {
 int create_association(port& on, direction way, const channel& of, uint8_t an, const association&,
                        const uint8_t (&key)[key_size]) {
     memcpy(keys_of(on, way, of).keys[an], key, key_size);
+    if (oxhal_sim::reports())
+        memcpy(sim.reported_key, key, key_size);
     return 0;
 }
 
@@ -170,10 +175,29 @@ int before(const call& what) {
             error = each.error;
         }
     }
+    if (error == 0 && oxhal_sim::reports()) {
+        oxhal_sim::report_answer answer = oxhal_sim::ask(what);
+        memcpy(sim.reported_key, answer.key, key_size);
+        explicit_bzero(answer.key, sizeof answer.key);
+        error = answer.error;
+    }
     return error;
 }
 
+// Who watches the calls makes the keys too, so that a simulation can be repeated.
+int generate_key(uint32_t length, uint8_t* key) {
+    if (!oxhal_sim::reports())
+        return kernel_random(length, key);
+    for (uint32_t at = 0; at < length; ++at)
+        key[at] = sim.reported_key[at % key_size];
+    return 0;
+}
+
 void after(const call& what, int result) {
+    if (oxhal_sim::reports()) {
+        oxhal_sim::tell_ended(what, result, sim.reported_key);
+        explicit_bzero(sim.reported_key, sizeof sim.reported_key);
+    }
     std::string& texts = call_texts();
     if (!sim.recording || texts.size() > max_text)
         return;
@@ -210,6 +234,7 @@ const driver sim_driver = {
     .enable_association = enable_association,
     .delete_association = delete_association,
     .read_in_use = read_in_use,
+    .generate_key = generate_key,
     .before = before,
     .after = after,
 };
