@@ -14,6 +14,7 @@
 #include "oka_agent.h"
 #include "platform/zeb.h"
 #include "platform/zeb/zeb_sink.h"
+#include "support/process.h"
 
 namespace oka_tests {
 
@@ -359,7 +360,9 @@ TEST_F(unix_test, only_the_same_user_root_and_an_open_folders_group_are_answered
         int status = -1;
         while (waitpid(other, &status, WNOHANG) == 0)
             settle();
-        EXPECT_EQ(WEXITSTATUS(status), row.answered) << row.what;
+        // User-mode emulation does not tell of supplementary groups; who has no other is refused then.
+        bool answered = row.answered && (row.primary == group || !test::is_emulated());
+        EXPECT_EQ(WEXITSTATUS(status), answered) << row.what;
     }
     // A mailbox of an open folder is open to the group, and to nobody else.
     chmod(folder.c_str(), 0770);

@@ -1,5 +1,7 @@
 #include "services/oxpcsi-server/oxpcsi_server.h"
 
+#include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -311,20 +313,38 @@ void tell(const link_event& event) {
     told += text;
 }
 
-// From memory of just their size, so that the sanitizer sees a read beyond them.
-bool parse(const std::vector<uint8_t>& bytes) {
-    told.clear();
-    std::vector<uint32_t> aligned((bytes.size() + 3) / 4);
-    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<uint8_t*>(aligned.data()));
-    return parse_link_messages(aligned.data(), bytes.size(), tell);
-}
-
 const std::vector<uint8_t> new_link = {
     56, 0, 0, 0, 16,  0,   2,   0,   1,    0,    0, 0, 9, 0, 0, 0, // length, type, flags, sequence, port
     0,  0, 1, 0, 7,   0,   0,   0,   0x43, 0,    1, 0, 0, 0, 0, 0, // family, type, index, flags, change
     9,  0, 3, 0, 'e', 't', 'h', '1', 0,    0,    0, 0,             // the name and its padding
     10, 0, 1, 0, 2,   0,   0,   0,   0,    0xa1, 0, 0,             // the address and its padding
 };
+
+// The kernel speaks its machine's own byte order.
+void to_machine_order(std::vector<uint8_t>& bytes) {
+    using fields = std::initializer_list<std::pair<size_t, size_t>>; // where, and how many bytes
+    static const fields header = {{0, 4}, {4, 2}, {6, 2}, {8, 4}, {12, 4}}, error = {{16, 4}},
+                        link = {{18, 2}, {20, 4}, {24, 4}, {28, 4}, {32, 2}, {34, 2}, {44, 2}, {46, 2}};
+    for (size_t start = 0; std::endian::native == std::endian::big && start < bytes.size();
+         start += new_link.size()) {
+        bool is_link = start + 4 < bytes.size() && bytes[start + 4] >= 16;
+        for (const fields* each : {&header, is_link ? &link : &error}) {
+            for (auto [at, size] : *each) {
+                if (start + at + size <= bytes.size())
+                    std::reverse(&bytes[start + at], &bytes[start + at] + size);
+            }
+        }
+    }
+}
+
+// From memory of just their size, so that the sanitizer sees a read beyond them.
+bool parse(std::vector<uint8_t> bytes) {
+    told.clear();
+    to_machine_order(bytes);
+    std::vector<uint32_t> aligned((bytes.size() + 3) / 4);
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<uint8_t*>(aligned.data()));
+    return parse_link_messages(aligned.data(), bytes.size(), tell);
+}
 
 std::vector<uint8_t> changed(size_t at, uint8_t value) {
     std::vector<uint8_t> bytes = new_link;
@@ -417,11 +437,13 @@ class kernel_port_facts : public test::world {
         if (then_read)
             settle();
     }
+    // The rate is left out when it is that of a veth, which user-mode emulation does not ask the kernel for.
     static std::string now(size_t port) {
         const port_facts& facts = latest[port];
+        bool is_known = facts.present && !test::is_emulated();
         return std::string(facts.present ? "present " : "absent ") +
-               (facts.unlocked ? "unlocked " : "locked ") + (facts.enabled ? "enabled " : "disabled ") +
-               std::to_string(facts.line_rate);
+               (facts.unlocked ? "unlocked " : "locked ") + (facts.enabled ? "enabled" : "disabled") +
+               (facts.line_rate == (is_known ? 10000u : 0u) ? "" : " " + std::to_string(facts.line_rate));
     }
     // What the port is once it is what is expected: the kernel tells of a carrier when it gets round to it.
     std::string comes_to(size_t port, const char* expected) {
@@ -436,41 +458,41 @@ class kernel_port_facts : public test::world {
 TEST_F(kernel_port_facts, follow_a_cable_through_everything_that_happens_to_it) {
     ip("link add name eth2 type veth peer name far2");
     follow({"eth1", "eth2"});
-    EXPECT_EQ(comes_to(0, "absent locked disabled 0"), "absent locked disabled 0");
-    EXPECT_EQ(comes_to(1, "present locked disabled 10000"), "present locked disabled 10000");
+    EXPECT_EQ(comes_to(0, "absent locked disabled"), "absent locked disabled");
+    EXPECT_EQ(comes_to(1, "present locked disabled"), "present locked disabled");
 
     ip("link add name eth1 address 02:00:00:00:00:a1 type veth peer name far1");
     EXPECT_EQ(latest[0].index, if_nametoindex("eth1"));
     EXPECT_EQ(latest[0].mac_address[5], 0xa1);
     ip("link set eth1 up");
-    EXPECT_EQ(comes_to(0, "present unlocked disabled 10000"), "present unlocked disabled 10000");
+    EXPECT_EQ(comes_to(0, "present unlocked disabled"), "present unlocked disabled");
     ip("link set far1 up");
-    EXPECT_EQ(comes_to(0, "present unlocked enabled 10000"), "present unlocked enabled 10000");
+    EXPECT_EQ(comes_to(0, "present unlocked enabled"), "present unlocked enabled");
     ip("link set far1 down"); // the carrier is lost
-    EXPECT_EQ(comes_to(0, "present unlocked disabled 10000"), "present unlocked disabled 10000");
+    EXPECT_EQ(comes_to(0, "present unlocked disabled"), "present unlocked disabled");
     ip("link set far1 up");
     ip("link set eth1 down");
-    EXPECT_EQ(comes_to(0, "present locked disabled 10000"), "present locked disabled 10000");
+    EXPECT_EQ(comes_to(0, "present locked disabled"), "present locked disabled");
     ip("link set eth1 up");
-    EXPECT_EQ(comes_to(0, "present unlocked enabled 10000"), "present unlocked enabled 10000");
+    EXPECT_EQ(comes_to(0, "present unlocked enabled"), "present unlocked enabled");
 
     // A bridge that lets go of it does not take it away.
     ip("link add name bridge type bridge");
     ip("link set eth1 master bridge");
     ip("link set eth1 nomaster");
-    EXPECT_EQ(comes_to(0, "present unlocked enabled 10000"), "present unlocked enabled 10000");
+    EXPECT_EQ(comes_to(0, "present unlocked enabled"), "present unlocked enabled");
 
     ip("link delete eth1");
-    EXPECT_EQ(comes_to(0, "absent locked disabled 0"), "absent locked disabled 0");
+    EXPECT_EQ(comes_to(0, "absent locked disabled"), "absent locked disabled");
     EXPECT_EQ(latest[0].index, 0u);
     EXPECT_EQ(latest[0].mac_address[5], 0xa1);
     ip("link add name fresh address 02:00:00:00:00:a2 type veth peer name far1");
     ip("link set fresh name eth1");
-    EXPECT_EQ(comes_to(0, "present locked disabled 10000"), "present locked disabled 10000");
+    EXPECT_EQ(comes_to(0, "present locked disabled"), "present locked disabled");
     EXPECT_EQ(latest[0].mac_address[5], 0xa2);
     ip("link set eth1 name other");
-    EXPECT_EQ(comes_to(0, "absent locked disabled 0"), "absent locked disabled 0");
-    EXPECT_EQ(comes_to(1, "present locked disabled 10000"), "present locked disabled 10000");
+    EXPECT_EQ(comes_to(0, "absent locked disabled"), "absent locked disabled");
+    EXPECT_EQ(comes_to(1, "present locked disabled"), "present locked disabled");
     EXPECT_EQ(take_errors(), "");
     port_facts_stop();
     expect_nothing_left();
@@ -497,16 +519,16 @@ TEST_F(kernel_port_facts, are_read_afresh_when_the_kernel_said_more_than_was_kep
         flood();
         ip("link set far1 up && ip link set eth1 up", false);
     });
-    EXPECT_EQ(comes_to(0, "present unlocked enabled 10000"), "present unlocked enabled 10000");
+    EXPECT_EQ(comes_to(0, "present unlocked enabled"), "present unlocked enabled");
 
     forget_traces();
     flood();
     ip("link set eth1 down && ip link delete eth2 && ip link set eth3 name eth4");
     EXPECT_TRUE(traced("OXPCSI: The kernel said more than could be kept; reading every interface afresh"));
-    EXPECT_EQ(comes_to(0, "present locked disabled 10000"), "present locked disabled 10000");
-    EXPECT_EQ(comes_to(1, "absent locked disabled 0"), "absent locked disabled 0");
-    EXPECT_EQ(comes_to(2, "absent locked disabled 0"), "absent locked disabled 0");
-    EXPECT_EQ(comes_to(3, "present locked disabled 10000"), "present locked disabled 10000");
+    EXPECT_EQ(comes_to(0, "present locked disabled"), "present locked disabled");
+    EXPECT_EQ(comes_to(1, "absent locked disabled"), "absent locked disabled");
+    EXPECT_EQ(comes_to(2, "absent locked disabled"), "absent locked disabled");
+    EXPECT_EQ(comes_to(3, "present locked disabled"), "present locked disabled");
     port_facts_stop();
     expect_nothing_left();
 }

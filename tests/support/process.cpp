@@ -8,8 +8,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <iterator>
 #include <poll.h>
 #include <sched.h>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +19,8 @@
 namespace test {
 
 namespace {
+
+constexpr const char* emulator_variable = "QEL_TAVU_EMULATOR";
 
 std::vector<process*>& processes() {
     static std::vector<process*> all;
@@ -48,8 +52,15 @@ bool write_file(const char* path, const std::string& text) {
         else
             setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
     }
+    std::vector<std::string> words = command;
+    // Names that are searched in PATH are the host's programs; those with a path are ours.
+    if (is_emulated() && command[0].find('/') != std::string::npos) {
+        std::istringstream emulator(getenv(emulator_variable));
+        words.assign(std::istream_iterator<std::string>(emulator), {});
+        words.insert(words.end(), command.begin(), command.end());
+    }
     std::vector<char*> arguments;
-    for (const std::string& word : command)
+    for (const std::string& word : words)
         arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
@@ -146,6 +157,10 @@ temporary_folder::temporary_folder(const char* where) {
 temporary_folder::~temporary_folder() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+}
+
+bool is_emulated() {
+    return getenv(emulator_variable) != nullptr;
 }
 
 bool enter_own_network() {

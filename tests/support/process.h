@@ -61,6 +61,10 @@ class temporary_folder {
     std::string path_;
 };
 
+// Whether this process, and with it the programs that it starts by a path, run under user-mode emulation of
+// another machine: by the command line in QEL_TAVU_EMULATOR, which the test run of a cross build sets.
+bool is_emulated();
+
 // From here on this process and those it starts have network interfaces of their own, and the right to change
 // them: as root of a user namespace when the user is not root already. False with errno when the host does
 // not allow that.

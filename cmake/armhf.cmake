@@ -1,0 +1,6 @@
+# 32-bit ARM, the processor that the daemon is made for.
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CROSS_ARCHITECTURE armhf)
+set(CROSS_TRIPLET arm-linux-gnueabihf)
+set(CROSS_EMULATOR qemu-arm-static)
+include(${CMAKE_CURRENT_LIST_DIR}/cross.cmake)
