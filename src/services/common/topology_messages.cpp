@@ -34,6 +34,34 @@ constexpr word link_status_table[] = {
 
 constexpr word du_type_table[] = {{OXMSI_DU_TYPE_2, "type-2"}, {OXMSI_DU_TYPE_3, "type-3"}};
 
+constexpr word phase_table[] = {
+    {TOPOLOGY_PHASE_OFF, "off"},
+    {TOPOLOGY_PHASE_NO_DAEMON, "no-daemon"},
+    {TOPOLOGY_PHASE_STOPPING, "stopping"},
+    {TOPOLOGY_PHASE_PAUSED, "paused"},
+    {TOPOLOGY_PHASE_DOWN, "down"},
+    {TOPOLOGY_PHASE_STARTING, "starting"},
+    {TOPOLOGY_PHASE_PORT_DOWN, "port-down"},
+    {TOPOLOGY_PHASE_JOINING, "joining"},
+    {TOPOLOGY_PHASE_ENCRYPTED, "encrypted"},
+};
+
+constexpr word trouble_table[] = {
+    {TOPOLOGY_TROUBLE_NONE, "none"},
+    {TOPOLOGY_TROUBLE_NO_DAEMON, "no-daemon"},
+    {TOPOLOGY_TROUBLE_REFUSED, "refused"},
+    {TOPOLOGY_TROUBLE_PORT_DOWN, "port-down"},
+    {TOPOLOGY_TROUBLE_FAILED, "failed"},
+    {TOPOLOGY_TROUBLE_BROKEN, "broken"},
+    {TOPOLOGY_TROUBLE_NO_KEYS, "no-keys"},
+    {TOPOLOGY_TROUBLE_NO_PEER, "no-peer"},
+    {TOPOLOGY_TROUBLE_PEER_REFUSES, "peer-refuses"},
+    {TOPOLOGY_TROUBLE_SILENT_PEER, "silent-peer"},
+    {TOPOLOGY_TROUBLE_MPIDS, "mpids"},
+    {TOPOLOGY_TROUBLE_OFF, "off"},
+    {TOPOLOGY_TROUBLE_RESTLESS, "restless"},
+};
+
 constexpr word request_table[] = {
     {0, "nothing yet"},
     {OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ, "link added"},
@@ -108,6 +136,13 @@ const char* link_status_words() {
     return "up, down, not-connected, macsec-pending, bad-connectivity, authentication-failed, "
            "nonexisting-port, nonexisting-remote-port, nonexisting-mpid, wrong-remote-port, "
            "wrong-remote-mpid or uninitialized";
+}
+
+const char* phase_to_word(uint32_t phase) {
+    return text_of(phase_table, phase);
+}
+const char* trouble_to_word(uint32_t trouble) {
+    return text_of(trouble_table, trouble);
 }
 
 const char* request_in_words(uint32_t number) {

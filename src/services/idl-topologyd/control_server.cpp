@@ -111,7 +111,12 @@ void fill_link(topology_link& shown, const link_record& link) {
     shown.last_answer = link.last_answer.number;
     shown.last_reason = link.last_answer.reason;
     shown.answered = age_of(link.answered_ms);
-    shown.milliseconds_to_next = ms_until(link.requests.retry_at_ms);
+    shown.milliseconds_to_next = ms_until(std::max(link.requests.retry_at_ms, link.agreed.pause_until_ms));
+    shown.phase = phase_of(link, is_connected(), now_ms());
+    shown.trouble = link.agreed.shown.code;
+    shown.trouble_end = link.agreed.shown.end;
+    shown.trouble_since = age_of(link.agreed.shown.since_ms);
+    shown.words = link.agreed.shown.words;
 }
 
 void send_snapshot(const requester& to, uint32_t number) {
@@ -239,7 +244,7 @@ bool settle_link_set(const requester& from) {
     else if (!is_connected())
         send_rej(from, TOPOLOGY_REJ_NOT_CONNECTED,
                  "qel-tavu went away before it confirmed; the setting is kept and published when it is back");
-    else if (is_settled(*link))
+    else if (is_fulfilled(*link))
         send_link_set_cfm(from, *link);
     else if (link->requests.failures > 0)
         send_rej(from, TOPOLOGY_REJ_REFUSED,

@@ -11,11 +11,6 @@ using namespace tavu;
 constexpr uint64_t pause_first_ms = 1000;
 constexpr uint64_t pause_max_ms = 30000;
 
-bool asks_for_security(const link_attributes& link) {
-    return link.du_type == OXMSI_DU_TYPE_3 &&
-           (link.status == OXMSI_LTM_LINK_STATUS_UP || link.status == OXMSI_LTM_LINK_STATUS_MACSEC_PENDING);
-}
-
 // Whether an update leads from one to the other. The id and the hunt path are not in it. The two ends of the
 // link are, but they name the connectivity association: a port that has joined one stays there until the
 // link is deleted.
@@ -52,6 +47,11 @@ void take_reject(link_record& link, uint32_t reason, uint64_t now_ms) {
 
 } // namespace
 
+bool asks_for_security(const link_attributes& link) {
+    return link.du_type == OXMSI_DU_TYPE_3 &&
+           (link.status == OXMSI_LTM_LINK_STATUS_UP || link.status == OXMSI_LTM_LINK_STATUS_MACSEC_PENDING);
+}
+
 void back_off::fail(uint64_t now_ms) {
     uint64_t pause = std::min(pause_first_ms << std::min(failures, 10u), pause_max_ms);
     failures++;
@@ -63,6 +63,8 @@ std::optional<link_attributes> wanted_link(const link_record& link) {
         return std::nullopt;
     link_attributes wanted = link.file;
     wanted.status = link.set_status.value_or(wanted.status);
+    if (asks_for_security(wanted) && link.agreed.stands == standing::DOWN)
+        wanted.status = OXMSI_LTM_LINK_STATUS_DOWN;
     return wanted;
 }
 
@@ -73,6 +75,11 @@ bool is_settled(const link_record& link) {
     if (!wanted)
         return link.held == held_link::NOTHING;
     return link.held == held_link::LINK && link.held_attributes == *wanted;
+}
+
+bool is_fulfilled(const link_record& link) {
+    bool has_come = link.agreed.stands == standing::ENCRYPTED || link.agreed.stands == standing::PORT_DOWN;
+    return is_settled(link) && (has_come || !wants_security(link));
 }
 
 bool is_over(const link_record& link) {
@@ -93,8 +100,11 @@ due_request next_request(const link_record& link, uint64_t now_ms) {
     case held_link::UNKNOWN:
         return {link_request::DELETE, link.held_attributes};
     case held_link::LINK:
-        if (wanted && link.held_attributes == *wanted)
-            return {};
+        if (wanted && link.held_attributes == *wanted) {
+            bool is_owed_an_answer =
+                link.agreed.stands == standing::JOINING && link.pending == link_request::NONE;
+            return is_owed_an_answer ? due_request{link_request::UPDATE, *wanted} : due_request{};
+        }
         if (wanted && update_suffices(link.held_attributes, *wanted))
             return {link_request::UPDATE, *wanted};
         return {link_request::DELETE, link.held_attributes};
@@ -110,6 +120,8 @@ bool subscription_is_due(const link_record& link, uint64_t now_ms) {
 void want_changed(link_record& link) {
     link.requests.succeed();
     link.subscribing.succeed();
+    link.agreed.pause_until_ms = 0;
+    link.agreed.failures = 0;
 }
 
 void request_sent(link_record& link, const due_request& sent, uint32_t number, uint32_t reference,
@@ -147,24 +159,8 @@ bool status_told(link_record& link, uint32_t oper_state, uint32_t encryption_sta
     return true;
 }
 
-bool status_indicated(link_record& link, uint32_t oper_state, uint32_t encryption_state, uint64_t now_ms) {
-    bool was_known = link.oper_state != OXMSI_PORT_OPER_STATE_UNINITIALIZED;
-    bool changed = status_told(link, oper_state, encryption_state, now_ms);
-    // Only a port in the unauthenticated role is in operation without encryption. When one goes there that
-    // was to be secured, its cable is out, or the daemon released it because some other client closed, and
-    // then it has forgotten the link and leaves our request unanswered. Publishing anew is right for both.
-    bool unsecured = oper_state == OXMSI_PORT_OPER_STATE_ENABLED &&
-                     encryption_state == OXMSI_PORT_ENCRYPTION_STATE_DISABLED;
-    if (was_known && changed && unsecured && link.held == held_link::LINK &&
-        asks_for_security(link.held_attributes)) {
-        link.held = held_link::UNKNOWN;
-        link.pending = link_request::NONE;
-        link.pending_reference = 0;
-    }
-    return changed;
-}
-
-void daemon_lost(link_record& link) {
+void daemon_lost(link_record& link, uint64_t now_ms) {
+    agreement_without_daemon(link, now_ms);
     link.held = held_link::NOTHING;
     link.pending = link_request::NONE;
     link.pending_reference = 0;

@@ -3,12 +3,13 @@
 // decisions can be put to it in any order.
 //
 // What is wanted comes together in wanted_link() alone: the file's attributes, with a status that somebody
-// set over the file's. Whatever else is to have a say in a link's status has it there.
+// set over the file's, and down as long as the two ends of a link that is to be secured do not agree on it.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 
+#include "services/idl-topologyd/agreement.h"
 #include "services/idl-topologyd/links_file.h"
 
 namespace topologyd {
@@ -50,6 +51,7 @@ struct link_record {
     link_attributes file; // the last the file said; its port is the record's name
     bool is_in_file = true;
     std::optional<uint32_t> set_status{}; // over the file's
+    agreement agreed{};
 
     held_link held = held_link::NOTHING;
     link_attributes held_attributes{};
@@ -73,11 +75,15 @@ struct link_record {
     uint64_t state_told_ms = 0;
 };
 
+// The port is to be secured.
+bool asks_for_security(const link_attributes& link);
 // Nothing when the link is to go.
 std::optional<link_attributes> wanted_link(const link_record& link);
 
 // The daemon holds the link as it is wanted, and has confirmed it.
 bool is_settled(const link_record& link);
+// The same for what the file or the operator want: a link that is to be secured is, or its port is down.
+bool is_fulfilled(const link_record& link);
 // Nothing of the link is left with the daemon, and nothing is wanted of it.
 bool is_over(const link_record& link);
 
@@ -88,7 +94,8 @@ struct due_request {
 
 // What is to be sent now. A request waits for the answer of the one before, since the daemon confirms an
 // unanswered one at once, with whatever status the port has, when the next arrives. A request to secure the
-// port may stay unanswered as long as the peer is away, so that one is overtaken.
+// port may stay unanswered as long as the peer is away, so that one is overtaken. A port that began to join
+// when its cable was put in is asked for once more, since the daemon tells nothing but an answer of success.
 due_request next_request(const link_record& link, uint64_t now_ms);
 bool subscription_is_due(const link_record& link, uint64_t now_ms);
 
@@ -100,9 +107,7 @@ void request_sent(link_record& link, const due_request& sent, uint32_t number, u
 void request_answered(link_record& link, const daemon_answer& answer, uint64_t now_ms);
 // From a confirm or an indication. True when the status changed.
 bool status_told(link_record& link, uint32_t oper_state, uint32_t encryption_state, uint64_t now_ms);
-// An indication's status. The same, and notices that the daemon let go of the link.
-bool status_indicated(link_record& link, uint32_t oper_state, uint32_t encryption_state, uint64_t now_ms);
 // The daemon is gone, and with it what it held.
-void daemon_lost(link_record& link);
+void daemon_lost(link_record& link, uint64_t now_ms);
 
 } // namespace topologyd

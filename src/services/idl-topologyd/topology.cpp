@@ -1,12 +1,15 @@
 #include "services/idl-topologyd/topology.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "services/common/one_shot.h"
 #include "services/common/topology_messages.h"
 #include "services/idl-topologyd/clock.h"
 #include "services/idl-topologyd/internal_numbers.h"
 #include "services/idl-topologyd/oxmsi_client.h"
+#include "services/idl-topologyd/peers.h"
+#include "services/idl-topologyd/trouble.h"
 #include "tavu/trace.h"
 
 namespace topologyd {
@@ -15,10 +18,17 @@ namespace {
 
 using namespace tavu;
 using services::link_status_to_word;
+using services::topology_peer_link_ind;
+
+// What may be said to the other end of one link within `talk_window_ms`. A link that is taken through its
+// life needs a dozen; one that needs more is played with.
+constexpr uint32_t talk_max = 50;
+constexpr uint64_t talk_window_ms = 1000;
 
 struct {
     topology_callbacks callbacks = {};
     std::vector<link_record> links;
+    uint32_t next_reference = 1;
     services::one_shot retry{LINK_RETRY_IND};
 } self;
 
@@ -35,6 +45,15 @@ link_record* find_link(Predicate accepts) {
 void subscribe(link_record& link) {
     link.subscription_reference = oxmsi_client_subscribe(link.file.port);
     link.subscription = subscription_state::REQUESTED;
+}
+
+// Begins the subscription anew, which tells the port's status as it is once the daemon has come to this
+// request. The daemon tells a subscriber what differs from what it told that one last, and no success.
+void renew_subscription(link_record& link) {
+    if (link.subscription == subscription_state::NONE)
+        return;
+    (void)oxmsi_client_unsubscribe(link.file.port);
+    subscribe(link);
 }
 
 void trace_request(const due_request& due) {
@@ -58,14 +77,70 @@ void pursue(link_record& link) {
     trace_request(due);
     uint32_t reference = oxmsi_client_send_link(due);
     request_sent(link, due, oxmsi_request_number(due.request), reference, now_ms());
+    if (link.agreed.stands == standing::STARTING && is_published_up(link))
+        renew_subscription(link);
     self.callbacks.handle_changed();
+}
+
+bool has_daemon() {
+    return oxmsi_client_get_state() == OXMSI_CLIENT_STATE_CONNECTED;
+}
+
+topology_peer_link_ind word_of(const link_record& link) {
+    topology_peer_link_ind word{};
+    trouble own = own_trouble(link, has_daemon(), now_ms());
+    word.header.procedure_reference = link.agreed.reference;
+    word.port = link.file.port;
+    word.remote_port = link.file.remote_port;
+    word.remote_mpid = link.file.remote_mpid;
+    word.life = link.agreed.life;
+    word.seen_life = link.agreed.peer.life;
+    word.phase = phase_of(link, has_daemon(), now_ms());
+    word.trouble = own.code;
+    word.words = own.words;
+    return word;
+}
+
+bool may_tell(agreement& agreed) {
+    if (now_ms() - agreed.told_since_ms >= talk_window_ms) {
+        agreed.told_since_ms = now_ms();
+        agreed.recently_told = 0;
+    }
+    return agreed.recently_told < talk_max;
+}
+
+// Tells the other end what it does not know yet. It has to do only with links that are secured, or were.
+void tell(link_record& link) {
+    agreement& agreed = link.agreed;
+    if (!agreed.peer_is_found || (link.file.du_type != OXMSI_DU_TYPE_3 && agreed.told.life == 0))
+        return;
+    topology_peer_link_ind word = word_of(link);
+    if (memcmp(&word, &agreed.told, sizeof word) == 0 || !may_tell(agreed))
+        return;
+    agreed.recently_told++;
+    agreed.told = word;
+    bool is_shown = word.trouble == agreed.shown.code && agreed.shown.end == services::TOPOLOGY_END_HERE;
+    word.trouble_since = services::topology_age::of_ms(is_shown ? now_ms() - agreed.shown.since_ms : 0);
+    peers_tell(link.file.hunt_path, word);
+}
+
+// The last word about a link that the file leads elsewhere now.
+void say_farewell(const link_record& link) {
+    topology_peer_link_ind word = link.agreed.told;
+    if (!link.agreed.peer_is_found || word.life == 0)
+        return;
+    word.phase = services::TOPOLOGY_PHASE_OFF;
+    peers_tell(link.file.hunt_path, word);
 }
 
 void arm_retry() {
     uint64_t now = now_ms();
     uint64_t next = UINT64_MAX;
     for (const link_record& link : self.links) {
-        for (uint64_t at : {link.requests.retry_at_ms, link.subscribing.retry_at_ms}) {
+        uint64_t talk_ms =
+            link.agreed.recently_told < talk_max ? 0 : link.agreed.told_since_ms + talk_window_ms;
+        for (uint64_t at :
+             {link.requests.retry_at_ms, link.subscribing.retry_at_ms, next_decision_ms(link), talk_ms}) {
             if (at > now)
                 next = std::min(next, at);
         }
@@ -76,9 +151,13 @@ void arm_retry() {
 }
 
 void pursue_all() {
-    if (oxmsi_client_get_state() == OXMSI_CLIENT_STATE_CONNECTED) {
-        for (link_record& link : self.links)
+    for (link_record& link : self.links) {
+        (void)decide(link, has_daemon(), now_ms());
+        if (has_daemon())
             pursue(link);
+        if (update_trouble(link, has_daemon(), now_ms()))
+            self.callbacks.handle_changed();
+        tell(link);
     }
     for (const link_record& link : self.links) {
         if (is_over(link) && link.subscription != subscription_state::NONE)
@@ -95,7 +174,7 @@ void handle_connected() {
 
 void handle_disconnected() {
     for (link_record& link : self.links)
-        daemon_lost(link);
+        daemon_lost(link, now_ms());
     pursue_all();
 }
 
@@ -126,14 +205,25 @@ void trace_answer(const link_record& link, const daemon_answer& answer) {
                     services::reject_reason_in_words(answer.reason));
 }
 
+// True when it changed how the link stands.
+bool take_status(link_record& link, const daemon_answer& status, bool is_answer) {
+    bool has_changed = port_spoke(link, status.oper_state, status.encryption_state, is_answer, now_ms());
+    // The subscriber was not told of it, so the end of it would be no news.
+    if (has_changed && is_answer && link.agreed.stands == standing::ENCRYPTED)
+        renew_subscription(link);
+    return has_changed;
+}
+
 void handle_answer(uint32_t reference, const daemon_answer& answer) {
     if (link_record* link = find_link([reference](const link_record& candidate) {
             return candidate.pending != link_request::NONE && candidate.pending_reference == reference;
         })) {
         trace_answer(*link, answer);
         request_answered(*link, answer, now_ms());
-        if (answer.reason == 0)
+        if (answer.reason == 0) {
             (void)status_told(*link, answer.oper_state, answer.encryption_state, now_ms());
+            take_status(*link, answer, true);
+        }
     } else if (link_record* subscriber = find_link([reference](const link_record& candidate) {
                    return candidate.subscription == subscription_state::REQUESTED &&
                           candidate.subscription_reference == reference;
@@ -161,7 +251,8 @@ void handle_indication(uint32_t reference, const port_name& port, const daemon_a
     }
     link->subscription = subscription_state::ACTIVE;
     link->subscribing.succeed();
-    if (!status_indicated(*link, status.oper_state, status.encryption_state, now_ms()))
+    bool is_news = status_told(*link, status.oper_state, status.encryption_state, now_ms());
+    if (!take_status(*link, status, false) && !is_news)
         return;
     TRACE_INFO("TOPOLOGYD: Port '%s': controlled port %s, encryption %s", link->file.port.c_str(),
                enabled_to_word(status.oper_state), enabled_to_word(status.encryption_state));
@@ -177,19 +268,106 @@ constexpr oxmsi_client_callbacks client_callbacks = {
     .handle_indication = handle_indication,
 };
 
+void handle_peer_found(const oka_hunt_path& path) {
+    for (link_record& link : self.links) {
+        if (link.file.hunt_path == path)
+            peer_found(link);
+    }
+    pursue_all();
+}
+
+void handle_peer_lost(const oka_hunt_path& path) {
+    for (link_record& link : self.links) {
+        if (link.file.hunt_path == path)
+            peer_lost(link, now_ms());
+    }
+    pursue_all();
+}
+
+const char* handle_peer_word(const topology_peer_link_ind& said, oka_mailbox sender) {
+    link_record* link = find_link([&said](const link_record& candidate) {
+        return candidate.is_in_file && candidate.file.port == said.remote_port;
+    });
+    if (!link || link->file.du_type != OXMSI_DU_TYPE_3)
+        return "the links file there has no link of type-3 on the port that remote-port names";
+    oka_mailbox peer = peers_find(link->file.hunt_path);
+    if (peer != sender) {
+        // One that is not found yet is told of the link when it is, and then tells again.
+        return peer == OKA_MAILBOX_NONE ? nullptr : "hunt-path of the links file there leads to another unit";
+    }
+    if (!(link->file.remote_port == said.port))
+        return "the links file there has another remote-port for this link";
+    peer_word word;
+    word.life = said.life;
+    word.seen_life = said.seen_life;
+    word.phase = static_cast<services::topology_phase>(uint32_t{said.phase});
+    word.own_mpid = said.remote_mpid;
+    word.trouble = said.trouble;
+    word.trouble_since_ms = now_ms() - std::min(said.trouble_since.in_ms(), now_ms() - 1);
+    word.words.assign(said.words);
+    if (peer_spoke(*link, word, now_ms()))
+        link->agreed.told = {};
+    pursue_all();
+    return nullptr;
+}
+
+void handle_peer_refusal(const services::topology_rej& rej, oka_mailbox sender) {
+    services::trouble_words why;
+    why.assign(rej.words);
+    for (link_record& link : self.links) {
+        bool is_meant = rej.reason == services::TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION ||
+                        link.agreed.reference == rej.header.procedure_reference;
+        if (is_meant && link.agreed.peer_is_found && peers_find(link.file.hunt_path) == sender)
+            peer_refused(link, why);
+    }
+    pursue_all();
+}
+
+constexpr peers_callbacks peer_callbacks = {
+    .handle_found = handle_peer_found,
+    .handle_lost = handle_peer_lost,
+    .handle_word = handle_peer_word,
+    .handle_refusal = handle_peer_refusal,
+};
+
+// Everything but the status and the kind of unit names the link; another link is agreed on from the start.
+bool is_same_link(const link_attributes& one, const link_attributes& other) {
+    link_attributes compared = one;
+    compared.status = other.status;
+    compared.du_type = other.du_type;
+    return compared == other;
+}
+
+void meet_peer(link_record& link) {
+    agreement fresh{};
+    fresh.life = link.agreed.life;
+    fresh.reference = self.next_reference++;
+    link.agreed = fresh;
+    start_life(link, now_ms());
+    if (link.file.du_type == OXMSI_DU_TYPE_3)
+        peers_look_for(link.file.hunt_path);
+    link.agreed.peer_is_found = peers_find(link.file.hunt_path) != OKA_MAILBOX_NONE;
+}
+
 // The record of the port as the file has it now; its life with the daemon goes on.
 link_record take_from_file(const link_attributes& attributes) {
     link_record* known = find_link(
         [&attributes](const link_record& candidate) { return candidate.file.port == attributes.port; });
-    if (!known)
-        return {.file = attributes};
-    link_record link = *known;
-    if (!link.is_in_file || !(link.file == attributes)) {
-        link.file = attributes;
-        link.is_in_file = true;
-        link.set_status.reset();
-        want_changed(link);
-    }
+    link_record link = known ? *known : link_record{.file = attributes};
+    bool is_changed = known && (!link.is_in_file || !(link.file == attributes));
+    if (known && !is_changed)
+        return link;
+    bool is_same = known && is_same_link(link.file, attributes);
+    if (known && !is_same)
+        say_farewell(link);
+    link.file = attributes;
+    link.is_in_file = true;
+    link.set_status.reset();
+    if (!is_same)
+        meet_peer(link);
+    else if (link.file.du_type == OXMSI_DU_TYPE_3)
+        peers_look_for(link.file.hunt_path);
+    want_changed(link);
     return link;
 }
 
@@ -197,11 +375,13 @@ link_record take_from_file(const link_attributes& attributes) {
 
 bool topology_start(oka_mailbox mailbox, const topology_callbacks* callbacks) {
     self.callbacks = *callbacks;
+    peers_start(mailbox, &peer_callbacks);
     return oxmsi_client_start(mailbox, &client_callbacks);
 }
 
 void topology_stop() {
     oxmsi_client_stop();
+    peers_stop();
     self.retry.stop();
     self.links.clear();
 }
@@ -244,10 +424,8 @@ bool topology_set_status(const port_name& port, std::optional<uint32_t> status) 
 
 void topology_refresh() {
     for (link_record& link : self.links) {
-        if (link.subscription != subscription_state::ACTIVE)
-            continue;
-        (void)oxmsi_client_unsubscribe(link.file.port);
-        subscribe(link);
+        if (link.subscription == subscription_state::ACTIVE)
+            renew_subscription(link);
     }
 }
 
@@ -273,7 +451,7 @@ bool topology_dispatch_message(const oka_message* message) {
             pursue_all();
         return true;
     }
-    return oxmsi_client_dispatch_message(message);
+    return peers_dispatch_message(message) || oxmsi_client_dispatch_message(message);
 }
 
 } // namespace topologyd

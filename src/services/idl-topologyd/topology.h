@@ -1,5 +1,6 @@
-// The links of this node: keeps a record for each, brings the daemon to hold what the file and the operator
-// want, and keeps what the daemon says of every port.
+// The links of this node: keeps a record for each, agrees on those that are to be secured with the other end,
+// brings the daemon to hold what the file, the operator and the agreement want, and keeps what the daemon
+// says of every port.
 #pragma once
 
 #include <optional>

@@ -1,0 +1,216 @@
+#include "services/idl-topologyd/peers.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "services/common/options.h"
+#include "services/idl-topologyd/internal_numbers.h"
+#include "tavu/trace.h"
+
+namespace topologyd {
+
+namespace {
+
+using namespace tavu;
+using namespace services;
+
+struct peer {
+    oka_hunt_path path;
+    oka_mailbox mailbox = OKA_MAILBOX_NONE;
+    oka_monitor_ref monitor = 0;
+    uint32_t rejected = 0; // with which reason last; once is enough until it says something that is right
+};
+
+// What a search and a supervision deliver.
+struct peer_notice {
+    host32 number;
+    be32 index;
+};
+TAVU_WIRE_LAYOUT(peer_notice, 8);
+
+struct {
+    peers_callbacks callbacks = {};
+    oka_mailbox mailbox = OKA_MAILBOX_NONE;
+    std::vector<peer> peers; // none ever leaves, so an index stays good
+} self;
+
+template<class Predicate>
+peer* find_peer(Predicate accepts) {
+    auto found = std::find_if(self.peers.begin(), self.peers.end(), accepts);
+    return found == self.peers.end() ? nullptr : &*found;
+}
+
+peer* peer_at(const oka_hunt_path& path) {
+    return find_peer([&path](const peer& candidate) { return candidate.path == path; });
+}
+
+void locate(const peer& wanted) {
+    outgoing<peer_notice> prepared(PEER_UP_IND);
+    prepared->index = static_cast<uint32_t>(&wanted - self.peers.data());
+    std::string name = std::string(wanted.path.c_str()) + "/" + topology_mailbox_name;
+    oka_locate_async(name.c_str(), prepared.prepared(), self.mailbox);
+}
+
+peer* noticed(const oka_message* message) {
+    if (oka_size(message) != sizeof(peer_notice) || oka_sender(message) == OKA_MAILBOX_NONE)
+        return nullptr;
+    uint32_t index = as<peer_notice>(message).index;
+    return index < self.peers.size() ? &self.peers[index] : nullptr;
+}
+
+void handle_peer_up_ind(const oka_message* message) {
+    peer* found = noticed(message);
+    if (!found || found->mailbox != OKA_MAILBOX_NONE)
+        return;
+    found->mailbox = oka_sender(message);
+    found->rejected = 0;
+    outgoing<peer_notice> prepared(PEER_DOWN_IND);
+    prepared->index = uint32_t{as<peer_notice>(message).index};
+    found->monitor = oka_monitor(found->mailbox, prepared.prepared());
+    TRACE_INFO("TOPOLOGYD: The manager at '%s' is found", found->path.c_str());
+    self.callbacks.handle_found(found->path);
+}
+
+void handle_peer_down_ind(const oka_message* message) {
+    peer* lost = noticed(message);
+    if (!lost || lost->mailbox != oka_sender(message))
+        return;
+    TRACE_INFO("TOPOLOGYD: The manager at '%s' is gone; its links are taken down", lost->path.c_str());
+    oka_unmonitor(lost->monitor);
+    lost->monitor = 0;
+    lost->mailbox = OKA_MAILBOX_NONE;
+    oka_hunt_path path = lost->path;
+    locate(*lost);
+    self.callbacks.handle_lost(path);
+}
+
+void send_rej(const oka_message* message, topology_reject_reason reason, const std::string& words) {
+    peer* to = find_peer([message](const peer& each) { return each.mailbox == oka_sender(message); });
+    if (to && to->rejected == reason)
+        return;
+    if (to)
+        to->rejected = reason;
+    outgoing<topology_rej> rej(TOPOLOGY_PEER_LINK_REJ);
+    rej->header.procedure_reference = as<message_header>(message).procedure_reference;
+    rej->reason = reason;
+    rej->words.assign(words.c_str());
+    TRACE_SEND(rej, oka_sender(message), "TOPOLOGYD: %s: %s", topology_msg_no_to_str(rej.number()),
+               words.c_str());
+    rej.send(oka_sender(message), self.mailbox);
+}
+
+// The version comes first, since it decides what the rest means.
+bool verify_word(const oka_message* message) {
+    if (oka_size(message) < sizeof(topology_req)) {
+        TRACE_ERROR("TOPOLOGYD: %s of %u bytes, dropped", topology_msg_no_to_str(message->number),
+                    oka_size(message));
+        return false;
+    }
+    uint32_t version = as<topology_req>(message).version;
+    if (version != topology_peer_version) {
+        send_rej(message, TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION,
+                 "it is " + std::string(project_version()) + " and speaks version " +
+                     std::to_string(topology_peer_version) + " of the protocol between units, not " +
+                     std::to_string(version) + "; install the same version at both ends");
+        return false;
+    }
+    if (oka_size(message) != sizeof(topology_peer_link_ind)) {
+        send_rej(message, TOPOLOGY_REJ_MALFORMED,
+                 "the indication has " + std::to_string(oka_size(message)) + " bytes instead of " +
+                     std::to_string(sizeof(topology_peer_link_ind)));
+        return false;
+    }
+    const auto& word = as<topology_peer_link_ind>(message);
+    if (word.port.is_terminated() && word.remote_port.is_terminated() && word.words.is_terminated() &&
+        word.life != 0 && word.phase <= TOPOLOGY_PHASE_ENCRYPTED)
+        return true;
+    send_rej(message, TOPOLOGY_REJ_MALFORMED, "the indication makes no sense");
+    return false;
+}
+
+void handle_peer_link_ind(const oka_message* message) {
+    if (!verify_word(message))
+        return;
+    const auto& word = as<topology_peer_link_ind>(message);
+    TRACE_RECEIVE(message, "TOPOLOGYD: %s for port '%s': life=%u, seen life=%u, phase=%s",
+                  topology_msg_no_to_str(message->number), word.remote_port.c_str(), uint32_t{word.life},
+                  uint32_t{word.seen_life}, phase_to_word(word.phase));
+    if (const char* objection = self.callbacks.handle_word(word, oka_sender(message)))
+        send_rej(message, TOPOLOGY_REJ_UNKNOWN_PORT, objection);
+    else if (peer* from =
+                 find_peer([message](const peer& each) { return each.mailbox == oka_sender(message); }))
+        from->rejected = 0;
+}
+
+void handle_peer_link_rej(const oka_message* message) {
+    const auto* rej = view<topology_rej>(message);
+    if (!rej)
+        return;
+    TRACE_RECEIVE(message, "TOPOLOGYD: %s: %s", topology_msg_no_to_str(message->number),
+                  rej->words.printable().octets);
+    self.callbacks.handle_refusal(*rej, oka_sender(message));
+}
+
+struct dispatch_row {
+    uint32_t number;
+    void (*handle)(const oka_message* message);
+};
+
+constexpr dispatch_row dispatch_table[] = {
+    {PEER_UP_IND, handle_peer_up_ind},
+    {PEER_DOWN_IND, handle_peer_down_ind},
+    {TOPOLOGY_PEER_LINK_IND, handle_peer_link_ind},
+    {TOPOLOGY_PEER_LINK_REJ, handle_peer_link_rej},
+};
+
+} // namespace
+
+void peers_start(oka_mailbox mailbox, const peers_callbacks* callbacks) {
+    self.mailbox = mailbox;
+    self.callbacks = *callbacks;
+}
+
+void peers_stop() {
+    for (const peer& each : self.peers)
+        oka_unmonitor(each.monitor);
+    self.peers.clear();
+}
+
+void peers_look_for(const oka_hunt_path& path) {
+    if (peer_at(path))
+        return;
+    self.peers.push_back({.path = path});
+    locate(self.peers.back());
+}
+
+oka_mailbox peers_find(const oka_hunt_path& path) {
+    const peer* found = peer_at(path);
+    return found ? found->mailbox : OKA_MAILBOX_NONE;
+}
+
+void peers_tell(const oka_hunt_path& path, const topology_peer_link_ind& word) {
+    outgoing<topology_peer_link_ind> indication(TOPOLOGY_PEER_LINK_IND);
+    message_header header = word.header;
+    header.number = indication->header.number;
+    *indication.operator->() = word;
+    indication->header = header;
+    indication->version = topology_peer_version;
+    oka_mailbox peer = peers_find(path);
+    TRACE_SEND(indication, peer, "TOPOLOGYD: %s of port '%s': life=%u, seen life=%u, phase=%s",
+               topology_msg_no_to_str(indication.number()), word.port.c_str(), uint32_t{word.life},
+               uint32_t{word.seen_life}, phase_to_word(word.phase));
+    indication.send(peer, self.mailbox);
+}
+
+bool peers_dispatch_message(const oka_message* message) {
+    for (const dispatch_row& row : dispatch_table) {
+        if (row.number == message->number) {
+            row.handle(message);
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace topologyd

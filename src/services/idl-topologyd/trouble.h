@@ -1,0 +1,15 @@
+// Puts into words what keeps a link from being secured: what is wrong, at which end, and what to do.
+#pragma once
+
+#include "services/idl-topologyd/link_life.h"
+
+namespace topologyd {
+
+// What is wrong at this end alone; the other end is told it.
+trouble own_trouble(const link_record& link, bool has_daemon, uint64_t now_ms);
+// What is wrong with the link, wherever. Without a time, which depends on what was wrong before.
+trouble trouble_of(const link_record& link, bool has_daemon, uint64_t now_ms);
+// Keeps what is wrong now as what is shown. True when that changed.
+bool update_trouble(link_record& link, bool has_daemon, uint64_t now_ms);
+
+} // namespace topologyd
