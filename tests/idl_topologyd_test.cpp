@@ -27,6 +27,10 @@ constexpr const char* link_a1 = "[[link]]\nport='IDL_A1'\nid=1\nremote-port='IDL
 constexpr const char* link_b1 = "[[link]]\nport='IDL_B1'\nid=2\nremote-port='IDL_D1'\nremote-mpid=9\n"
                                 "du-type='type-2'\nstatus='down'\n";
 
+// As the first, but to a unit that secures nothing: what is published is up to this end alone.
+constexpr const char* link_clear = "[[link]]\nport='IDL_A1'\nid=1\nremote-port='IDL_C2'\nremote-mpid=7\n"
+                                   "du-type='type-2'\nhunt-path='site/mp7'\n";
+
 struct port_state {
     uint32_t oper;
     uint32_t encryption;
@@ -46,6 +50,7 @@ class idl_topologyd : public test::world {
     ~idl_topologyd() override {
         topologyd_stop();
         daemon.reset();
+        other.reset();
         expect_nothing_left();
         unlink(path.c_str());
         rmdir(directory);
@@ -83,7 +88,7 @@ class idl_topologyd : public test::world {
     }
     // One link, asked for and confirmed, its subscription running.
     void start_published() {
-        start_connected(link_a1);
+        start_connected(link_clear);
         indicate(take_reference(SUBSCRIBE), joining);
         confirm(take_reference(ADDED), ADDED, secured);
         daemon->forget_all();
@@ -121,6 +126,67 @@ class idl_topologyd : public test::world {
         reply(request + 2, procedure, connection, {reason});
     }
 
+    // The manager at the other end, MP 7, appears and says that it is ready.
+    void other_end_appears() {
+        other.emplace("site/mp7/idl-topologyd");
+        says = {};
+        says.version = topology_peer_version;
+        says.port.assign("IDL_C2");
+        says.remote_port.assign("IDL_A1");
+        says.remote_mpid = own_mpid;
+        says.life = 1000;
+        settle();
+        other_says(TOPOLOGY_PHASE_DOWN);
+    }
+    void other_says(topology_phase phase) {
+        (void)heard();
+        says.phase = phase;
+        says.seen_life = told.life;
+        other->send(manager, TOPOLOGY_PEER_LINK_IND, says);
+        settle();
+    }
+    // What the other end was told last.
+    const topology_peer_link_ind& heard() {
+        while (!other->is_silent())
+            told = other->take(TOPOLOGY_PEER_LINK_IND).as<topology_peer_link_ind>();
+        return told;
+    }
+    // A link that is to be secured, down at both ends.
+    void start_ready(uint32_t mpid = 3) {
+        own_mpid = mpid;
+        start_connected(link_a1);
+        indicate(take_reference(SUBSCRIBE), unsecured);
+        confirm(take_reference(ADDED), ADDED, unsecured);
+        other_end_appears();
+    }
+    // The link is published up; returns the reference, and begins the subscription that goes with it.
+    uint32_t take_up() {
+        auto update = daemon->take(UPDATED);
+        EXPECT_EQ(update.as<oxmsi_link_updated_req>().link.link_status, OXMSI_LTM_LINK_STATUS_UP);
+        renew();
+        return update.as<message_header>().procedure_reference;
+    }
+    void renew() {
+        daemon->take(UNSUBSCRIBE);
+        subscription = take_reference(SUBSCRIBE);
+    }
+    void start_encrypted() {
+        start_ready();
+        uint32_t up = take_up();
+        indicate(subscription, joining);
+        other_says(TOPOLOGY_PHASE_JOINING);
+        confirm(up, UPDATED, secured);
+        renew();
+        indicate(subscription, secured);
+        other_says(TOPOLOGY_PHASE_ENCRYPTED);
+    }
+    // The link is published down, and that is confirmed.
+    void take_down() {
+        auto update = daemon->take(UPDATED);
+        EXPECT_EQ(update.as<oxmsi_link_updated_req>().link.link_status, OXMSI_LTM_LINK_STATUS_DOWN);
+        confirm(update.as<message_header>().procedure_reference, UPDATED, unsecured);
+    }
+
     // What a person sends, and the link as it is shown to one that asks.
     void ask(test::peer& person, uint32_t number, uint32_t version = topology_protocol_version) {
         topology_req request{};
@@ -153,6 +219,11 @@ class idl_topologyd : public test::world {
     oka_mailbox manager = OKA_MAILBOX_NONE;
     std::optional<test::peer> daemon;
     uint32_t connection = 0;
+    uint32_t subscription = 0;
+    std::optional<test::peer> other;
+    topology_peer_link_ind says{}; // what it says next
+    topology_peer_link_ind told{}; // what it heard last
+    uint32_t own_mpid = 3;
 };
 
 // --- The links file.
@@ -258,7 +329,7 @@ TEST_F(idl_topologyd, connects_subscribes_and_publishes) {
     EXPECT_EQ(daemon->take(ADDED).hex(),
               "00 00 00 03 00 00 00 05 49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
               "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 07 "
-              "00 00 00 00 00 00 00 02 00 00 00 02 73 69 74 65 2f 6d 70 37" +
+              "00 00 00 00 00 00 00 02 00 00 00 03 73 69 74 65 2f 6d 70 37" +
                   zeros);
     daemon->take(SUBSCRIBE);
     auto added = daemon->take(ADDED);
@@ -275,7 +346,7 @@ TEST_F(idl_topologyd, brings_every_change_of_the_file_to_the_daemon) {
         std::vector<uint32_t> requests; // each confirmed before the next is taken
     } cases[] = {
         {"status", "hunt-path", "status='down'\nhunt-path", {UPDATED}},
-        {"kind of unit", "hunt-path", "du-type='type-2'\nhunt-path", {UPDATED}},
+        {"kind of unit", "type-2", "type-3", {UPDATED}},
         {"the other end's unit names the association", "=7", "=8", {DELETED, ADDED}},
         {"so does its port", "IDL_C2", "IDL_C3", {DELETED, ADDED}},
         {"hunt path", "site/mp7", "mp7", {DELETED, ADDED}},
@@ -284,9 +355,9 @@ TEST_F(idl_topologyd, brings_every_change_of_the_file_to_the_daemon) {
     };
     start_published();
     for (const auto& each : cases) {
-        std::string changed = link_a1;
+        std::string changed = link_clear;
         changed.replace(changed.find(each.from), strlen(each.from), each.to);
-        for (const std::string& content : {changed, std::string(link_a1)}) {
+        for (const std::string& content : {changed, std::string(link_clear)}) {
             write_file(content);
             for (uint32_t request : each.requests)
                 confirm(take_reference(request), request, secured);
@@ -294,7 +365,7 @@ TEST_F(idl_topologyd, brings_every_change_of_the_file_to_the_daemon) {
         }
     }
 
-    write_file(std::string(link_a1) + link_b1);
+    write_file(std::string(link_clear) + link_b1);
     daemon->take(SUBSCRIBE);
     confirm(take_reference(ADDED), ADDED, unsecured);
     write_file(link_b1);
@@ -332,23 +403,24 @@ TEST_F(idl_topologyd, keeps_the_links_in_force_while_the_file_is_bad) {
 }
 
 TEST_F(idl_topologyd, sends_one_request_at_a_time_but_overtakes_one_that_waits_for_the_peer) {
-    start_connected(link_a1);
-    indicate(take_reference(SUBSCRIBE), unsecured);
-    uint32_t added = take_reference(ADDED);
-    std::string down = std::string(link_a1) + "status='down'\n";
-    write_file(down);
-    uint32_t updated = take_reference(UPDATED);
+    start_ready();
+    uint32_t up = take_up();
+    indicate(subscription, joining);
+    write_file(std::string(link_a1) + "status='down'\n");
+    uint32_t down = take_reference(UPDATED);
     // The daemon confirms the request that was overtaken; that says nothing about the link as it is now.
-    confirm(added, ADDED, joining);
+    confirm(up, UPDATED, joining);
     write_file(link_a1);
+    says.life = says.life + 1;
+    other_says(TOPOLOGY_PHASE_DOWN);
     EXPECT_TRUE(daemon->is_silent()) << "an update to 'down' is answered at once, and waited for";
-    confirm(updated, UPDATED, unsecured);
-    daemon->take(UPDATED);
+    confirm(down, UPDATED, unsecured);
+    take_up();
     EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
 }
 
 TEST_F(idl_topologyd, asks_again_after_a_refusal_ever_more_patiently) {
-    start_connected(link_a1);
+    start_connected(link_clear);
     indicate(take_reference(SUBSCRIBE), unsecured);
     for (uint32_t pause_ms : {1000u, 2000u, 4000u, 8000u, 16000u, 30000u, 30000u}) {
         reject(take_reference(ADDED), ADDED, OXMSI_REJ_UNKNOWN_PORT_NAME);
@@ -358,22 +430,22 @@ TEST_F(idl_topologyd, asks_again_after_a_refusal_ever_more_patiently) {
     }
     confirm(take_reference(ADDED), ADDED, secured);
     // Confirmed, it starts from one second again; a change of the file does not wait at all.
-    write_file(std::string(link_a1) + "status='down'\n");
+    write_file(std::string(link_clear) + "status='down'\n");
     reject(take_reference(UPDATED), UPDATED, OXMSI_REJ_INTERNAL_ERROR);
-    write_file(link_a1);
+    write_file(link_clear);
     daemon->take(DELETED);
 }
 
 TEST_F(idl_topologyd, finds_out_what_the_daemon_holds) {
     // A link that the daemon has though we did not add it is deleted first; one that it does not have is
     // added.
-    start_connected(link_a1);
+    start_connected(link_clear);
     indicate(take_reference(SUBSCRIBE), unsecured);
     reject(take_reference(ADDED), ADDED, OXMSI_REJ_MAX_NUMBER_OF_LINKS_REACHED);
     advance(1000);
     reject(take_reference(DELETED), DELETED, OXMSI_REJ_LINK_NOT_FOUND);
     confirm(take_reference(ADDED), ADDED, secured);
-    write_file(std::string(link_a1) + "status='down'\n");
+    write_file(std::string(link_clear) + "status='down'\n");
     reject(take_reference(UPDATED), UPDATED, OXMSI_REJ_LINK_NOT_FOUND);
     reject(take_reference(DELETED), DELETED, OXMSI_REJ_LINK_NOT_FOUND);
     daemon->take(ADDED);
@@ -423,31 +495,9 @@ TEST_F(idl_topologyd, asks_for_a_refused_connection_again) {
     daemon->take(SUBSCRIBE);
 }
 
-TEST_F(idl_topologyd, publishes_again_when_the_port_was_let_go) {
-    start_connected(link_a1);
-    uint32_t subscription = take_reference(SUBSCRIBE);
-    // The status that the port begins with is no news; nor is what it does while it joins.
-    indicate(subscription, unsecured);
-    uint32_t added = take_reference(ADDED);
-    indicate(subscription, joining);
-    EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
-    // Some other client closed: the daemon forgets the link, and never answers.
-    indicate(subscription, unsecured);
-    confirm(take_reference(DELETED), DELETED, unsecured);
-    uint32_t added_again = take_reference(ADDED);
-    EXPECT_NE(added, added_again);
-    confirm(added_again, ADDED, secured);
-    // The same to a port that was secured; once, however often it is told.
-    indicate(subscription, unsecured);
-    confirm(take_reference(DELETED), DELETED, unsecured);
-    confirm(take_reference(ADDED), ADDED, unsecured);
-    indicate(subscription, unsecured);
-    EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
-}
-
 TEST_F(idl_topologyd, drops_what_is_not_the_daemons_answer) {
     start_connected(link_a1);
-    uint32_t subscription = take_reference(SUBSCRIBE);
+    subscription = take_reference(SUBSCRIBE);
     uint32_t added = take_reference(ADDED);
     indicate(subscription, unsecured);
     forget_traces();
@@ -476,6 +526,287 @@ TEST_F(idl_topologyd, drops_what_is_not_the_daemons_answer) {
     confirm(added, ADDED, secured);
     EXPECT_TRUE(traced("TOPOLOGYD: Port 'IDL_A1': link added, confirmed after 60000 ms: controlled port "
                        "enabled, encryption enabled"));
+}
+
+// --- Towards the other end.
+
+TEST_F(idl_topologyd, tells_the_other_end_the_whole_state_of_a_link) {
+    start_connected(link_a1);
+    other.emplace("site/mp7/idl-topologyd");
+    settle();
+    topology_peer_link_ind last{};
+    EXPECT_EQ(other->take(TOPOLOGY_PEER_LINK_IND).hex().substr(0, 191),
+              // reference, version 1, both ports, the other's MP id
+              "00 00 00 01 00 00 00 00 00 00 00 01 49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
+              "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 07 "
+              // a life, none seen, stopping, and no trouble
+              "00 00 03 e9 00 00 00 00 00 00 00 02 00 00 00 00");
+    indicate(take_reference(SUBSCRIBE), unsecured);
+    reject(take_reference(ADDED), ADDED, OXMSI_REJ_UNKNOWN_PORT_NAME);
+    last = heard();
+    EXPECT_EQ(last.trouble, TOPOLOGY_TROUBLE_REFUSED);
+    EXPECT_NE(strstr(last.words.octets, "no port of this name"), nullptr) << last.words.octets;
+    advance(60000);
+    EXPECT_TRUE(other->is_silent()) << "nothing changed";
+}
+
+TEST_F(idl_topologyd, goes_up_first_where_the_key_server_is) {
+    start_ready();
+    uint32_t up = take_up();
+    indicate(subscription, joining);
+    EXPECT_EQ(heard().phase, TOPOLOGY_PHASE_JOINING);
+    EXPECT_EQ(told.seen_life, says.life);
+    other_says(TOPOLOGY_PHASE_JOINING);
+    confirm(up, UPDATED, secured);
+    EXPECT_EQ(heard().phase, TOPOLOGY_PHASE_ENCRYPTED);
+    // Only one that begins now is told when it ends.
+    renew();
+    indicate(subscription, secured);
+    advance(3600000);
+    EXPECT_TRUE(daemon->is_silent()) << "a working link is left alone: " << daemon->waiting();
+}
+
+TEST_F(idl_topologyd, follows_when_there_is_something_to_join) {
+    start_ready(9);
+    EXPECT_TRUE(daemon->is_silent());
+    for (topology_phase phase : {TOPOLOGY_PHASE_STARTING, TOPOLOGY_PHASE_PORT_DOWN}) {
+        other_says(phase);
+        EXPECT_TRUE(daemon->is_silent()) << phase_to_word(phase);
+    }
+    says.seen_life = told.life - 1;
+    says.phase = TOPOLOGY_PHASE_JOINING;
+    other->send(manager, TOPOLOGY_PEER_LINK_IND, says);
+    settle();
+    EXPECT_TRUE(daemon->is_silent()) << "it joins with an earlier life of ours";
+    other_says(TOPOLOGY_PHASE_JOINING);
+    take_up();
+}
+
+TEST_F(idl_topologyd, starts_over_when_the_life_of_the_link_ended) {
+    struct end {
+        const char* how;
+        std::function<void()> happens;
+        bool is_let_go = false; // deleted, and added as down
+    };
+    const end ends[] = {
+        {"the port's keys are lost", [this] { indicate(subscription, joining); }},
+        {"the cable is out, or the port was released", [this] { indicate(subscription, unsecured); }, true},
+        {"the other end started over",
+         [this] {
+             says.life = says.life + 1;
+             other_says(TOPOLOGY_PHASE_STOPPING);
+         }},
+        {"its daemon is gone", [this] { other_says(TOPOLOGY_PHASE_NO_DAEMON); }},
+        {"it is not wanted there", [this] { other_says(TOPOLOGY_PHASE_OFF); }},
+        {"its manager is gone", [this] { other.reset(); }},
+    };
+    start_encrypted();
+    for (const end& each : ends) {
+        uint32_t life = heard().life;
+        each.happens();
+        settle();
+        if (each.is_let_go) {
+            confirm(take_reference(DELETED), DELETED, unsecured);
+            confirm(take_reference(ADDED), ADDED, unsecured);
+        } else {
+            take_down();
+        }
+        EXPECT_TRUE(daemon->is_silent()) << each.how << ": " << daemon->waiting();
+        says.life = says.life + 1;
+        if (other)
+            other_says(TOPOLOGY_PHASE_DOWN);
+        else
+            other_end_appears();
+        EXPECT_NE(heard().life, life) << each.how;
+        uint32_t up = take_up();
+        indicate(subscription, joining);
+        confirm(up, UPDATED, secured);
+        renew();
+        indicate(subscription, secured);
+        other_says(TOPOLOGY_PHASE_ENCRYPTED);
+        advance(20000);
+    }
+}
+
+TEST_F(idl_topologyd, waits_for_a_cable_and_asks_then_for_an_answer) {
+    start_ready();
+    confirm(take_up(), UPDATED, unsecured);
+    indicate(subscription, unsecured);
+    EXPECT_EQ(heard().phase, TOPOLOGY_PHASE_PORT_DOWN);
+    EXPECT_EQ(told.trouble, TOPOLOGY_TROUBLE_PORT_DOWN);
+    // Perhaps the daemon let the link go for some other client: ever less often it is published anew.
+    for (uint32_t pause_ms : {1000u, 2000u, 4000u}) {
+        advance(pause_ms - 1);
+        EXPECT_TRUE(daemon->is_silent()) << pause_ms;
+        advance(1);
+        confirm(take_reference(DELETED), DELETED, unsecured);
+        confirm(take_reference(ADDED), ADDED, unsecured);
+    }
+    indicate(subscription, joining);
+    EXPECT_EQ(heard().phase, TOPOLOGY_PHASE_JOINING);
+    uint32_t again = take_reference(UPDATED);
+    // While the other end has no cable there is nothing to lose patience with.
+    other_says(TOPOLOGY_PHASE_PORT_DOWN);
+    advance(60000);
+    EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
+    other_says(TOPOLOGY_PHASE_JOINING);
+    confirm(again, UPDATED, secured);
+    EXPECT_EQ(heard().phase, TOPOLOGY_PHASE_ENCRYPTED);
+}
+
+TEST_F(idl_topologyd, tries_again_ever_less_often_while_the_cause_lasts) {
+    start_ready();
+    for (uint32_t most_ms : {0u, 1000u, 2000u, 4000u, 8000u, 16000u, 30000u, 30000u}) {
+        confirm(take_up(), UPDATED, joining); // it could not be secured
+        take_down();
+        other_says(TOPOLOGY_PHASE_DOWN);
+        uint32_t waited_ms = 0;
+        for (; daemon->is_silent() && waited_ms < most_ms; waited_ms++)
+            advance(1);
+        EXPECT_GE(waited_ms, most_ms * 3 / 4);
+    }
+    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_FAILED);
+    // A manager that comes back is a new cause: it is not waited any more.
+    confirm(take_up(), UPDATED, joining);
+    take_down();
+    other.reset();
+    settle();
+    other_end_appears();
+    take_up();
+    // Keys that do not come are a failure too.
+    indicate(subscription, joining);
+    advance(4999);
+    EXPECT_TRUE(daemon->is_silent());
+    advance(1);
+    take_down();
+    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_NO_KEYS);
+}
+
+TEST_F(idl_topologyd, is_not_harmed_by_an_end_that_talks_nonsense) {
+    constexpr uint32_t IND = TOPOLOGY_PEER_LINK_IND;
+    const struct {
+        const char* rule;
+        void (*spoil)(topology_peer_link_ind& bad);
+        uint32_t size;
+        uint32_t reason; // of the reject, 0 for none
+    } cases[] = {
+        {"another version", [](topology_peer_link_ind& bad) { bad.version = 2; }, 276, 1},
+        {"another version is known before its size", [](topology_peer_link_ind& bad) { bad.version = 3; }, 20,
+         1},
+        {"too short for a version", [](topology_peer_link_ind&) {}, 15, 0},
+        {"too short", [](topology_peer_link_ind&) {}, 275, 2},
+        {"no life", [](topology_peer_link_ind& bad) { bad.life = 0; }, 276, 2},
+        {"no such phase", [](topology_peer_link_ind& bad) { bad.phase = 9; }, 276, 2},
+        {"a name without an end", [](topology_peer_link_ind& bad) { memset(&bad.port, 'x', 16); }, 276, 2},
+        {"no such link", [](topology_peer_link_ind& bad) { bad.remote_port.assign("IDL_ZZ"); }, 276, 4},
+        {"not the port at its end", [](topology_peer_link_ind& bad) { bad.port.assign("IDL_D1"); }, 276, 4},
+    };
+    start_encrypted();
+    (void)heard();
+    for (const auto& each : cases) {
+        topology_peer_link_ind spoilt = says;
+        spoilt.life = says.life + 7; // which would end the life of the link
+        spoilt.header.procedure_reference = static_cast<uint32_t>(&each - cases);
+        each.spoil(spoilt);
+        for (int flood = 0; flood < 100; flood++)
+            other->send_bytes(manager, IND, &spoilt, each.size);
+        settle();
+        if (each.reason != 0) {
+            auto rej = other->take(TOPOLOGY_PEER_LINK_REJ);
+            EXPECT_EQ(rej.as<topology_rej>().reason, each.reason) << each.rule;
+        }
+        EXPECT_TRUE(other->is_silent()) << each.rule << ": answered more than once: " << other->waiting();
+        EXPECT_TRUE(daemon->is_silent()) << each.rule << ": " << daemon->waiting();
+    }
+    // Nor by one that is not the end of this link.
+    test::peer stranger("site/mp9/idl-topologyd");
+    topology_peer_link_ind foreign = says;
+    foreign.life = says.life + 7;
+    stranger.send(manager, IND, foreign);
+    topology_rej rej{};
+    rej.header.procedure_reference = heard().header.procedure_reference;
+    stranger.send(manager, TOPOLOGY_PEER_LINK_REJ, rej);
+    settle();
+    EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
+
+    // One that changes its mind all the time is met with ever longer pauses, and is not told all of it.
+    uint32_t requests = 0;
+    size_t words = 0;
+    for (int flood = 0; flood < 500; flood++) {
+        says.life = says.life + 1;
+        says.phase = TOPOLOGY_PHASE_DOWN;
+        says.seen_life = told.life;
+        other->send(manager, IND, says);
+        settle();
+        for (; !other->is_silent(); words++)
+            told = other->take(IND).as<topology_peer_link_ind>();
+        while (!daemon->is_silent()) {
+            auto request =
+                daemon->take(static_cast<uint32_t>(std::stoul(daemon->waiting().substr(2), nullptr, 16)));
+            requests++;
+            if (request.number() == UPDATED)
+                confirm(request.as<message_header>().procedure_reference, UPDATED, unsecured);
+        }
+    }
+    EXPECT_LT(requests, 100u);
+    EXPECT_LE(words, 51u);
+}
+
+TEST_F(idl_topologyd, says_what_is_wrong_and_where) {
+    const struct {
+        const char* rule;
+        std::function<void()> happens;
+        uint32_t code;
+        uint32_t end;
+        const char* words;
+    } cases[] = {
+        {"equal MP ids",
+         [this] {
+             says.remote_mpid = 7;
+             other_says(TOPOLOGY_PHASE_DOWN);
+         },
+         TOPOLOGY_TROUBLE_MPIDS, TOPOLOGY_END_HERE, "remote-mpid is 7 at both ends"},
+        {"what the other end says of itself",
+         [this] {
+             says.remote_mpid = 9;
+             says.trouble = TOPOLOGY_TROUBLE_NO_DAEMON;
+             says.words.assign("no \x1b daemon");
+             other_says(TOPOLOGY_PHASE_NO_DAEMON);
+         },
+         TOPOLOGY_TROUBLE_NO_DAEMON, TOPOLOGY_END_THERE, "no ? daemon"},
+        {"it wants it otherwise", [this] { other_says(TOPOLOGY_PHASE_OFF); }, TOPOLOGY_TROUBLE_OFF,
+         TOPOLOGY_END_THERE, "not to be secured there"},
+        {"it does not understand",
+         [this] {
+             topology_rej rej{};
+             rej.reason = TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION;
+             rej.words.assign("version 9 only");
+             other->send(manager, TOPOLOGY_PEER_LINK_REJ, rej);
+         },
+         TOPOLOGY_TROUBLE_PEER_REFUSES, TOPOLOGY_END_THERE, "refuses: version 9 only"},
+        {"it is gone", [this] { other.reset(); }, TOPOLOGY_TROUBLE_NO_PEER, TOPOLOGY_END_THERE,
+         "no idl-topologyd is found at 'site/mp7'"},
+        {"the daemon is gone", [this] { daemon.reset(); }, TOPOLOGY_TROUBLE_NO_DAEMON, TOPOLOGY_END_HERE,
+         "qel-tavu is not reachable"},
+    };
+    start_ready(9);
+    test::peer person("tavuctl-1");
+    ask(person, TOPOLOGY_WATCH_REQ);
+    for (const auto& each : cases) {
+        advance(100);
+        each.happens();
+        settle();
+        person.forget_all();
+        advance(1500);
+        test::peer another("tavuctl-2");
+        ask(another, TOPOLOGY_STATUS_REQ);
+        advance(500);
+        topology_link link = shown_link(another.take(TOPOLOGY_STATUS_CFM));
+        EXPECT_EQ(link.trouble, each.code) << each.rule << ": " << link.words.octets;
+        EXPECT_EQ(link.trouble_end, each.end) << each.rule;
+        EXPECT_GE(link.trouble_since.in_ms(), 1500u) << each.rule;
+        EXPECT_NE(strstr(link.words.octets, each.words), nullptr) << each.rule << ": " << link.words.octets;
+    }
 }
 
 // --- Towards people.
@@ -552,11 +883,11 @@ TEST_F(idl_topologyd, sets_a_status_over_that_of_the_file) {
     auto added = daemon->take(SUBSCRIBE) ? daemon->take(ADDED) : test::received();
     EXPECT_EQ(added.as<oxmsi_link_added_req>().link.link_status, OXMSI_LTM_LINK_STATUS_DOWN);
     confirm(added.as<message_header>().procedure_reference, ADDED, unsecured);
-    write_file(std::string(link_a1) + link_b1);
+    write_file(std::string(link_clear) + link_b1);
     EXPECT_EQ(daemon->take(SUBSCRIBE).as<oxmsi_subscription_req>().port, "IDL_B1");
     daemon->take(ADDED);
     EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
-    write_file(std::string(link_a1) + "status='macsec-pending'\n" + link_b1);
+    write_file(std::string(link_clear) + "status='macsec-pending'\n" + link_b1);
     EXPECT_EQ(daemon->take(UPDATED).as<oxmsi_link_updated_req>().link.link_status,
               OXMSI_LTM_LINK_STATUS_MACSEC_PENDING);
 }
@@ -581,7 +912,7 @@ TEST_F(idl_topologyd, says_why_a_status_was_not_set) {
     write_file("link=[]");
     EXPECT_EQ(take_reject(person, REJ), TOPOLOGY_REJ_OVERTAKEN);
 
-    write_file(link_a1);
+    write_file(link_clear);
     set_status(person, "IDL_A1", OXMSI_LTM_LINK_STATUS_BAD_CONNECTIVITY);
     daemon.reset();
     settle();
@@ -612,9 +943,9 @@ TEST_F(idl_topologyd, refuses_what_it_does_not_understand_and_more_than_it_can_k
     EXPECT_EQ(take_reject(person, TOPOLOGY_WATCH_REJ), TOPOLOGY_REJ_BUSY);
     person.disappear();
     settle();
-    test::peer other("tavuctl-2");
-    ask(other, TOPOLOGY_WATCH_REQ);
-    other.take(TOPOLOGY_WATCH_CFM);
+    test::peer another("tavuctl-2");
+    ask(another, TOPOLOGY_WATCH_REQ);
+    another.take(TOPOLOGY_WATCH_CFM);
 }
 
 } // namespace

@@ -150,8 +150,8 @@ TEST_F(node, encrypts_a_published_link_at_both_ends_and_tells_so) {
         int status;
         std::vector<const char*> texts;
     } rows[] = {
-        {three, {"status"}, 0, {"IDL_A1", "mp7 IDL_A1", "enabled", "link added", "connected for"}},
-        {seven, {"status"}, 0, {"IDL_A1", "mp3 IDL_A1", "enabled", "link added", "connected for"}},
+        {three, {"status"}, 0, {"IDL_A1", "mp7 IDL_A1", "enabled", "link updated", "connected for"}},
+        {seven, {"status"}, 0, {"IDL_A1", "mp3 IDL_A1", "enabled", "link updated", "connected for"}},
         {seven,
          {"status", "--json"},
          0,

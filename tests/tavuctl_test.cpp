@@ -105,6 +105,11 @@ topology_link refused_link() {
     link.last_answer = OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REJ;
     link.last_reason = OXMSI_REJ_INTERNAL_ERROR;
     link.milliseconds_to_next = 500;
+    link.phase = TOPOLOGY_PHASE_STOPPING;
+    link.trouble = TOPOLOGY_TROUBLE_NO_PEER;
+    link.trouble_end = TOPOLOGY_END_THERE;
+    link.trouble_since = topology_age::of_ms(2000);
+    link.words.assign("nobody; look");
     return link;
 }
 
@@ -123,6 +128,7 @@ TEST(tavuctl_picture, is_a_table) {
     topology_link unanswered = secured_link();
     unanswered.port.assign("B");
     unanswered.publication = TOPOLOGY_LINK_REQUESTED;
+    unanswered.phase = TOPOLOGY_PHASE_JOINING;
     topology_link refused = refused_link();
     refused.remote_port.assign("D");
     EXPECT_EQ(show_table(picture_of({secured_link(), unanswered, refused}), 100),
@@ -136,7 +142,9 @@ TEST(tavuctl_picture, is_a_table) {
               "B       1     mp7 IDL_C2  up          enabled          enabled     3 m 12 s  3 m 12 s   "
               "link added: no answer yet, for 3 m 12 s; it comes when the other end has joined\n"
               "X1      12    mp9 D       down (set)  not known        not known   -         -          "
-              "link added: refused: qel-tavu is not ready, or out of memory; asked again in 0.4 s\n");
+              "link added: refused: qel-tavu is not ready, or out of memory; asked again in 0.4 s\n"
+              "\n"
+              "X1: wrong at mp9 for 2.1 s: nobody; look\n");
 
     picture without = picture_of({});
     without.head.daemon_state = TOPOLOGY_DAEMON_LOCATING;
@@ -158,7 +166,8 @@ TEST(tavuctl_picture, is_json) {
               R"("last_answer":"OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REJ",)"
               R"("last_reason":"OXMSI_REJ_INTERNAL_ERROR","last_answer_in_words":)"
               R"("link added: refused: qel-tavu is not ready, or out of memory; asked again in 0.5 s",)"
-              R"("answered_ms":500,"next_attempt_ms":500}]})");
+              R"("answered_ms":500,"next_attempt_ms":500,"phase":"stopping",)"
+              R"("trouble":{"code":"no-peer","at":"other end","since_ms":2000,"words":"nobody; look"}}]})");
 }
 
 TEST(tavuctl_picture, tells_changes_but_no_ages) {

@@ -19,7 +19,7 @@ struct peer {
     oka_hunt_path path;
     oka_mailbox mailbox = OKA_MAILBOX_NONE;
     oka_monitor_ref monitor = 0;
-    uint32_t rejected = 0; // with which reason last; once is enough until it says something that is right
+    uint64_t rejected = 0; // reference and reason; once is enough until it says something that is right
 };
 
 // What a search and a supervision deliver.
@@ -87,12 +87,14 @@ void handle_peer_down_ind(const oka_message* message) {
 
 void send_rej(const oka_message* message, topology_reject_reason reason, const std::string& words) {
     peer* to = find_peer([message](const peer& each) { return each.mailbox == oka_sender(message); });
-    if (to && to->rejected == reason)
+    uint32_t reference = as<message_header>(message).procedure_reference;
+    uint64_t rejected = uint64_t{reference} << 32 | reason;
+    if (to && to->rejected == rejected)
         return;
     if (to)
-        to->rejected = reason;
+        to->rejected = rejected;
     outgoing<topology_rej> rej(TOPOLOGY_PEER_LINK_REJ);
-    rej->header.procedure_reference = as<message_header>(message).procedure_reference;
+    rej->header.procedure_reference = reference;
     rej->reason = reason;
     rej->words.assign(words.c_str());
     TRACE_SEND(rej, oka_sender(message), "TOPOLOGYD: %s: %s", topology_msg_no_to_str(rej.number()),

@@ -304,7 +304,7 @@ const char* handle_peer_word(const topology_peer_link_ind& said, oka_mailbox sen
     word.own_mpid = said.remote_mpid;
     word.trouble = said.trouble;
     word.trouble_since_ms = now_ms() - std::min(said.trouble_since.in_ms(), now_ms() - 1);
-    word.words.assign(said.words);
+    word.words = quote_words(said.words.c_str());
     if (peer_spoke(*link, word, now_ms()))
         link->agreed.told = {};
     pursue_all();
@@ -312,8 +312,7 @@ const char* handle_peer_word(const topology_peer_link_ind& said, oka_mailbox sen
 }
 
 void handle_peer_refusal(const services::topology_rej& rej, oka_mailbox sender) {
-    services::trouble_words why;
-    why.assign(rej.words);
+    services::trouble_words why = quote_words(rej.words.printable().octets);
     for (link_record& link : self.links) {
         bool is_meant = rej.reason == services::TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION ||
                         link.agreed.reference == rej.header.procedure_reference;

@@ -129,4 +129,12 @@ bool update_trouble(link_record& link, bool has_daemon, uint64_t now_ms) {
     return changed;
 }
 
+trouble_words quote_words(const char* said) {
+    trouble_words words;
+    words.assign(said);
+    for (char* at = words.octets; *at; at++)
+        *at = *at < ' ' || *at > '~' ? '?' : *at;
+    return words;
+}
+
 } // namespace topologyd

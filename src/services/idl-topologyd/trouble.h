@@ -12,4 +12,7 @@ trouble trouble_of(const link_record& link, bool has_daemon, uint64_t now_ms);
 // Keeps what is wrong now as what is shown. True when that changed.
 bool update_trouble(link_record& link, bool has_daemon, uint64_t now_ms);
 
+// What somebody else said, fit for a terminal.
+services::trouble_words quote_words(const char* said);
+
 } // namespace topologyd

@@ -66,7 +66,7 @@ std::string show_answer(const topology_link& link, uint64_t elapsed_ms) {
     if (link.publication == TOPOLOGY_LINK_REQUESTED) {
         std::string words = std::string(request_in_words(link.last_request)) + ": no answer yet, for " +
                             show_age(link.requested, elapsed_ms);
-        if (asks_for_security(link))
+        if (asks_for_security(link) && link.phase >= TOPOLOGY_PHASE_STARTING)
             words += "; it comes when the other end has joined";
         return words;
     }
@@ -76,6 +76,15 @@ std::string show_answer(const topology_link& link, uint64_t elapsed_ms) {
     if (link.milliseconds_to_next > elapsed_ms)
         words += "; asked again in " + show_duration(link.milliseconds_to_next - elapsed_ms);
     return words;
+}
+
+// What keeps the link from being secured: "wrong at mp7 for 3.2 s: what it is; what to do".
+std::string show_trouble(const topology_link& link, uint64_t elapsed_ms) {
+    if (link.trouble == TOPOLOGY_TROUBLE_NONE)
+        return "";
+    std::string where = link.trouble_end == TOPOLOGY_END_THERE ? format("at mp%u", uint32_t{link.remote_mpid})
+                                                               : "at this end";
+    return "wrong " + where + " for " + show_age(link.trouble_since, elapsed_ms) + ": " + link.words.c_str();
 }
 
 std::string show_status(const topology_link& link) {
@@ -153,6 +162,17 @@ class json {
     std::string text_;
 };
 
+std::string trouble_as_json(const topology_link& link) {
+    if (link.trouble == TOPOLOGY_TROUBLE_NONE)
+        return "null";
+    return json()
+        .add("code", json::quote(trouble_to_word(link.trouble)))
+        .add("at", json::quote(link.trouble_end == TOPOLOGY_END_THERE ? "other end" : "this end"))
+        .add("since_ms", json::age(link.trouble_since))
+        .add("words", json::quote(link.words.c_str()))
+        .object();
+}
+
 std::string link_as_json(const topology_link& link) {
     return json()
         .add("port", json::quote(link.port.c_str()))
@@ -177,6 +197,8 @@ std::string link_as_json(const topology_link& link) {
         .add("last_answer_in_words", json::quote(show_answer(link, 0)))
         .add("answered_ms", json::age(link.answered))
         .add("next_attempt_ms", link.milliseconds_to_next)
+        .add("phase", json::quote(phase_to_word(link.phase)))
+        .add("trouble", trouble_as_json(link))
         .object();
 }
 
@@ -186,7 +208,9 @@ bool differs(const topology_link& before, const topology_link& after) {
            before.remote_mpid != after.remote_mpid || before.status != after.status ||
            before.is_status_set != after.is_status_set || before.publication != after.publication ||
            before.oper_state != after.oper_state || before.encryption_state != after.encryption_state ||
-           before.last_answer != after.last_answer || before.last_reason != after.last_reason;
+           before.last_answer != after.last_answer || before.last_reason != after.last_reason ||
+           before.phase != after.phase || before.trouble != after.trouble ||
+           before.trouble_end != after.trouble_end || !(before.words == after.words);
 }
 
 const topology_link* find_link(const picture& among, const port_name& port) {
@@ -198,7 +222,8 @@ const topology_link* find_link(const picture& among, const port_name& port) {
 } // namespace
 
 bool is_well_formed(const topology_link& link) {
-    return link.port.is_terminated() && link.remote_port.is_terminated() && link.hunt_path.is_terminated();
+    return link.port.is_terminated() && link.remote_port.is_terminated() && link.hunt_path.is_terminated() &&
+           link.words.is_terminated();
 }
 
 std::optional<picture> read_picture(const oka_message* message) {
@@ -247,7 +272,12 @@ std::string show_table(const picture& shown, uint64_t elapsed_ms) {
                         state_in_words(link.encryption_state), show_age(link.state_since, elapsed_ms),
                         show_age(link.published, elapsed_ms), show_answer(link, elapsed_ms)});
     }
-    return text + show_rows(rows);
+    text += show_rows(rows);
+    for (const topology_link& link : shown.links) {
+        if (link.trouble != TOPOLOGY_TROUBLE_NONE)
+            text += std::string("\n") + link.port.c_str() + ": " + show_trouble(link, elapsed_ms) + "\n";
+    }
+    return text;
 }
 
 std::string show_json(const picture& shown) {
@@ -275,7 +305,8 @@ std::string show_link(const topology_link& link) {
                   uint32_t{link.link_id}, uint32_t{link.remote_mpid}, link.remote_port.c_str(),
                   show_status(link).c_str(), state_in_words(link.oper_state),
                   state_in_words(link.encryption_state)) +
-           show_answer(link, 0) + "\n";
+           show_answer(link, 0) +
+           (link.trouble == TOPOLOGY_TROUBLE_NONE ? "" : "; " + show_trouble(link, 0)) + "\n";
 }
 
 std::string show_changes(const picture& before, const picture& after) {
