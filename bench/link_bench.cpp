@@ -2,7 +2,7 @@
 // alone and the four of the name map at once, beside what a bare socket pair takes for as many messages, all
 // on one core and in turns; and the daemons' memory with four secured ports. Prints JSON.
 //
-//   link_bench QEL-TAVU
+//   link_bench QEL-TAVU [TURNS]
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ namespace {
 
 using namespace bench;
 
-constexpr int turns = 61;
+constexpr int default_turns = 61;
 constexpr int bare_round_trips = 2000;
 
 // The unit with the smaller MP id holds the key server. It publishes first, so that the confirmation at the
@@ -106,8 +106,9 @@ struct figures {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: %s QEL-TAVU\n", argv[0]);
+    int turns = argc == 3 ? atoi(argv[2]) : default_turns;
+    if (argc < 2 || argc > 3 || turns < 1) {
+        fprintf(stderr, "usage: %s QEL-TAVU [TURNS]\n", argv[0]);
         return 2;
     }
     pin_to_one_core();

@@ -17,9 +17,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/process.h"
+
 namespace {
 
 constexpr unsigned seconds_per_test = 60;
+constexpr unsigned seconds_per_emulated_test = 300;
 
 enum class result : char { passed = 'p', failed = 'f', skipped = 's', none = 0 };
 
@@ -96,7 +99,7 @@ std::vector<std::string> selected_tests() {
 [[noreturn]] void run_alone(const std::string& name, int report) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
-    alarm(seconds_per_test);
+    alarm(test::is_emulated() ? seconds_per_emulated_test : seconds_per_test);
     GTEST_FLAG_SET(filter, name);
     int status = RUN_ALL_TESTS();
     const testing::UnitTest& unit = *testing::UnitTest::GetInstance();
