@@ -123,7 +123,7 @@ joined_its_connectivity_association joined CA
 receive_key_installed Enabling port 'IDL_A1'::RX SC
 transmit_key_installed Enabling port 'IDL_A1'::TX SC
 protection_on $protection_on
-link_confirmed_to_the_topology_manager confirmed after
+link_confirmed_to_the_topology_manager confirmed after .* encryption enabled
 END
 }
 
