@@ -46,9 +46,9 @@ trouble failure_of(const agreement& agreed) {
                     "no keys came in time; compare ports and remote-mpid of both links files "
                     "with MPID of both units, then see qel-tavu's traces; tried again with pauses");
     case TOPOLOGY_TROUBLE_RESTLESS:
-        return there(agreed.failure,
-                     "it started over too often; see idl-topologyd's traces there; tried again "
-                     "with pauses");
+        return here(agreed.failure,
+                    "the link starts over again and again, by a cable, by the other end, or by "
+                    "another client of \"oxmsi\"; see idl-topologyd's traces at both ends");
     default:
         return {};
     }
@@ -56,9 +56,9 @@ trouble failure_of(const agreement& agreed) {
 
 // What the other end says of itself.
 trouble trouble_there(const peer_word& peer) {
-    trouble told{};
     if (peer.trouble == TOPOLOGY_TROUBLE_NONE)
-        return told;
+        return {};
+    trouble told{};
     told.code = static_cast<topology_trouble_code>(peer.trouble);
     told.end = TOPOLOGY_END_THERE;
     told.since_ms = peer.trouble_since_ms;
