@@ -1,12 +1,12 @@
 #include "services/idl-topologyd/topology.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "services/common/one_shot.h"
 #include "services/common/topology_messages.h"
 #include "services/idl-topologyd/clock.h"
 #include "services/idl-topologyd/internal_numbers.h"
+#include "services/idl-topologyd/link_talk.h"
 #include "services/idl-topologyd/oxmsi_client.h"
 #include "services/idl-topologyd/peers.h"
 #include "services/idl-topologyd/trouble.h"
@@ -19,11 +19,6 @@ namespace {
 using namespace tavu;
 using services::link_status_to_word;
 using services::topology_peer_link_ind;
-
-// What may be said to the other end of one link within `talk_window_ms`. A link that is taken through its
-// life needs a dozen; one that needs more is played with.
-constexpr uint32_t talk_max = 50;
-constexpr uint64_t talk_window_ms = 1000;
 
 struct {
     topology_callbacks callbacks = {};
@@ -86,61 +81,12 @@ bool has_daemon() {
     return oxmsi_client_get_state() == OXMSI_CLIENT_STATE_CONNECTED;
 }
 
-topology_peer_link_ind word_of(const link_record& link) {
-    topology_peer_link_ind word{};
-    trouble own = own_trouble(link, has_daemon(), now_ms());
-    word.header.procedure_reference = link.agreed.reference;
-    word.port = link.file.port;
-    word.remote_port = link.file.remote_port;
-    word.remote_mpid = link.file.remote_mpid;
-    word.life = link.agreed.life;
-    word.seen_life = link.agreed.peer.life;
-    word.phase = phase_of(link, has_daemon(), now_ms());
-    word.trouble = own.code;
-    word.words = own.words;
-    return word;
-}
-
-bool may_tell(agreement& agreed) {
-    if (now_ms() - agreed.told_since_ms >= talk_window_ms) {
-        agreed.told_since_ms = now_ms();
-        agreed.recently_told = 0;
-    }
-    return agreed.recently_told < talk_max;
-}
-
-// Tells the other end what it does not know yet. It has to do only with links that are secured, or were.
-void tell(link_record& link) {
-    agreement& agreed = link.agreed;
-    if (!agreed.peer_is_found || (link.file.du_type != OXMSI_DU_TYPE_3 && agreed.told.life == 0))
-        return;
-    topology_peer_link_ind word = word_of(link);
-    if (memcmp(&word, &agreed.told, sizeof word) == 0 || !may_tell(agreed))
-        return;
-    agreed.recently_told++;
-    agreed.told = word;
-    bool is_shown = word.trouble == agreed.shown.code && agreed.shown.end == services::TOPOLOGY_END_HERE;
-    word.trouble_since = services::topology_age::of_ms(is_shown ? now_ms() - agreed.shown.since_ms : 0);
-    peers_tell(link.file.hunt_path, word);
-}
-
-// The last word about a link that the file leads elsewhere now.
-void say_farewell(const link_record& link) {
-    topology_peer_link_ind word = link.agreed.told;
-    if (!link.agreed.peer_is_found || word.life == 0)
-        return;
-    word.phase = services::TOPOLOGY_PHASE_OFF;
-    peers_tell(link.file.hunt_path, word);
-}
-
 void arm_retry() {
     uint64_t now = now_ms();
     uint64_t next = UINT64_MAX;
     for (const link_record& link : self.links) {
-        uint64_t talk_ms =
-            link.agreed.recently_told < talk_max ? 0 : link.agreed.told_since_ms + talk_window_ms;
-        for (uint64_t at :
-             {link.requests.retry_at_ms, link.subscribing.retry_at_ms, next_decision_ms(link), talk_ms}) {
+        for (uint64_t at : {link.requests.retry_at_ms, link.subscribing.retry_at_ms, next_decision_ms(link),
+                            next_talk_ms(link)}) {
             if (at > now)
                 next = std::min(next, at);
         }
@@ -157,7 +103,7 @@ void pursue_all() {
             pursue(link);
         if (update_trouble(link, has_daemon(), now_ms()))
             self.callbacks.handle_changed();
-        tell(link);
+        tell_other_end(link, has_daemon(), now_ms());
     }
     for (const link_record& link : self.links) {
         if (is_over(link) && link.subscription != subscription_state::NONE)
@@ -297,16 +243,8 @@ const char* handle_peer_word(const topology_peer_link_ind& said, oka_mailbox sen
     }
     if (!(link->file.remote_port == said.port))
         return "the links file there has another remote-port for this link";
-    peer_word word;
-    word.life = said.life;
-    word.seen_life = said.seen_life;
-    word.phase = static_cast<services::topology_phase>(uint32_t{said.phase});
-    word.own_mpid = said.remote_mpid;
-    word.trouble = said.trouble;
-    word.trouble_since_ms = now_ms() - std::min(said.trouble_since.in_ms(), now_ms() - 1);
-    word.words = quote_words(said.words.c_str());
-    if (peer_spoke(*link, word, now_ms()))
-        link->agreed.told = {};
+    if (peer_spoke(*link, hear(said, now_ms()), now_ms()))
+        tell_again(*link);
     pursue_all();
     return nullptr;
 }
