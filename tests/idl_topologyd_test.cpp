@@ -534,7 +534,6 @@ TEST_F(idl_topologyd, tells_the_other_end_the_whole_state_of_a_link) {
     start_connected(link_a1);
     other.emplace("site/mp7/idl-topologyd");
     settle();
-    topology_peer_link_ind last{};
     EXPECT_EQ(other->take(TOPOLOGY_PEER_LINK_IND).hex().substr(0, 191),
               // reference, version 1, both ports, the other's MP id
               "00 00 00 01 00 00 00 00 00 00 00 01 49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
@@ -543,9 +542,8 @@ TEST_F(idl_topologyd, tells_the_other_end_the_whole_state_of_a_link) {
               "00 00 03 e9 00 00 00 00 00 00 00 02 00 00 00 00");
     indicate(take_reference(SUBSCRIBE), unsecured);
     reject(take_reference(ADDED), ADDED, OXMSI_REJ_UNKNOWN_PORT_NAME);
-    last = heard();
-    EXPECT_EQ(last.trouble, TOPOLOGY_TROUBLE_REFUSED);
-    EXPECT_NE(strstr(last.words.octets, "no port of this name"), nullptr) << last.words.octets;
+    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_REFUSED);
+    EXPECT_NE(strstr(told.words.octets, "no port of this name"), nullptr) << told.words.octets;
     advance(60000);
     EXPECT_TRUE(other->is_silent()) << "nothing changed";
 }
