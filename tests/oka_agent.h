@@ -5,8 +5,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <ftw.h>
 #include <map>
+#include <sched.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -156,7 +158,8 @@ inline void stop_service() {
 // this process, and waits for `start`.
 class agent_process {
   public:
-    explicit agent_process(const std::string& unit) {
+    // `network` is the network namespace that it lives in, null for ours.
+    explicit agent_process(const std::string& unit, const char* network = nullptr) {
         int ends[2];
         fflush(nullptr);
         if (pipe(ends) < 0 || (pid = fork()) < 0)
@@ -168,6 +171,8 @@ class agent_process {
         }
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         setenv("OKA_UNIT", unit.c_str(), 1);
+        if (network && setns(open(network, O_RDONLY | O_CLOEXEC), CLONE_NEWNET) < 0)
+            _exit(1);
         char go;
         if (read(ends[0], &go, 1) != 1 || !start_service())
             _exit(1);

@@ -13,9 +13,10 @@ namespace oka_tests {
 
 struct arrangement {
     const char* name;
-    const char* transports; // OKA_TRANSPORTS
-    const char* agent_unit; // null: the agent lives in this process
-    const char* prefix;     // of the paths of its mailboxes
+    const char* transports;              // OKA_TRANSPORTS
+    const char* agent_unit;              // null: the agent lives in this process
+    const char* prefix;                  // of the paths of its mailboxes
+    const char* agent_network = nullptr; // the network namespace that it lives in; null: ours
 };
 
 inline void PrintTo(const arrangement& shown, std::ostream* out) {
@@ -30,7 +31,7 @@ class oka_contract : public testing::TestWithParam<arrangement> {
         setenv("OKA_TRANSPORTS", GetParam().transports, 1);
         setenv("OKA_UNIT", "here", 1);
         for (int count = 0; GetParam().agent_unit && count < agent_processes_; ++count)
-            processes.emplace_back(GetParam().agent_unit);
+            processes.emplace_back(GetParam().agent_unit, GetParam().agent_network);
         ASSERT_TRUE(start_service());
         root = oka_create_mailbox("root", 0);
         mailbox = oka_clone_mailbox(root, "mailbox");

@@ -21,7 +21,6 @@ using oka::origin;
 constexpr uint32_t receives_between_waits = 64;
 // Mailboxes that are gone and still remembered for the mailbox through which they were known.
 constexpr uint32_t remembered_gone_mailboxes = 256;
-constexpr size_t transports_at_once = 2;
 
 struct monitor {
     uint32_t id;
@@ -56,7 +55,7 @@ struct locate {
 
 struct {
     const oka::clock* clock = nullptr;
-    const oka::transport* transports[transports_at_once] = {};
+    const oka::transport* transports[oka::transports_at_once] = {};
     size_t transport_count = 0;
     bool started = false;
     char own_unit[oka::unit_path_size] = "";

@@ -16,6 +16,8 @@ namespace oka {
 
 constexpr uint64_t never_ns = UINT64_MAX;
 
+constexpr size_t transports_at_once = 2;
+
 // Unit paths and mailbox names, NUL included.
 constexpr size_t unit_path_size = 256;
 constexpr size_t mailbox_name_size = 80;

@@ -1,7 +1,9 @@
 #include "platform/oka/link.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/random.h>
@@ -22,6 +24,8 @@ constexpr size_t connections_limit = 512;
 // Accepted connections that have not said who they are; the oldest makes room for the next.
 constexpr size_t strangers_limit = 64;
 constexpr size_t mailboxes_per_peer_limit = 1024;
+// Frames that a peer at its end may still have sent: more than TIPC lets wait on a connection.
+constexpr int rest_limit = 1024;
 // One that we attached and one that the other side did.
 constexpr size_t connections_per_peer = 2;
 
@@ -71,12 +75,12 @@ namespace {
 struct {
     bool up = false;
     process_id process;
-    void (*room_again)() = nullptr;
+    void (*room_again[transports_at_once])() = {};
     peer* peers = nullptr;
     connection* connections = nullptr; // the newest first
     size_t connection_count = 0;
     size_t stranger_count = 0;
-    alignas(8) unsigned char received[largest_frame];
+    alignas(8) unsigned char received[largest_frame + 1]; // one that is too large shows by its size
 } links;
 
 bool same(const process_id& one, const process_id& other) {
@@ -105,8 +109,10 @@ void close_connection(connection* closed) {
     if (closed->search)
         closed->search->greeting = nullptr;
     delete closed;
-    if (links.up)
-        links.room_again();
+    for (auto room_again : links.room_again) {
+        if (links.up && room_again)
+            room_again();
+    }
 }
 
 // A connection that came to nothing; whoever searched with it hears of that.
@@ -138,7 +144,7 @@ void set_header(envelope* message, const frame_header& header) {
     memcpy(frame_of(message), &header, sizeof header);
 }
 
-enum class sent { yes, later, never };
+enum class sent { yes, later, never }; // never: with errno
 
 sent try_send(const peer& to, envelope* message) {
     if (send_on(*to.sending, frame_of(message), frame_size(*message)))
@@ -157,11 +163,13 @@ void drop_backlog(peer& of) {
     of.backlog_bytes = 0;
 }
 
-// What the other side sent before it broke is still to be received; the end is seen behind that.
-void stop_sending(peer& to) {
+// What the other side sent before it broke is still to be received; the end is seen behind that. One that has
+// not ended by itself is ended here; not every kind of socket keeps what has arrived through that.
+void stop_sending(peer& to, int error) {
     to.finishing = true;
     drop_backlog(to);
-    shutdown(to.sending->watched.fd, SHUT_RDWR);
+    if (error != EPIPE && error != ECONNRESET)
+        shutdown(to.sending->watched.fd, SHUT_RDWR);
     (void)change_watch(to.sending->watched, EPOLLIN);
 }
 
@@ -171,7 +179,7 @@ void flush_backlog(peer& to) {
         if (how == sent::later)
             return;
         if (how == sent::never) {
-            stop_sending(to);
+            stop_sending(to, errno);
             return;
         }
         to.backlog = next->next;
@@ -190,10 +198,10 @@ void transmit(peer* to, envelope* message) {
     }
     if (!to->backlog) {
         sent how = try_send(*to, message);
+        if (how == sent::never)
+            stop_sending(*to, errno);
         if (how != sent::later) {
             free_envelope(message);
-            if (how == sent::never)
-                stop_sending(*to);
             return;
         }
         (void)change_watch(to->sending->watched, EPOLLIN | EPOLLOUT);
@@ -482,8 +490,11 @@ void ready(void* context, uint32_t events) {
 }
 
 // What the peer sent before its end is received first: on every connection, since its messages may be on
-// another one than the one that ended. Nothing can be added after the shutdown, so that comes to an end.
+// another one than the one that ended. Not every kind of socket keeps what has arrived through the shutdown,
+// so most of it is received before; nothing can be added after it, so that comes to an end.
 void receive_the_rest(connection* from) {
+    for (int frames = 0; frames < rest_limit && receive_frame(from) == outcome::handled; ++frames) {
+    }
     shutdown(from->watched.fd, SHUT_RDWR);
     while (receive_frame(from) == outcome::handled) {
     }
@@ -547,7 +558,9 @@ void close_oldest_stranger() {
 } // namespace
 
 bool start_links(void (*room_again)()) {
-    links.room_again = room_again;
+    *std::find(links.room_again, links.room_again + transports_at_once - 1, nullptr) = room_again;
+    if (links.up)
+        return true;
     if (getrandom(&links.process, sizeof links.process, 0) != sizeof links.process)
         return false;
     links.up = true;
@@ -556,6 +569,7 @@ bool start_links(void (*room_again)()) {
 
 void stop_links() {
     links.up = false;
+    std::fill(std::begin(links.room_again), std::end(links.room_again), nullptr);
     while (peer* last = links.peers) {
         if (!last->finishing)
             flush_backlog(*last);

@@ -35,14 +35,15 @@ struct link_search {
     link_search* next_asking = nullptr;
 };
 
-// `room_again` is called when a connection was closed, for a transport that stopped accepting.
+// Once for each transport. `room_again` is called when a connection was closed, for a transport that stopped
+// accepting.
 bool start_links(void (*room_again)());
 void stop_links();
 
 // Whether one more connection may be opened or accepted.
 bool room_for_link();
 // A socket that was accepted on behalf of a mailbox of this process. Owns the socket. `pid` is the process
-// that the kernel says is behind it, or 0: nobody joins the connections of another process.
+// that the kernel says is behind it, between hosts its machine: nobody joins the connections of another one.
 void accept_link(int fd, uint32_t pid, oka_mailbox mailbox);
 // A socket that was connected to what should be the wanted mailbox. Owns the socket. May fail at once.
 void begin_link(link_search& search, int fd, uint32_t pid);

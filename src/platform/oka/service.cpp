@@ -10,6 +10,7 @@
 #include "platform/oka/linux_clock.h"
 #include "platform/oka/names.h"
 #include "platform/oka/oka_trace.h"
+#include "platform/oka/tipc_transport.h"
 #include "platform/oka/unix_transport.h"
 
 namespace {
@@ -17,7 +18,7 @@ namespace {
 // Nobody plugged a clock, so this is a process like any other and not a simulation.
 bool uses_defaults = false;
 
-constexpr const oka::transport* known_transports[] = {&oka::unix_transport};
+constexpr const oka::transport* known_transports[] = {&oka::unix_transport, &oka::tipc_transport};
 
 bool plug_named(const char* name, size_t length) {
     if (length == 4 && !strncmp(name, "none", length))
@@ -38,7 +39,7 @@ int plug_transports() {
     while (*(names += strspn(names, " ,"))) {
         size_t length = strcspn(names, " ,");
         if (!plug_named(names, length)) {
-            OKA_ERROR("OKA: OKA_TRANSPORTS: there is no transport '%.*s'; there are 'unix' and 'none'",
+            OKA_ERROR("OKA: OKA_TRANSPORTS: there is no transport '%.*s'; there are 'unix', 'tipc' and 'none'",
                       static_cast<int>(length), names);
             return EINVAL;
         }
