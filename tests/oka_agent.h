@@ -173,6 +173,8 @@ class agent_process {
         setenv("OKA_UNIT", unit.c_str(), 1);
         if (network && setns(open(network, O_RDONLY | O_CLOEXEC), CLONE_NEWNET) < 0)
             _exit(1);
+        if (network)
+            setenv("OKA_TIPC_KEY_MARK", "/run/there-key", 1);
         char go;
         if (read(ends[0], &go, 1) != 1 || !start_service())
             _exit(1);

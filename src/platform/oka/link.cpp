@@ -455,13 +455,21 @@ outcome handle_frame(connection* from, size_t size) {
     return outcome::malformed;
 }
 
-// One frame. After `handled` the connection may be gone.
-outcome receive_frame(connection* from) {
+ssize_t receive_bytes(const connection& from) {
     ssize_t size;
     do {
-        // An error says that the other side left without reading everything. What it sent comes after it.
-        size = recv(from->watched.fd, links.received, sizeof links.received, MSG_DONTWAIT | MSG_TRUNC);
-    } while (size < 0 && (errno == EINTR || errno == ECONNRESET));
+        size = recv(from.watched.fd, links.received, sizeof links.received, MSG_DONTWAIT | MSG_TRUNC);
+    } while (size < 0 && errno == EINTR);
+    return size;
+}
+
+// One frame. After `handled` the connection may be gone.
+outcome receive_frame(connection* from) {
+    // An error says that the other side left without reading everything, once or for ever as the kind of socket
+    // has it. What it sent comes after it.
+    ssize_t size = receive_bytes(*from);
+    if (size < 0 && errno == ECONNRESET)
+        size = receive_bytes(*from);
     if (size == 0)
         return outcome::closed;
     if (size < 0)

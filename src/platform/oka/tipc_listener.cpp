@@ -147,8 +147,9 @@ bool bind_service(int fd, const tipc_service_addr& service) {
     address.addrtype = TIPC_SERVICE_RANGE;
     address.scope = TIPC_CLUSTER_SCOPE;
     address.addr.nameseq = {.type = service.type, .lower = service.instance, .upper = service.instance};
-    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-           listen(fd, waiting_connections) == 0;
+    // Whoever searches connects the moment it is published.
+    return listen(fd, waiting_connections) == 0 &&
+           bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 // The descriptor of the listening socket, or -1 after it was reported why.
