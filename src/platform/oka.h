@@ -56,7 +56,8 @@ void oka_exit(void);
 oka_mailbox oka_create_mailbox(const char* name, uint32_t flags);
 
 /* Creates a further mailbox under a unique name. oka_receive of this thread MUST return its messages
- * too. Errors as oka_create_mailbox. */
+ * too. Errors as oka_create_mailbox, but that a name which cannot be published now MAY be published
+ * later: the mailbox works, and is found from then on. */
 oka_mailbox oka_clone_mailbox(oka_mailbox existing, const char* name);
 
 /* Deletes a mailbox of this process: its name is free again, messages still queued for it and locates

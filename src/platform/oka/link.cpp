@@ -4,11 +4,13 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/oka/id_table.h"
 #include "platform/oka/link_frames.h"
@@ -20,10 +22,14 @@ namespace {
 
 // What a peer that does not read may cost, in bytes that wait for it here, beside what the kernel holds.
 constexpr size_t backlog_limit = size_t{1} << 20;
+// And all such peers together; then the one with the most has to go.
+constexpr size_t backlogs_limit = size_t{4} << 20;
 constexpr size_t connections_limit = 512;
+// One process alone does not keep the others out. Whoever means well has two.
+constexpr size_t connections_per_process_limit = 128;
 // Accepted connections that have not said who they are; the oldest makes room for the next.
 constexpr size_t strangers_limit = 64;
-constexpr size_t mailboxes_per_peer_limit = 1024;
+constexpr size_t mailboxes_per_peer_limit = 256;
 // Frames that a peer at its end may still have sent: more than TIPC lets wait on a connection.
 constexpr int rest_limit = 1024;
 // One that we attached and one that the other side did.
@@ -80,6 +86,8 @@ struct {
     connection* connections = nullptr; // the newest first
     size_t connection_count = 0;
     size_t stranger_count = 0;
+    size_t backlog_bytes = 0;         // of all peers
+    size_t highest_backlog_bytes = 0; // since the last time that there was none
     alignas(8) unsigned char received[largest_frame + 1]; // one that is too large shows by its size
 } links;
 
@@ -154,13 +162,29 @@ sent try_send(const peer& to, envelope* message) {
     return sent::never;
 }
 
+void count_more(peer& of, size_t bytes) {
+    of.backlog_bytes += bytes;
+    links.backlog_bytes += bytes;
+    links.highest_backlog_bytes = std::max(links.highest_backlog_bytes, links.backlog_bytes);
+}
+
+// The allocator would keep the memory of many small messages for ever.
+void count_less(peer& of, size_t bytes) {
+    of.backlog_bytes -= bytes;
+    links.backlog_bytes -= bytes;
+    if (links.backlog_bytes > 0)
+        return;
+    if (std::exchange(links.highest_backlog_bytes, 0) > backlog_limit / 4)
+        malloc_trim(0);
+}
+
 void drop_backlog(peer& of) {
     while (envelope* dropped = of.backlog) {
         of.backlog = dropped->next;
         free_envelope(dropped);
     }
     of.backlog_end = &of.backlog;
-    of.backlog_bytes = 0;
+    count_less(of, of.backlog_bytes);
 }
 
 // What the other side sent before it broke is still to be received; the end is seen behind that. One that has
@@ -183,11 +207,28 @@ void flush_backlog(peer& to) {
             return;
         }
         to.backlog = next->next;
-        to.backlog_bytes -= cost_of(*next);
+        count_less(to, cost_of(*next));
         free_envelope(next);
     }
     to.backlog_end = &to.backlog;
     (void)change_watch(to.sending->watched, EPOLLIN);
+}
+
+void report_backlog(const peer& of) {
+    OKA_ERROR("OKA: Process %u does not read its messages, its connection is closed", of.pid);
+}
+
+// Not yet the end of any peer, since the callers hold on to theirs.
+void make_room(size_t bytes) {
+    while (links.backlog_bytes + bytes > backlogs_limit) {
+        peer* longest = links.peers;
+        for (peer* each = links.peers; each; each = each->next) {
+            if (each->backlog_bytes > longest->backlog_bytes)
+                longest = each;
+        }
+        report_backlog(*longest);
+        stop_sending(*longest, ENOBUFS);
+    }
 }
 
 // May be the end of the peer.
@@ -207,12 +248,17 @@ void transmit(peer* to, envelope* message) {
         (void)change_watch(to->sending->watched, EPOLLIN | EPOLLOUT);
     }
     if (to->backlog_bytes + cost_of(*message) > backlog_limit) {
-        OKA_ERROR("OKA: Process %u does not read its messages, its connection is closed", to->pid);
+        report_backlog(*to);
         free_envelope(message);
         finish(to);
         return;
     }
-    to->backlog_bytes += cost_of(*message);
+    make_room(cost_of(*message));
+    if (to->finishing) {
+        free_envelope(message);
+        return;
+    }
+    count_more(*to, cost_of(*message));
     message->next = nullptr;
     *to->backlog_end = message;
     to->backlog_end = &message->next;
@@ -516,6 +562,7 @@ void finish(peer* gone) {
         return; // it is being finished
     *link = gone->next;
     gone->finishing = true;
+    drop_backlog(*gone);
     for (connection*& slot : gone->connections) {
         if (!slot)
             continue;
@@ -524,7 +571,6 @@ void finish(peer* gone) {
         close_connection(slot);
         slot = nullptr;
     }
-    drop_backlog(*gone);
     while (remote_mailbox* mailbox = gone->mailboxes.take_any())
         forget_mailbox(mailbox);
     while (link_search* search = gone->asking) {
@@ -551,6 +597,13 @@ connection* new_connection(int fd, uint32_t pid, stage now) {
     ++links.connection_count;
     links.stranger_count += is_stranger(*fresh);
     return fresh;
+}
+
+size_t connections_of(uint32_t pid) {
+    size_t count = 0;
+    for (const connection* each = links.connections; each; each = each->next)
+        count += each->pid == pid;
+    return count;
 }
 
 void close_oldest_stranger() {
@@ -592,6 +645,11 @@ bool room_for_link() {
 }
 
 void accept_link(int fd, uint32_t pid, oka_mailbox mailbox) {
+    if (pid != 0 && connections_of(pid) >= connections_per_process_limit) {
+        OKA_ERROR("OKA: Process %u has %zu connections and gets no more", pid, connections_per_process_limit);
+        close(fd);
+        return;
+    }
     if (links.stranger_count >= strangers_limit)
         close_oldest_stranger();
     connection* fresh = new_connection(fd, pid, stage::accepted);

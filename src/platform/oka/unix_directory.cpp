@@ -230,17 +230,18 @@ size_t messaging_directory_length() {
     return directory.root_length;
 }
 
-bool publish_socket(const char* name, published_socket& published) {
+int publish_socket(const char* name, published_socket& published) {
     unit_folder folder;
     scoped_fd opened(open_own_folder(folder));
     scoped_fd socket(opened ? new_socket() : -1);
     if (!socket || !listen_under(opened.get(), name, socket.get(), published)) {
+        int error = errno;
         OKA_ERROR("OKA: Mailbox '%s' cannot be published in '%.500s': %s", name, folder.path,
-                  errno == EADDRINUSE ? "the name is taken" : strerror(errno));
-        return false;
+                  error == EADDRINUSE ? "the name is taken" : strerror(error));
+        return error;
     }
     published.fd = socket.release();
-    return true;
+    return 0;
 }
 
 bool socket_in_place(const char* name, const published_socket& published) {

@@ -25,8 +25,8 @@ struct published_socket {
     dev_t device = 0;
     ino_t inode = 0;
 };
-// Reports why when it cannot be.
-bool publish_socket(const char* name, published_socket& published);
+// Returns 0 or an error number that it has reported: EADDRINUSE when the name is taken.
+int publish_socket(const char* name, published_socket& published);
 // Whether the file is there and still that socket's.
 bool socket_in_place(const char* name, const published_socket& published);
 // Removes the file, if it is still that socket's.

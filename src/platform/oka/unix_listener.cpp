@@ -24,7 +24,7 @@ namespace {
 constexpr uint64_t accept_pause_ms = 1'000;
 // Whoever removes our sockets is given the time to finish before they are put back.
 constexpr uint64_t first_restore_ms = 1'000;
-constexpr uint64_t longest_restore_ms = 30'000;
+constexpr uint64_t longest_restore_ms = 4'000;
 
 struct listener {
     listener* next;
@@ -97,19 +97,23 @@ void close_socket(listener& closed) {
     unwatch(closed.watched);
     close(closed.socket.fd);
     closed.socket.fd = -1;
+    closed.watched.fd = -1;
 }
 
-bool open_socket(listener& opened) {
-    if (!publish_socket(opened.name, opened.socket))
-        return false;
+// Returns 0 or an error number that is reported.
+int open_socket(listener& opened) {
+    if (int error = publish_socket(opened.name, opened.socket))
+        return error;
     opened.watched = {.fd = opened.socket.fd, .ready = accept_one, .context = &opened};
     if (watch(opened.watched, listeners.accepting ? static_cast<uint32_t>(EPOLLIN) : 0u))
-        return true;
-    OKA_ERROR("OKA: Mailbox '%s' cannot be watched: %s", opened.name, strerror(errno));
+        return 0;
+    int error = errno;
+    OKA_ERROR("OKA: Mailbox '%s' cannot be watched: %s", opened.name, strerror(error));
     unpublish_socket(opened.name, opened.socket);
     close(opened.socket.fd);
     opened.socket.fd = -1;
-    return false;
+    opened.watched.fd = -1;
+    return error;
 }
 
 void watch_own_folder() {
@@ -126,7 +130,7 @@ void restore_sockets(void*) {
         if (each->socket.fd >= 0 && socket_in_place(each->name, each->socket))
             continue;
         close_socket(*each);
-        complete &= open_socket(*each);
+        complete &= open_socket(*each) == 0;
     }
     watch_own_folder();
     listeners.restore_ms =
@@ -135,12 +139,17 @@ void restore_sockets(void*) {
         listeners.restore_timer = call_later(listeners.restore_ms, restore_sockets, nullptr);
 }
 
+void restore_soon() {
+    if (!listeners.restore_timer)
+        listeners.restore_timer = call_later(first_restore_ms, restore_sockets, nullptr);
+}
+
 void socket_removed(const char* name) {
     bool ours = !name;
     for (const listener* each = listeners.all; each && !ours; each = each->next)
         ours = !strcmp(each->name, name);
-    if (ours && !listeners.restore_timer)
-        listeners.restore_timer = call_later(first_restore_ms, restore_sockets, nullptr);
+    if (ours)
+        restore_soon();
 }
 
 } // namespace
@@ -149,10 +158,15 @@ bool announce_listener(oka_mailbox mailbox, const char* name) {
     auto* fresh = new listener{};
     snprintf(fresh->name, sizeof fresh->name, "%s", name);
     fresh->mailbox = mailbox;
-    if (!open_socket(*fresh)) {
+    int error = open_socket(*fresh);
+    // The first one shows whether the folder can be used at all. When it is full or closed later, a mailbox
+    // works without its socket, but that nobody new finds it; the socket follows as soon as it can.
+    if (error && (!listeners.all || error == EADDRINUSE)) {
         delete fresh;
         return false;
     }
+    if (error)
+        restore_soon();
     if (!listeners.all)
         watch_own_folder();
     fresh->next = listeners.all;

@@ -20,7 +20,7 @@ namespace {
 // Only when the file system cannot tell of changes, or when whoever was found did not answer, a search tries
 // again after a while, and less and less often.
 constexpr uint64_t first_retry_ms = 100;
-constexpr uint64_t longest_retry_ms = 30'000;
+constexpr uint64_t longest_retry_ms = 4'000;
 
 struct search {
     link_search link; // first: the link's callbacks get this one
