@@ -508,7 +508,7 @@ class under_load : public hostility {
             usleep(500);
         }
         std::nth_element(times.begin(), times.begin() + static_cast<long>(times.size() / 2), times.end());
-        return std::chrono::duration_cast<std::chrono::microseconds>(times[times.size() / 2]).count();
+        return static_cast<long>(times[times.size() / 2] / 1us);
     }
     // While it lasts the daemons answer, and the link stays as it is.
     void expect_undisturbed(const char* what, long unloaded, steady::duration span = span_of_a_row) {

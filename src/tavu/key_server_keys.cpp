@@ -75,7 +75,9 @@ void configure_rx_sa(const sak_record& sak, ca_member& member, rx_sc& channel) {
     install(sak, sa);
     TRACE_DETAIL("KEYSRV: rx_sci: %s, key_len=%d, key_name=%s", sci_to_str(sak.identifier).c_str(),
                  sa.key_len, sa.key_name.c_str());
-    if (!ks_send_create_rx_sa_rreq(member, sak.identifier, sak.an, PROC_REF_RX_SA_CREATE))
+    bool sent = ks_send_create_rx_sa_rreq(member, sak.identifier, sak.an, PROC_REF_RX_SA_CREATE);
+    sa.key.wipe(); // the entry outlives the key
+    if (!sent)
         return;
     sa.confirmed = false;
     TRACE("KEYSRV: ks_send_create_rx_sa_rreq succeed: member %d (rx_sc.sci: %s, curr_sa %d)",
@@ -104,7 +106,9 @@ void configure_tx_sa(const connectivity_association& ca, const sak_record& sak, 
     install(sak, sa);
     TRACE_DETAIL("KEYSRV: tx_sci: %s, key_len=%d, key_name=%s", sci_to_str(sak.identifier).c_str(),
                  sa.key_len, sa.key_name.c_str());
-    if (!ks_send_create_tx_sa_rreq(member, sak.an, PROC_REF_TX_SA_CREATE)) {
+    bool sent = ks_send_create_tx_sa_rreq(member, sak.an, PROC_REF_TX_SA_CREATE);
+    sa.key.wipe();
+    if (!sent) {
         TRACE_ERROR("KEYSRV: ks_send_create_tx_sa_rreq failed: member %d push out of ca %s", member.client_id,
                     ca.name.c_str());
         change_ca_member_state(member, CA_MEMBER_STATE_FAILED);

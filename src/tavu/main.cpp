@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstring>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 
 #include "tavu/tavu_main.h"
@@ -13,9 +14,10 @@ int main(int argc, char** argv) {
                 "the environment configures it and the platform under it (OKA_*, OXHAL_*, ZEB_*).\n");
         return help ? 0 : 1;
     }
-    // Keys pass through this process's memory, and a core file would keep them.
+    // Keys pass through this process's memory. A core file would keep them, and other processes of the same
+    // user could attach and read them.
     const rlimit no_core_file = {.rlim_cur = 0, .rlim_max = 0};
-    if (setrlimit(RLIMIT_CORE, &no_core_file) < 0)
-        perror("qel-tavu: core files cannot be forbidden");
+    if (setrlimit(RLIMIT_CORE, &no_core_file) < 0 || prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) < 0)
+        perror("qel-tavu: core files and debuggers cannot be forbidden");
     tavu::tavu_main();
 }

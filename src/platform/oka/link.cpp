@@ -86,8 +86,8 @@ struct {
     connection* connections = nullptr; // the newest first
     size_t connection_count = 0;
     size_t stranger_count = 0;
-    size_t backlog_bytes = 0;         // of all peers
-    size_t highest_backlog_bytes = 0; // since the last time that there was none
+    size_t backlog_bytes = 0;                             // of all peers
+    size_t highest_backlog_bytes = 0;                     // since the last time that there was none
     alignas(8) unsigned char received[largest_frame + 1]; // one that is too large shows by its size
 } links;
 
@@ -511,8 +511,8 @@ ssize_t receive_bytes(const connection& from) {
 
 // One frame. After `handled` the connection may be gone.
 outcome receive_frame(connection* from) {
-    // An error says that the other side left without reading everything, once or for ever as the kind of socket
-    // has it. What it sent comes after it.
+    // An error says that the other side left without reading everything, once or for ever as the kind of
+    // socket has it. What it sent comes after it.
     ssize_t size = receive_bytes(*from);
     if (size < 0 && errno == ECONNRESET)
         size = receive_bytes(*from);

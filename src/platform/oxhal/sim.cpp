@@ -54,6 +54,16 @@ struct {
     uint8_t reported_key[key_size]; // until the call that brought it has ended
 } sim;
 
+// Hardware forgets its keys when it loses power.
+struct power {
+    ~power() {
+        for (hardware& each : sim.ports) {
+            explicit_bzero(&each.transmit, sizeof each.transmit);
+            explicit_bzero(&each.receive, sizeof each.receive);
+        }
+    }
+} lost_with_the_process;
+
 // Apart from the rest, which is wiped as plain memory.
 std::string& call_texts() {
     static std::string texts;
