@@ -86,8 +86,8 @@ void remove_remote(oka_mailbox mailbox);
 void deliver(envelope* message);
 void answer_locate(uint32_t locate, oka_mailbox found);
 
-// For what is to happen at random, such as jitter, and for nothing that is secret: a process that is conducted
-// gets its numbers from the conductor.
+// For what is to happen at random, such as jitter, and for nothing that is secret: a process that is
+// conducted gets its numbers from the conductor.
 uint64_t random_number();
 
 // A timer of the platform itself: calls instead of delivering. 0 is never its reference.

@@ -39,8 +39,9 @@ int plug_transports() {
     while (*(names += strspn(names, " ,"))) {
         size_t length = strcspn(names, " ,");
         if (!plug_named(names, length)) {
-            OKA_ERROR("OKA: OKA_TRANSPORTS: there is no transport '%.*s'; there are 'unix', 'tipc' and 'none'",
-                      static_cast<int>(length), names);
+            OKA_ERROR(
+                "OKA: OKA_TRANSPORTS: there is no transport '%.*s'; there are 'unix', 'tipc' and 'none'",
+                static_cast<int>(length), names);
             return EINVAL;
         }
         names += length;
