@@ -40,9 +40,9 @@ start() {
     processes="$processes $!"
 }
 
-# start_unit MPID INTERFACE: the three processes of a unit; it has no link yet.
+# start_unit MPID INTERFACE: the three processes of a unit; it has no link unless one was published before.
 start_unit() {
-    echo 'link = []' >"$work/links-mp$1.toml"
+    [ -e "$work/links-mp$1.toml" ] || echo 'link = []' >"$work/links-mp$1.toml"
     start "mp$1" "$1" oxpcsi-server --port "IDL_A1=$2"
     start "mp$1" "$1" env "MPID=$1" "OXHAL_DRIVER=$hardware" "OXHAL_PORTS=DiPort_A1=$2:sec-a1" \
         "ZEB_TRACE=error info state-change trace" qel-tavu
