@@ -373,6 +373,15 @@ TEST_F(unix_test, only_the_same_user_root_and_an_open_folders_group_are_answered
     EXPECT_EQ(status.st_gid, group);
 }
 
+TEST_F(unix_test, a_group_that_has_the_directory_has_the_folders_of_its_units) {
+    ASSERT_EQ(chmod(directory.path.c_str(), 02770), 0);
+    umask(077);
+    start();
+    struct stat status;
+    ASSERT_EQ(stat((directory.path + "/here").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 02770u);
+}
+
 TEST_F(unix_test, long_paths_are_reached) {
     const std::string part(100, 'd');
     setenv("OKA_DIR", (directory.path + "/" + part + "/" + part + "/" + part).c_str(), 1);

@@ -69,14 +69,32 @@ int new_socket() {
     return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
-// Creates what is missing of the path, for this user only.
+// Below the messaging directory, folders are for those that it is for: this user, or a group.
+mode_t mode_of_new_folder(const char* path) {
+    struct stat root;
+    bool for_group = strlen(path) > directory.root_length && stat(directory.root, &root) == 0 &&
+                     (root.st_mode & S_ISGID) && (root.st_mode & S_IXGRP);
+    return for_group ? 0770 : 0700;
+}
+
+// The group, and that it passes on, come from the folder above.
+bool make_directory(const char* path) {
+    mode_t umask_before = umask(0);
+    bool made = mkdir(path, mode_of_new_folder(path)) == 0;
+    int error = errno;
+    umask(umask_before);
+    errno = error;
+    return made;
+}
+
+// Creates what is missing of the path.
 bool make_directories(const char* path) {
     char part[sizeof(oka::unit_folder::path)];
     snprintf(part, sizeof part, "%s", path);
     for (char* slash = strchr(part + 1, '/');; slash = strchr(slash + 1, '/')) {
         if (slash)
             *slash = '\0';
-        if (mkdir(part, 0700) < 0 && errno != EEXIST)
+        if (!make_directory(part) && errno != EEXIST)
             return false;
         if (!slash)
             return true;
