@@ -551,9 +551,12 @@ TEST(oxpcsi_server_command_line, is_taken_or_refused_with_what_to_do) {
         std::vector<const char*> arguments;
         command result;
         const char* output;
+        const char* hardware_ports = "";
     } cases[] = {
-        {{"--port", "IDL_A1=eth1", "--port=IDL_B1=eth2"}, command::serve, ""},
-        {{"--help"}, command::end_well, "Usage: oxpcsi-server --port NAME=INTERFACE"},
+        {{"--port", "IDL_A1=eth1", "--port=IDL_B1=eth2"}, command::serve, "", "not looked at"},
+        {{}, command::serve, "", "DiPort_A1=eth1:sec-a1  DiPort_B1=eth2:sec-b1"},
+        {{}, command::end_with_usage, "OXHAL_PORTS: 'IDL_A1=eth1' is no port; write it as", "IDL_A1=eth1"},
+        {{"--help"}, command::end_well, "Usage: oxpcsi-server [--port NAME=INTERFACE]"},
         {{"--version"}, command::end_well, "oxpcsi-server 0."},
         {{}, command::end_with_usage, "no port is given; name each with an option such as --port"},
         {{"--port"}, command::end_with_usage, "Try 'oxpcsi-server --help'"},
@@ -568,6 +571,7 @@ TEST(oxpcsi_server_command_line, is_taken_or_refused_with_what_to_do) {
     };
     for (auto row : cases) {
         row.arguments.insert(row.arguments.begin(), "oxpcsi-server");
+        setenv("OXHAL_PORTS", row.hardware_ports, 1);
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         settings parsed;

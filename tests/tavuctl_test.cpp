@@ -31,6 +31,8 @@ TEST(tavuctl_command_line, is_read_or_refused) {
         {{"link", "set", "--help"}, action::TELL, "4  not confirmed in time"},
         {{"--version"}, action::TELL, "tavuctl 0."},
         {{"link", "set", "--version"}, action::TELL, "tavuctl 0."},
+        {{"check", "unit.conf"}, action::CHECK, ""},
+        {{"check", "a", "b"}, action::REFUSE, "unexpected argument 'b'"},
         {{}, action::REFUSE, "say what to do\nTry 'tavuctl --help'."},
         {{"stauts"}, action::REFUSE, "unknown command 'stauts'"},
         {{"link"}, action::REFUSE, "Try 'tavuctl link --help'."},

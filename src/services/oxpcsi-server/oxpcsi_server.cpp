@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "platform/oka_timer.h"
 #include "services/common/options.h"
+#include "services/common/unit_configuration.h"
 #include "tavu/trace.h"
 
 namespace oxpcsi {
@@ -30,15 +32,17 @@ command complain(const std::string& what) {
 }
 
 void print_help(std::span<const services::option> options) {
-    printf("Usage: %s --port NAME=INTERFACE [--port NAME=INTERFACE]...\n\n"
+    printf("Usage: %s [--port NAME=INTERFACE]...\n\n"
            "The port control service of a plain Linux node. Tells its clients which Ethernet ports the node\n"
            "has for links between units, and every change of their interfaces. Interfaces are followed by\n"
            "name in the network namespace of the process; they need not exist yet.\n\n"
            "Options:\n%s\n"
            "Environment:\n"
-           "  OKA_DIR    directory of the messaging service (default /run/oka)\n"
-           "  OKA_UNIT   name of this unit below it\n"
-           "  ZEB_TRACE  groups of traces: names, 'all' or 'none' (default: error, info, state change)\n\n"
+           "  OXHAL_PORTS  the ports without --port, as qel-tavu has them: \"DiPort_A1=eth1:sec-a1\" is "
+           "IDL_A1=eth1\n"
+           "  OKA_DIR      directory of the messaging service (default /run/oka)\n"
+           "  OKA_UNIT     name of this unit below it\n"
+           "  ZEB_TRACE    groups of traces: names, 'all' or 'none' (default: error, info, state change)\n\n"
            "Exit status: %d when it cannot serve, %d for a wrong command line. Otherwise it does not end.\n\n"
            "Example:\n  %s %s --port IDL_B1=eth2\n",
            program, services::options_help(options).c_str(), exit_failure, exit_usage, program, example);
@@ -74,6 +78,25 @@ std::string add_port(const std::string& value, settings& parsed) {
     port_setting& added = parsed.ports[parsed.port_count++];
     strcpy(added.name, name.c_str());
     strcpy(added.interface, interface.c_str());
+    return "";
+}
+
+// Without a port on the command line they are those that the daemon secures, so that nobody writes them
+// twice.
+std::string add_hardware_ports(settings& parsed) {
+    const char* text = getenv("OXHAL_PORTS");
+    if (!text || !*text)
+        return std::string("no port is given; name each with an option such as ") + example +
+               ", or set OXHAL_PORTS";
+    std::vector<services::hardware_port> ports;
+    std::string error = services::parse_hardware_ports(text, ports);
+    if (!error.empty())
+        return "OXHAL_PORTS: " + error;
+    for (const services::hardware_port& each : ports) {
+        error = add_port(each.port + "=" + each.common, parsed);
+        if (!error.empty())
+            return error;
+    }
     return "";
 }
 
@@ -140,8 +163,11 @@ command parse_command_line(int argc, const char* const* argv, settings& parsed) 
     }
     if (!operands.empty())
         return complain("unexpected argument '" + operands[0] + "'");
-    if (!port.given())
-        return complain(std::string("no port is given; name each with an option such as ") + example);
+    if (!port.given()) {
+        error = add_hardware_ports(parsed);
+        if (!error.empty())
+            return complain(error);
+    }
     for (const std::string& value : port.values) {
         error = add_port(value, parsed);
         if (!error.empty())

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "services/common/options.h"
+#include "services/common/unit_configuration.h"
 
 namespace tavuctl {
 
@@ -31,6 +32,7 @@ constexpr const char* common_help =
     "Environment:\n"
     "  OKA_DIR   directory of the messaging service (default /run/oka)\n"
     "  OKA_UNIT  this unit's name in it\n"
+    "With neither set, those of /etc/qel-tavu/unit.conf hold.\n"
     "\n"
     "Exit status:\n"
     "  0  done\n"
@@ -179,6 +181,24 @@ command_line read_link_set(arguments_span arguments) {
     return line;
 }
 
+command_line read_check(arguments_span arguments) {
+    level check{
+        "tavuctl check",
+        "[FILE]",
+        "Says whether FILE, the unit's configuration (default /etc/qel-tavu/unit.conf), is good, and if\n"
+        "not, what to write in which line. idl-topologyd --check does the same for the links file.",
+        {},
+        {}};
+    if (std::optional<command_line> answer = check.read(arguments))
+        return *answer;
+    if (check.operands.size() > 1)
+        return refuse("unexpected argument '" + check.operands[1] + "'", check.command);
+    command_line line;
+    line.wanted = action::CHECK;
+    line.path = check.operands.empty() ? services::unit_configuration_path : check.operands[0];
+    return line;
+}
+
 struct subcommand {
     const char* name;
     command_line (*read)(arguments_span arguments);
@@ -220,10 +240,12 @@ command_line read_command_line(arguments_span arguments) {
               "  status    show every link as it is now\n"
               "  watch     show every link, and again whenever something changes\n"
               "  link set  publish a link with another status than that of the links file\n"
+              "  check     say whether the unit's configuration file is good\n"
               "Each has a --help of its own.",
               {},
               {}};
-    constexpr subcommand commands[] = {{"status", read_status}, {"watch", read_watch}, {"link", read_link}};
+    constexpr subcommand commands[] = {
+        {"status", read_status}, {"watch", read_watch}, {"link", read_link}, {"check", read_check}};
     return read_commands(top, commands, arguments);
 }
 

@@ -22,6 +22,7 @@ enum class action {
     STATUS,
     WATCH,
     LINK_SET,
+    CHECK,
     TELL,  // print `text`: help or version
     REFUSE // print `text`, what is wrong with the command line
 };
@@ -29,6 +30,7 @@ enum class action {
 struct command_line {
     action wanted = action::REFUSE;
     std::string text = {};
+    std::string path = {}; // CHECK: the configuration file
     bool json = false;
     uint32_t timeout_ms = 0;
     services::port_name port = {}; // LINK_SET

@@ -5,6 +5,7 @@
 
 #include "platform/oka_timer.h"
 #include "platform/zeb.h"
+#include "services/common/unit_configuration.h"
 #include "services/tavuctl/session.h"
 
 namespace {
@@ -25,9 +26,30 @@ void write_error(const std::string& text) {
     write_to(stderr, text);
 }
 
+int check(const char* path) {
+    services::unit_configuration configuration = services::read_unit_configuration(path);
+    for (const std::string& error : configuration.errors)
+        write_error(error + "\n");
+    if (configuration.is_good())
+        write_output(std::string(path) + ": good\n");
+    return configuration.is_good() ? EXIT_STATUS_DONE : EXIT_STATUS_FAILED;
+}
+
+// Who does not say which unit is meant, means the one that this host is configured to be.
+void take_configured_unit() {
+    if (getenv("OKA_DIR") || getenv("OKA_UNIT"))
+        return;
+    for (const services::variable& each :
+         services::read_unit_configuration(services::unit_configuration_path).variables) {
+        if (each.name.starts_with("OKA_"))
+            setenv(each.name.c_str(), each.value.c_str(), 0);
+    }
+}
+
 int converse(const command_line& line) {
     // Only what a person can use is said; the services' traces appear when they are asked for.
     setenv("ZEB_TRACE", "error", 0);
+    take_configured_unit();
     (void)zeb_init();
     zeb_register_thread_name("tavuctl");
     if (!oka_timer_service_init() || oka_init(37, 0, 0, 0, 0) != 0) {
@@ -66,6 +88,8 @@ int main(int argc, char** argv) {
     case action::REFUSE:
         write_error("tavuctl: " + line.text);
         return EXIT_STATUS_USAGE;
+    case action::CHECK:
+        return check(line.path.c_str());
     case action::STATUS:
     case action::WATCH:
     case action::LINK_SET:

@@ -77,6 +77,7 @@ uint32_t request_number() {
     case action::LINK_SET:
         return TOPOLOGY_LINK_SET_REQ;
     case action::STATUS:
+    case action::CHECK:
     case action::TELL:
     case action::REFUSE:
         break;

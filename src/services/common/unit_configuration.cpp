@@ -1,0 +1,278 @@
+#include "services/common/unit_configuration.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <optional>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "platform/oka/names.h"
+
+namespace services {
+
+namespace {
+
+constexpr size_t file_size_max = size_t{64} * 1024;
+constexpr size_t errors_max = 20;
+constexpr size_t interface_name_max = 15; // the kernel's
+constexpr std::string_view blanks = " \t\r";
+
+using word_list = std::initializer_list<std::string_view>;
+
+const word_list port_names = {"A1", "B1", "A2", "B2"};
+
+bool contains(word_list known, std::string_view word) {
+    return std::find(known.begin(), known.end(), word) != known.end();
+}
+
+std::string list(word_list known) {
+    std::string text;
+    for (std::string_view word : known)
+        text += (text.empty() ? "" : " ") + std::string(word);
+    return text;
+}
+
+std::string_view without_blanks(std::string_view text) {
+    size_t first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// The next word of `text`, which loses it; "" after the last.
+std::string_view next_word(std::string_view& text, std::string_view separators) {
+    text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
+    std::string_view word = text.substr(0, text.find_first_of(separators));
+    text.remove_prefix(word.size());
+    return word;
+}
+
+bool is_interface(std::string_view name) {
+    return !name.empty() && name.size() <= interface_name_max && name != "." && name != ".." &&
+           name.find_first_of("/:=") == std::string_view::npos;
+}
+
+// --- What each variable may be: "", or what to write instead.
+
+std::string check_mpid(const std::string& value) {
+    bool digits = !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+    if (digits && value.size() <= 10 && strtoull(value.c_str(), nullptr, 10) <= INT32_MAX)
+        return "";
+    return "write the unit's own number, from 0 to 2147483647";
+}
+
+std::string check_unit(const std::string& value) {
+    return oka::valid_unit(value.c_str())
+               ? ""
+               : "write the name under which other units find this one, such as mp3; no '.' begins it";
+}
+
+std::string check_directory(const std::string& value) {
+    return value.size() > 1 && value[0] == '/' ? "" : "write an absolute path, such as /run/oka";
+}
+
+std::string check_words(std::string_view value, word_list known) {
+    for (std::string_view rest = value, word = next_word(rest, " ,"); !word.empty();
+         word = next_word(rest, " ,")) {
+        if (!contains(known, word))
+            return "there is no '" + std::string(word) + "'; write some of: " + list(known);
+    }
+    return "";
+}
+
+std::string check_one_word(const std::string& value, word_list known) {
+    return contains(known, value) ? "" : "write one of: " + list(known);
+}
+
+std::string check_ports(const std::string& value) {
+    std::vector<hardware_port> ports;
+    return parse_hardware_ports(value, ports);
+}
+
+const struct known_variable {
+    std::string_view name;
+    std::string (*check)(const std::string& value);
+} known_variables[] = {
+    {"MPID", check_mpid},
+    {"OXHAL_PORTS", check_ports},
+    {"OKA_UNIT", check_unit},
+    {"OKA_DIR", check_directory},
+    {"OKA_TRANSPORTS",
+     [](const std::string& value) {
+         return check_words(value, {"unix", "tipc", "none"});
+     }},
+    {"OKA_TIPC_CLEAR",
+     [](const std::string& value) {
+         return check_one_word(value, {"yes", "no"});
+     }},
+    {"OXHAL_DRIVER",
+     [](const std::string& value) {
+         return check_one_word(value, {"macsec", "sim"});
+     }},
+    {"ZEB_TRACE",
+     [](const std::string& value) {
+         return check_words(value, {"error", "enter", "return", "info", "trace", "detail", "state-change",
+                                    "receive", "send", "all", "none"});
+     }},
+    {"ZEB_STAMP",
+     [](const std::string& value) {
+         return check_one_word(value, {"yes", "no"});
+     }},
+};
+
+// --- The file.
+
+struct reader {
+    const char* path;
+    size_t line = 0;
+    unit_configuration result = {};
+
+    void complain(std::string words) {
+        if (result.errors.size() >= errors_max)
+            return;
+        // What is quoted from the file may be meant for a terminal.
+        for (char& c : words)
+            c = c < ' ' || c > '~' ? '?' : c;
+        result.errors.push_back(path + (line ? ":" + std::to_string(line) : "") + ": " + words);
+    }
+
+    const variable* find(std::string_view name) const {
+        for (const variable& each : result.variables) {
+            if (each.name == name)
+                return &each;
+        }
+        return nullptr;
+    }
+};
+
+// The value between its quotes, if it has any; nothing when systemd would read more, or other, than stands
+// there.
+std::optional<std::string> unquoted(std::string_view value) {
+    if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0])
+        value = value.substr(1, value.size() - 2);
+    if (value.find_first_of("\"'\\") != std::string_view::npos)
+        return std::nullopt;
+    return std::string(value);
+}
+
+void read_variable(reader& file, std::string_view name, std::string_view text) {
+    const auto* known =
+        std::find_if(std::begin(known_variables), std::end(known_variables),
+                     [name](const known_variable& candidate) { return candidate.name == name; });
+    std::optional<std::string> value = unquoted(text);
+    std::string what(name);
+    if (known == std::end(known_variables)) {
+        std::string names;
+        for (const known_variable& each : known_variables)
+            names += (names.empty() ? "" : " ") + std::string(each.name);
+        file.complain("unknown variable '" + what.substr(0, 40) + "'; there are: " + names);
+    } else if (file.find(name)) {
+        file.complain(what + " is set a second time; remove either line");
+    } else if (!value) {
+        file.complain(what + ": write the value as it is, or all of it in one pair of quotes, without '\\'");
+    } else if (std::string wrong = known->check(*value); !wrong.empty()) {
+        file.complain(what + " is '" + value->substr(0, 80) + "'; " + wrong);
+    } else {
+        file.result.variables.push_back({what, *value});
+    }
+}
+
+void read_line(reader& file, std::string_view line) {
+    line = without_blanks(line);
+    if (line.empty() || line[0] == '#' || line[0] == ';')
+        return;
+    size_t equals = line.find('=');
+    if (equals == std::string_view::npos)
+        file.complain("'" + std::string(line.substr(0, 40)) + "' sets no variable; write NAME=value");
+    else
+        read_variable(file, without_blanks(line.substr(0, equals)), without_blanks(line.substr(equals + 1)));
+}
+
+// What is missing is not looked for behind other errors, which may be its own line's.
+void check_completeness(reader& file) {
+    file.line = 0;
+    if (!file.result.is_good())
+        return;
+    if (!file.find("MPID"))
+        file.complain("MPID is missing; add MPID= and the unit's own number");
+    const variable* driver = file.find("OXHAL_DRIVER");
+    if (!file.find("OXHAL_PORTS") && !(driver && driver->value == "sim"))
+        file.complain(
+            "OXHAL_PORTS is missing; add OXHAL_PORTS=\"DiPort_A1=eth1:sec-a1\", with the unit's own "
+            "interfaces");
+}
+
+} // namespace
+
+unit_configuration parse_unit_configuration(std::string_view content, const char* path) {
+    reader file{path};
+    while (!content.empty()) {
+        std::string_view line = content.substr(0, content.find('\n'));
+        content.remove_prefix(std::min(line.size() + 1, content.size()));
+        file.line++;
+        read_line(file, line);
+    }
+    check_completeness(file);
+    return file.result;
+}
+
+unit_configuration read_unit_configuration(const char* path) {
+    reader file{path};
+    // A FIFO under this name must not stop us.
+    int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    std::string content(file_size_max + 1, '\0');
+    ssize_t length = descriptor < 0 ? -1 : read(descriptor, content.data(), content.size());
+    int error = errno;
+    if (descriptor >= 0)
+        close(descriptor);
+    if (length < 0) {
+        file.complain(
+            std::string("cannot be read: ") + strerror(error) +
+            (error == ENOENT ? "; create it, from unit.conf.example" : "; make it a readable file"));
+        return file.result;
+    }
+    if (static_cast<size_t>(length) > file_size_max) {
+        file.complain("is larger than 64 KiB; name the right file");
+        return file.result;
+    }
+    return parse_unit_configuration({content.data(), static_cast<size_t>(length)}, path);
+}
+
+std::string parse_hardware_ports(std::string_view text, std::vector<hardware_port>& ports) {
+    constexpr std::string_view prefix = "DiPort_";
+    std::vector<std::string_view> interfaces;
+    ports.clear();
+    for (std::string_view word = next_word(text, " "); !word.empty(); word = next_word(text, " ")) {
+        size_t equals = std::min(word.find('='), word.size());
+        size_t colon = std::min(word.find(':', equals), word.size());
+        std::string_view name = word.substr(0, equals);
+        std::string_view common =
+            word.substr(std::min(equals + 1, colon), colon - std::min(equals + 1, colon));
+        std::string_view controlled = word.substr(std::min(colon + 1, word.size()));
+        std::string quoted = "'" + std::string(word.substr(0, 60)) + "'";
+        if (!is_interface(common) || !is_interface(controlled))
+            return quoted + " is no port; write it as DiPort_A1=eth1:sec-a1 (port, its interface, the MACsec "
+                            "interface to make)";
+        if (name.substr(0, prefix.size()) != prefix || !contains(port_names, name.substr(prefix.size())))
+            return quoted +
+                   " names a port that there is not; there are DiPort_A1 DiPort_B1 DiPort_A2 DiPort_B2";
+        std::string port = "IDL_" + std::string(name.substr(prefix.size()));
+        for (const hardware_port& other : ports) {
+            if (other.port == port)
+                return "port '" + std::string(name) + "' is given twice; remove either";
+        }
+        for (std::string_view interface : {common, controlled}) {
+            if (std::find(interfaces.begin(), interfaces.end(), interface) != interfaces.end())
+                return "interface '" + std::string(interface) + "' is named twice; each belongs to one port";
+            interfaces.push_back(interface);
+        }
+        ports.push_back({port, std::string(common), std::string(controlled)});
+    }
+    return ports.empty() ? "no port is named; write them as DiPort_A1=eth1:sec-a1 DiPort_B1=eth2:sec-b1" : "";
+}
+
+} // namespace services

@@ -1,0 +1,40 @@
+// The configuration of a unit: the environment of its processes, one variable a line, in a file that systemd
+// reads for the services. It is checked as a whole before they start, so that a wrong line is reported once,
+// with its number and what to write, and not by each process in its own way.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace services {
+
+constexpr const char* unit_configuration_path = "/etc/qel-tavu/unit.conf";
+
+struct variable {
+    std::string name;
+    std::string value;
+};
+
+struct unit_configuration {
+    std::vector<variable> variables; // those that are understood, in order
+    std::vector<std::string> errors; // "FILE:LINE: what is wrong; what to write"
+
+    bool is_good() const { return errors.empty(); }
+};
+
+unit_configuration parse_unit_configuration(std::string_view content, const char* path);
+// A file that cannot be read is an error in the result.
+unit_configuration read_unit_configuration(const char* path);
+
+// One word of OXHAL_PORTS: "DiPort_A1=eth1:sec-a1".
+struct hardware_port {
+    std::string port;       // as the port control service calls it: "IDL_A1"
+    std::string common;     // "eth1"
+    std::string controlled; // "sec-a1"
+};
+
+// "", or what is wrong with the text, and what to write.
+[[nodiscard]] std::string parse_hardware_ports(std::string_view text, std::vector<hardware_port>& ports);
+
+} // namespace services

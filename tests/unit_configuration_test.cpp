@@ -1,0 +1,53 @@
+#include <gtest/gtest.h>
+
+#include "services/common/unit_configuration.h"
+
+using namespace services;
+
+TEST(unit_configuration, is_taken_or_refused_with_line_and_remedy) {
+    const std::string good = "MPID=3\nOXHAL_PORTS=\"DiPort_A1=eth1:sec-a1\"\n";
+    const struct {
+        std::string content;
+        const char* error; // all of the first, or its beginning; "" for a good file
+    } cases[] = {
+        {"# A comment\n\n; and another\n  MPID = 3 \nOXHAL_PORTS='DiPort_A1=eth1:sec-a1 DiPort_B2=e:s'", ""},
+        {"MPID=3\nOXHAL_DRIVER=sim\nOKA_UNIT=mp3\nOKA_TRANSPORTS=unix tipc\nZEB_TRACE=\"error info\"", ""},
+        {"", "FILE: MPID is missing; add MPID= and the unit's own number"},
+        {"MPID=3", "FILE: OXHAL_PORTS is missing; add OXHAL_PORTS=\"DiPort_A1=eth1:sec-a1\""},
+        {good + "eth1", "FILE:3: 'eth1' sets no variable; write NAME=value"},
+        {good + "\nMIPD=4", "FILE:4: unknown variable 'MIPD'; there are: MPID OXHAL_PORTS"},
+        {good + "MPID=4", "FILE:3: MPID is set a second time; remove either line"},
+        {"MPID=3 # own", "FILE:1: MPID is '3 # own'; write the unit's own number, from 0 to 2147483647"},
+        {"MPID=2147483648", "FILE:1: MPID is '2147483648'; write"},
+        {"MPID=", "FILE:1: MPID is ''; write"},
+        {"MPID=\"3", "FILE:1: MPID: write the value as it is, or all of it in one pair of quotes"},
+        {good + "OKA_UNIT=../mp3", "FILE:3: OKA_UNIT is '../mp3'; write the name"},
+        {good + "OKA_DIR=run/oka", "FILE:3: OKA_DIR is 'run/oka'; write an absolute path"},
+        {good + "OKA_TRANSPORTS=unix,tcp",
+         "FILE:3: OKA_TRANSPORTS is 'unix,tcp'; there is no 'tcp'; write some of"},
+        {good + "OXHAL_DRIVER=Sim\033", "FILE:3: OXHAL_DRIVER is 'Sim?'; write one of: macsec sim"},
+        {"OXHAL_PORTS=", "FILE:1: OXHAL_PORTS is ''; no port is named; write them as"},
+        {"OXHAL_PORTS=DiPort_A1=eth1",
+         "FILE:1: OXHAL_PORTS is 'DiPort_A1=eth1'; 'DiPort_A1=eth1' is no port;"},
+        {"OXHAL_PORTS=DiPort_A1=eth1:0123456789abcdef", "FILE:1: OXHAL_PORTS is"},
+        {"OXHAL_PORTS=DiPort_C1=e:s",
+         "FILE:1: OXHAL_PORTS is 'DiPort_C1=e:s'; 'DiPort_C1=e:s' names a port that there is not"},
+        {"OXHAL_PORTS=DiPort_A1=e:s DiPort_A1=f:t",
+         "FILE:1: OXHAL_PORTS is 'DiPort_A1=e:s DiPort_A1=f:t'; port 'DiPort_A1' is given twice"},
+        {"OXHAL_PORTS=DiPort_A1=e:s DiPort_B1=s:t",
+         "FILE:1: OXHAL_PORTS is 'DiPort_A1=e:s DiPort_B1=s:t'; interface 's' is named twice"},
+    };
+    for (const auto& row : cases) {
+        unit_configuration read = parse_unit_configuration(row.content, "FILE");
+        EXPECT_EQ(read.is_good(), !*row.error) << row.content;
+        std::string first = read.is_good() ? "" : read.errors[0];
+        EXPECT_TRUE(first.starts_with(row.error)) << row.content << "\n" << first;
+    }
+    EXPECT_EQ(read_unit_configuration("/nowhere").errors[0],
+              "/nowhere: cannot be read: No such file or directory; create it, from unit.conf.example");
+
+    unit_configuration read = parse_unit_configuration(good + "OKA_UNIT = 'mp3'\n", "FILE");
+    ASSERT_EQ(read.variables.size(), 3u);
+    EXPECT_EQ(read.variables[1].value, "DiPort_A1=eth1:sec-a1");
+    EXPECT_EQ(read.variables[2].value, "mp3");
+}
