@@ -20,12 +20,32 @@ void read_reason(const nlmsghdr* message, char* text, size_t size) {
         return;
     unsigned offset = sizeof(nlmsgerr);
     const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message));
-    if (!(message->nlmsg_flags & NLM_F_CAPPED))
+    if (!(message->nlmsg_flags & NLM_F_CAPPED)) {
+        // The request stands before the text.
+        if (error->msg.nlmsg_len < sizeof(nlmsghdr) || error->msg.nlmsg_len > message->nlmsg_len)
+            return;
         offset += static_cast<unsigned>(error->msg.nlmsg_len - sizeof(nlmsghdr));
+    }
     attributes<NLMSGERR_ATTR_MSG + 1> found(message, offset);
     if (const nlattr* words = found[NLMSGERR_ATTR_MSG])
         snprintf(text, size, "%.*s", static_cast<int>(mnl_attr_get_payload_len(words)),
                  static_cast<const char*>(mnl_attr_get_payload(words)));
+}
+
+// What an acknowledgement says: 0, or an errno value.
+int error_of(const nlmsghdr* message) {
+    constexpr int largest_errno = 4095;
+    int status = 0;
+    if (mnl_nlmsg_get_payload_len(message) >= sizeof status)
+        memcpy(&status, mnl_nlmsg_get_payload(message), sizeof status);
+    if (status < -largest_errno)
+        return EBADMSG;
+    return status < 0 ? -status : 0;
+}
+
+// libmnl takes a length that has the highest bit for a negative one, which fits into anything.
+bool is_whole(const nlmsghdr* message, int left) {
+    return mnl_nlmsg_ok(message, left) && message->nlmsg_len <= static_cast<uint32_t>(left);
 }
 
 } // namespace
@@ -81,14 +101,13 @@ int netlink::receive_all(answer heard, void* context) {
         int left = static_cast<int>(received);
         bool done = false;
         int error = 0;
-        for (const auto* each = reinterpret_cast<const nlmsghdr*>(reply); !done && mnl_nlmsg_ok(each, left);
+        for (const auto* each = reinterpret_cast<const nlmsghdr*>(reply); !done && is_whole(each, left);
              each = mnl_nlmsg_next(each, &left)) {
             if (each->nlmsg_seq != sequence)
                 continue; // late, for a request that was given up
             if (each->nlmsg_type == NLMSG_ERROR || each->nlmsg_type == NLMSG_DONE) {
                 done = true;
-                if (mnl_nlmsg_get_payload_len(each) >= sizeof(int))
-                    error = -*static_cast<const int*>(mnl_nlmsg_get_payload(each));
+                error = error_of(each);
                 if (error)
                     read_reason(each, reason, sizeof reason);
             } else if (heard) {

@@ -89,6 +89,11 @@ bool parse_message(const nlmsghdr* message, void (*handle)(const link_event&)) {
     }
 }
 
+// libmnl takes a length that has the highest bit for a negative one, which fits into anything.
+bool is_whole(const nlmsghdr* message, int left) {
+    return mnl_nlmsg_ok(message, left) && message->nlmsg_len <= static_cast<uint32_t>(left);
+}
+
 } // namespace
 
 bool parse_link_messages(const void* datagram, size_t size, void (*handle)(const link_event&)) {
@@ -96,7 +101,7 @@ bool parse_link_messages(const void* datagram, size_t size, void (*handle)(const
         return false;
     int left = static_cast<int>(size);
     const auto* message = static_cast<const nlmsghdr*>(datagram);
-    while (mnl_nlmsg_ok(message, left)) {
+    while (is_whole(message, left)) {
         if (!parse_message(message, handle))
             return false;
         message = mnl_nlmsg_next(message, &left);
