@@ -94,6 +94,8 @@ when() {
 
 # Traced when a port protects what it sends and takes nothing else.
 protection_on="new MACsec encryption state: 'MACSEC_ENCRYPTION_ENABLED'"
+# And when it no longer does.
+protection_off="new MACsec encryption state: 'MACSEC_ENCRYPTION_DISABLED'"
 
 # The moment when the later end published its link, in microseconds.
 find_publication() {
