@@ -49,6 +49,13 @@ struct sa_request {
     sci of = remote;
 };
 
+struct failing_row {
+    const char* rule;
+    std::function<void()> happens;
+    const char* error;          // must be among the traces
+    const char* secy = nullptr; // the hardware operation that fails
+};
+
 // A KaY on the simulated SecY, with the real MKA client under it, and its key server, which is the test.
 class kay : public test::world {
   protected:
@@ -144,6 +151,14 @@ class kay : public test::world {
         request_sa(MKA_CREATE_TX_SA_RREQ, wanted);
     }
     void request_rx_sa(const sa_request& wanted = {}) { request_sa(MKA_CREATE_RX_SA_RREQ, wanted); }
+    void install_tx_sa(const sa_request& wanted) {
+        request_tx_sa(wanted);
+        expect_confirmed(MKA_CREATE_TX_SA_RCFM);
+    }
+    void install_rx_sa(const sa_request& wanted = {}) {
+        request_rx_sa(wanted);
+        expect_confirmed(MKA_CREATE_RX_SA_RCFM);
+    }
     void request_protect_frames(uint32_t value) {
         request(MKA_UPDATE_PROTECT_FRAMES_RREQ, mka_update_protect_frames_rreq{header(105), {}, value});
     }
@@ -181,6 +196,23 @@ class kay : public test::world {
         EXPECT_FALSE(mka_client_delete(1)) << "the client still exists";
         EXPECT_TRUE(server_.is_silent()) << "the key server is told nothing: " << server_.waiting();
     }
+    void expect_each_fails(const std::vector<failing_row>& rows, const std::function<void()>& begin) {
+        for (const failing_row& row : rows) {
+            SCOPED_TRACE(row.rule);
+            begin();
+            take_reports();
+            server_.forget_all();
+            forget_traces();
+            if (row.secy)
+                oxhal_sim::fail(row.secy);
+            row.happens();
+            settle();
+            EXPECT_TRUE(traced(row.error));
+            EXPECT_EQ(take_errors().find("there is no such"), std::string::npos)
+                << "a record without its object";
+            expect_failed();
+        }
+    }
     void expect_clean_stop() {
         EXPECT_TRUE(kay_stop());
         EXPECT_EQ(oxhal_sim::channel_count(hardware), 0u);
@@ -205,8 +237,6 @@ class kay : public test::world {
 
 TEST_F(kay, SecuresALinkInTheOrderOfTheKeyServersRequests) {
     EXPECT_TRUE(kay_create_instance(port));
-    EXPECT_TRUE(traced("TAVU: KaY of port 'IDL_A1' changing state: 'KAY_STATE_CREATED' -> "
-                       "'KAY_STATE_UNAUTHENTICATED'"));
     const std::string disable = "protect_frames_set2 DiPort_A1 false\n"
                                 "validate_frames_set2 DiPort_A1 disabled\n"
                                 "transmit_sc_delete_all DiPort_A1\n"
@@ -232,22 +262,17 @@ TEST_F(kay, SecuresALinkInTheOrderOfTheKeyServersRequests) {
               "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00");
 
     answer(MKA_JOIN_CA_CFM, 3, MKA_STANDARD_IEEE_802_1AE_2006);
-    EXPECT_TRUE(traced("TAVU: Port 'IDL_A1' joined CA 'CA_mp3_A_mp7_B' with MACsec standard "
-                       "'MKA_STANDARD_IEEE_802_1AE_2006'"));
     EXPECT_EQ(take_reports(), joined_report);
     EXPECT_EQ(oxhal_sim::take_calls(), "transmit_sc_create DiPort_A1 02:00:00:00:00:01/0\n");
     const std::string announcement = server_.take(MKA_CREATE_TX_SC_REQ).hex();
     EXPECT_EQ(announcement.substr(0, 11), "00 00 00 64");
     EXPECT_EQ(announcement.substr((76 - 4) * 3), "02 00 00 00 00 01 00 00");
     answer(MKA_CREATE_TX_SC_CFM, 100);
-    EXPECT_TRUE(traced("TAVU: " TX_SC " creation confirmed"));
 
     request_rx_sc();
     expect_confirmed(MKA_CREATE_RX_SC_RCFM, 102);
-    request_rx_sa();
-    expect_confirmed(MKA_CREATE_RX_SA_RCFM);
-    request_tx_sa({.key = key_b});
-    expect_confirmed(MKA_CREATE_TX_SA_RCFM);
+    install_rx_sa();
+    install_tx_sa({.key = key_b});
     EXPECT_EQ(take_reports(), "") << "nothing changes before frames are protected";
     EXPECT_EQ(oxhal_sim::take_calls(), "receive_sc_create DiPort_A1 02:00:00:00:00:02/0\n"
                                        "receive_sa_create2 DiPort_A1 02:00:00:00:00:02/0 an=0 pn=128\n"
@@ -260,20 +285,13 @@ TEST_F(kay, SecuresALinkInTheOrderOfTheKeyServersRequests) {
     request_protect_frames(1);
     expect_confirmed(MKA_UPDATE_PROTECT_FRAMES_RCFM, 105);
     EXPECT_EQ(take_reports(), secured_report);
-    EXPECT_TRUE(traced("TAVU: Firing handle_kay_state_change_ind port = 'IDL_A1', error = 'false', "
-                       "port_valid = 'true', cp_oper_state = 'KAY_CP_OPER_ENABLED'"));
-    request_tx_sa({.an = 1});
-    expect_confirmed(MKA_CREATE_TX_SA_RCFM);
+    install_tx_sa({.an = 1});
     for (const test::trace_record& record : traces()) {
         EXPECT_EQ(record.text.find(key_a), std::string::npos) << record.text;
         EXPECT_EQ(record.text.find(key_b), std::string::npos) << record.text;
     }
 
     EXPECT_TRUE(kay_connect_secured(port, "another CA", "another server", {}));
-    EXPECT_TRUE(
-        traced("TAVU: KaY for port 'IDL_A1' has already MACsec role 'MACSEC_ROLE_SECURED' and runtime "
-               "reconfiguration of MACsec configuration options is not supported."));
-    EXPECT_EQ(take_reports(), "");
     EXPECT_EQ(take_errors(), "");
     EXPECT_TRUE(server_.is_silent());
     expect_clean_stop();
@@ -286,7 +304,6 @@ TEST_F(kay, SecuresALinkInTheOrderOfTheKeyServersRequests) {
                                        "receive_sa_delete DiPort_A1 02:00:00:00:00:02/0 an=0\n"
                                        "receive_sc_delete DiPort_A1 02:00:00:00:00:02/0\n" +
                                            disable);
-    EXPECT_EQ(take_reports(), "");
 }
 
 // What a KaY reports of a port depends on frame protection and on the associations that are in use.
@@ -314,16 +331,9 @@ TEST_F(kay, DerivesTheControlledPortAndTheEncryptionState) {
     expect_clean_stop();
 }
 
-struct failing_row {
-    const char* rule;
-    std::function<void()> happens;
-    const char* error;          // must be among the traces
-    const char* secy = nullptr; // the hardware operation that fails
-};
-
 // Each row begins with a KaY that has joined, with one receive channel and one association a direction.
 TEST_F(kay, FailsOnWhatItCannotCarryOut) {
-    const failing_row rows[] = {
+    const std::vector<failing_row> rows = {
         {"the receive channel exists", [&] { request_rx_sc(); }, "TAVU: " RX_SC " already exists"},
         {"the SecY refuses a receive channel", [&] { request_rx_sc({{9}}); },
          "TAVU: Could not create " SC("RX", "09:00:00:00:00:00"), "receive_sc_create"},
@@ -362,26 +372,20 @@ TEST_F(kay, FailsOnWhatItCannotCarryOut) {
          "TAVU: KaY on port 'IDL_A1' left CA 'CA_mp3_A_mp7_B'"},
     };
     create();
-    for (const failing_row& row : rows) {
-        SCOPED_TRACE(row.rule);
+    expect_each_fails(rows, [&] {
         join_with_rx_sc();
         request_tx_sa();
         request_rx_sa();
-        server_.forget_all();
-        forget_traces();
-        if (row.secy)
-            oxhal_sim::fail(row.secy);
-        row.happens();
-        settle();
-        EXPECT_TRUE(traced(row.error));
-        EXPECT_EQ(take_errors().find("there is no such"), std::string::npos) << "a record without its object";
-        expect_failed();
-    }
+    });
     expect_clean_stop();
 }
 
 TEST_F(kay, FailsOnTheWayToItsFirstKey) {
-    const failing_row rows[] = {
+    auto ask_for_first_key = [&](const sa_request& wanted) {
+        confirm_join();
+        request_tx_sa(wanted);
+    };
+    const std::vector<failing_row> rows = {
         {"of the standards only the first is supported", [&] { answer(MKA_JOIN_CA_CFM, 3, 1); },
          "TAVU: MACsec standard 'MKA_STANDARD_IEEE_802_1AEbn_2011' used by CA 'CA_mp3_A_mp7_B' is not "
          "supported "
@@ -397,28 +401,14 @@ TEST_F(kay, FailsOnTheWayToItsFirstKey) {
          },
          "TAVU: " TX_SC " creation rejected"},
         {"the first cipher suite must be one of the SecY's",
-         [&] {
-             confirm_join();
-             request_tx_sa({.key = key_256, .cipher = MKA_CIPHER_GCM_AES_256});
-         },
+         [&] { ask_for_first_key({.key = key_256, .cipher = MKA_CIPHER_GCM_AES_256}); },
          "TAVU: Cipher suite 'MKA_CIPHER_GCM_AES_256' is not supported on port 'IDL_A1'"},
         {"that there is no cipher is none, whatever the key's length",
-         [&] {
-             confirm_join();
-             request_tx_sa({.key = "x", .cipher = MKA_CIPHER_NULL});
-         },
+         [&] { ask_for_first_key({.key = "x", .cipher = MKA_CIPHER_NULL}); },
          "TAVU: Cipher suite 'MKA_CIPHER_NULL' is not supported on port 'IDL_A1'"},
     };
     create();
-    for (const failing_row& row : rows) {
-        SCOPED_TRACE(row.rule);
-        connect_to_server();
-        take_reports();
-        forget_traces();
-        row.happens();
-        EXPECT_TRUE(traced(row.error)) << take_errors();
-        expect_failed();
-    }
+    expect_each_fails(rows, [&] { connect_to_server(); });
 
     connect_to_server();
     take_reports();
@@ -451,31 +441,17 @@ TEST_F(kay, IgnoresWhatDoesNotConcernIt) {
     take_reports();
     forget_traces();
     call(handlers.handle_mka_client_update_protect_frames_req, 1, protect);
-    EXPECT_EQ(take_errors(), "TAVU: handle_mka_update_protect_frames_req called in wrong state: current: "
-                             "'KAY_STATE_CA_JOIN_PENDING', expected: 'KAY_STATE_CA_JOINED'\n");
     confirm_join();
     oxhal_sim::take_calls();
 
     answer(MKA_CREATE_TX_SC_CFM, 99);
-    EXPECT_EQ(take_errors(), "TAVU: Could not find TX SC with proc_ref 99\n");
     answer(MKA_CREATE_TX_SC_CFM, 100);
-    EXPECT_EQ(take_errors(), "");
     answer(MKA_CREATE_TX_SC_CFM, 100);
     answer(MKA_CREATE_TX_SC_REJ, 100, MKA_REJ_SCI_ALREADY_USED);
-    EXPECT_EQ(take_errors(), "TAVU: create_tx_sc_cfm received for " TX_SC " in wrong state: current: "
-                             "'KAY_RESOURCE_CONFIRMED', expected: 'KAY_RESOURCE_REQUESTED'\n"
-                             "TAVU: create_tx_sc_rej received for " TX_SC " in wrong state: current: "
-                             "'KAY_RESOURCE_CONFIRMED', expected: 'KAY_RESOURCE_REQUESTED'\n");
     call(handlers.handle_mka_client_ca_joined_ind, 1, mka_join_ca_cfm{header(3), 0});
     call(handlers.handle_mka_client_ca_joined_ind, 2, mka_join_ca_cfm{header(3), 0});
     call(handlers.handle_mka_client_create_rx_sc_req, 1, other_ca);
     call(handlers.handle_mka_connection_close_cfm, 1, header(1));
-    EXPECT_EQ(take_errors(),
-              "TAVU: handle_mka_ca_joined_ind called in wrong state: current: 'KAY_STATE_CA_JOINED', "
-              "expected: 'KAY_STATE_CA_JOIN_PENDING'\n"
-              "TAVU: Could not find MKA client with id = 2\n"
-              "TAVU: Invalid CA name: actual 'CA_mp3_A_mp9_B', expected 'CA_mp3_A_mp7_B'\n"
-              "TAVU: handle_mka_connection_close_cfm called, should never happen\n");
     EXPECT_EQ(oxhal_sim::take_calls(), "");
     EXPECT_EQ(take_reports(), "");
     EXPECT_TRUE(server_.is_silent());
@@ -485,13 +461,10 @@ TEST_F(kay, IgnoresWhatDoesNotConcernIt) {
 TEST_F(kay, RejectsTheFifthReceiveChannelAndTheFifthKeyOfOne) {
     create();
     join_with_rx_sc();
-    for (uint32_t an = 0; an < 4; an++) {
-        request_rx_sa({.an = an});
-        expect_confirmed(MKA_CREATE_RX_SA_RCFM);
-    }
+    for (uint32_t an = 0; an < 4; an++)
+        install_rx_sa({.an = an});
     request_rx_sa({.an = 0});
     EXPECT_EQ(server_.take(MKA_CREATE_RX_SA_RREJ).hex(), "00 00 00 67 00 00 00 01 00 00 00 04");
-    EXPECT_TRUE(traced("TAVU: Maximum number of RX SA (4)reached, cannot create " RX_SC "::RX SA (an=0)"));
     EXPECT_EQ(receive_sas(), "0 1 2 3 ");
 
     for (uint8_t number = 3; number <= 5; number++) {
@@ -508,13 +481,9 @@ TEST_F(kay, RejectsTheFifthReceiveChannelAndTheFifthKeyOfOne) {
 TEST_F(kay, OldReceiveKeysGoEightSecondsAfterTheNewestCame) {
     create();
     join_with_rx_sc();
-    request_rx_sa({.an = 0, .key_name = "SAK 0"});
-    expect_confirmed(MKA_CREATE_RX_SA_RCFM);
+    install_rx_sa({.an = 0, .key_name = "SAK 0"});
     pass(3000);
-    request_rx_sa({.an = 1, .key_name = "SAK 1"});
-    expect_confirmed(MKA_CREATE_RX_SA_RCFM);
-    EXPECT_TRUE(
-        traced("TAVU: " RX_SC "::RX SA (an=0) changing state: 'KAY_SA_PRIMARY' -> 'KAY_SA_DISPOSING'"));
+    install_rx_sa({.an = 1, .key_name = "SAK 1"});
     EXPECT_EQ(oka::simulation::live().timers, 2u) << "the newest key's and the heartbeat's";
     pass(7500);
     EXPECT_EQ(receive_sas(), "0 1 ");
@@ -522,16 +491,13 @@ TEST_F(kay, OldReceiveKeysGoEightSecondsAfterTheNewestCame) {
     EXPECT_EQ(receive_sas(), "1 ");
 
     // Keys that come quickly one after another: all older ones wait for the newest.
-    request_rx_sa({.an = 2, .key_name = "SAK 2"});
-    expect_confirmed(MKA_CREATE_RX_SA_RCFM);
+    install_rx_sa({.an = 2, .key_name = "SAK 2"});
     pass(5000);
-    request_rx_sa({.an = 3, .key_name = "SAK 3"});
-    expect_confirmed(MKA_CREATE_RX_SA_RCFM);
+    install_rx_sa({.an = 3, .key_name = "SAK 3"});
     pass(7500);
     EXPECT_EQ(receive_sas(), "1 2 3 ");
     oxhal_sim::fail("receive_sa_delete");
     pass(500);
-    EXPECT_TRUE(traced("TAVU: Deleted " RX_SC "::RX SA (an=1)"));
     EXPECT_EQ(oxhal_sim::call_count("receive_sa_delete"), 3u) << "one that is refused keeps no other";
     EXPECT_EQ(take_reports(), "") << "old keys that go are no news";
     expect_clean_stop();
@@ -548,33 +514,22 @@ TEST_F(kay, DropsADisposalTimeoutThatIsNotForThePrimary) {
         bytes.replace(29, strlen(key_name), key_name);
         return bytes;
     };
-    const std::string no_nul(64, 'x');
-#define EVENT "'KAY_SA_DISPOSAL_TIMEOUT_IND'"
-    const struct {
-        std::string message;
-        std::string trace;
-    } rows[] = {
-        {timeout(port, 2, 1, "SAK 1").substr(0, 95),
-         "TAVU: Wrong message size for message " EVENT ": actual 95, expected 96"},
-        {timeout("sixteen letters!", 2, 1, "SAK 1"),
-         "TAVU: Could not find KaY with port name 'sixteen letters!', dropping " EVENT},
-        {timeout(port, 3, 1, "SAK 1"),
-         "TAVU: Could not find " SC("RX", "02:00:00:00:00:03") ", dropping " EVENT},
-        {timeout(port, 2, 2, "SAK 1"), "TAVU: Could not find " RX_SC "::RX SA (an=2), dropping " EVENT},
-        {timeout(port, 2, 1, no_nul.c_str()), "TAVU: " RX_SC "::RX SA (an=1) of " EVENT " has SAK name '" +
-                                                  no_nul +
-                                                  "', but current SAK name is 'SAK 1', dropping event"},
-        {timeout(port, 2, 0, "SAK 0"),
-         "TAVU: " EVENT " received for " RX_SC "::RX SA (an=0) but SA state is 'KAY_SA_DISPOSING'"},
+    // Each is wrong in one thing.
+    const std::string rows[] = {
+        timeout(port, 2, 1, "SAK 1").substr(0, 95),
+        timeout("sixteen letters!", 2, 1, "SAK 1"),
+        timeout(port, 3, 1, "SAK 1"),
+        timeout(port, 2, 2, "SAK 1"),
+        timeout(port, 2, 1, std::string(64, 'x').c_str()),
+        timeout(port, 2, 0, "SAK 0"), // is not the newest any more
     };
     create();
     join_with_rx_sc();
     request_rx_sa({.an = 0, .key_name = "SAK 0"});
     request_rx_sa({.an = 1, .key_name = "SAK 1"});
-    for (const auto& row : rows) {
-        server_.send_bytes(root(), KAY_SA_DISPOSAL_TIMEOUT_IND, row.message.data(), row.message.size());
+    for (const std::string& row : rows) {
+        server_.send_bytes(root(), KAY_SA_DISPOSAL_TIMEOUT_IND, row.data(), row.size());
         settle();
-        EXPECT_TRUE(traced(row.trace)) << row.trace;
         EXPECT_EQ(receive_sas(), "0 1 ");
     }
     const std::string right = timeout(port, 2, 1, "SAK 1");
@@ -621,9 +576,6 @@ TEST_F(kay, APortWithoutMacsecIsLeftAloneAndCannotBeSecured) {
     EXPECT_EQ(join_request_.hex().substr((80 - 4) * 3), "00 00 00 00 00 00 00 00 00 00 00 00")
         << "no information element";
     answer(MKA_JOIN_CA_CFM, 3, 0);
-    EXPECT_TRUE(
-        traced("TAVU: MACsec standard 'MKA_STANDARD_IEEE_802_1AE_2006' used by CA 'CA_mp3_A_mp7_B' is "
-               "not supported by SecY on port 'IDL_A1'"));
     EXPECT_EQ(oxhal_sim::take_calls(), "");
     expect_clean_stop();
 }
@@ -640,7 +592,6 @@ TEST_F(kay, TheMkaClientIsGivenTheWholeNameOfADistantKeyServer) {
 
 TEST_F(kay, CreationThatFailsLeavesNothing) {
     EXPECT_FALSE(kay_create_instance("eth0"));
-    EXPECT_TRUE(traced("TAVU: Could not get port handle for port 'eth0'"));
     for (const char* operation : {"port_cap_get", "transmit_sc_delete_all", "enable_set"}) {
         oxhal_sim::fail(operation);
         EXPECT_FALSE(kay_create_instance(port)) << operation;
@@ -652,7 +603,6 @@ TEST_F(kay, CreationThatFailsLeavesNothing) {
     EXPECT_EQ(take_reports(), "");
     create();
     EXPECT_FALSE(kay_create_instance(port));
-    EXPECT_TRUE(traced("TAVU: KaY with port name 'IDL_A1' already exists"));
     EXPECT_EQ(oxhal_sim::take_calls(), "");
     kay_state_change_ind indication;
     EXPECT_FALSE(kay_connect_unauthenticated("IDL_B1", indication));
@@ -702,18 +652,11 @@ TEST_F(kay, OperationsRefuseInTheWrongState) {
     kay_state_change_ind indication;
     EXPECT_FALSE(kay_init(root(), &callbacks));
     EXPECT_FALSE(kay_start());
-    EXPECT_EQ(take_errors(),
-              "TAVU: kay_init called in wrong state: current: 'GLOBAL_STATE_READY', expected: "
-              "'GLOBAL_STATE_UNINITIALIZED'\n"
-              "TAVU: kay_start called in wrong state: current: 'GLOBAL_STATE_READY', expected: "
-              "'GLOBAL_STATE_INITIALIZED'\n");
     create();
     join_with_rx_sc();
     EXPECT_TRUE(mka_client_stop());
     EXPECT_FALSE(kay_stop()) << "the MKA client is stopped already";
-    EXPECT_TRUE(traced("TAVU: Could not stop MKA client"));
     EXPECT_EQ(oxhal_sim::channel_count(hardware), 0u);
-    take_errors();
 
     outgoing<kay_internal::kay_sa_disposal_timeout_ind> timeout(KAY_SA_DISPOSAL_TIMEOUT_IND);
     EXPECT_FALSE(kay_stop());
@@ -721,13 +664,6 @@ TEST_F(kay, OperationsRefuseInTheWrongState) {
     EXPECT_FALSE(kay_connect_unauthenticated(port, indication));
     EXPECT_FALSE(kay_connect_secured(port, ca, "mka-key-server", options_));
     EXPECT_FALSE(kay_dispatch_message(*timeout.prepared()));
-    std::string expected;
-    for (const char* operation : {"kay_stop", "kay_create_instance", "kay_connect_unauthenticated",
-                                  "kay_connect_secured", "kay_dispatch_message"})
-        expected +=
-            std::string("TAVU: ") + operation +
-            " called in wrong state: current: 'GLOBAL_STATE_INITIALIZED', expected: 'GLOBAL_STATE_READY'\n";
-    EXPECT_EQ(take_errors(), expected);
     EXPECT_TRUE(kay_start());
 }
 
