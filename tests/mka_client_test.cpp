@@ -69,7 +69,7 @@ class mka_client : public test::world {
             return;
         answer(MKA_CAPABILITIES_GET_CFM, octets(2, 1).word(0).fill(0, 8));
         server.take(MKA_HEARTBEAT_REQ);
-        server.take(MKA_JOIN_CA_REQ);
+        join_request_ = server.take(MKA_JOIN_CA_REQ);
         if (wanted == joining)
             return;
         answer(MKA_JOIN_CA_CFM, octets(3, 1).word(0));
@@ -80,6 +80,7 @@ class mka_client : public test::world {
     void finish() {
         EXPECT_TRUE(mka_client_stop());
         server.disappear();
+        join_request_ = {};
         settle();
         EXPECT_EQ(oka::simulation::live().mailboxes, 1u);
         expect_nothing_left();
@@ -87,6 +88,7 @@ class mka_client : public test::world {
 
     test::peer server{"mka-key-server"};
     oka_mailbox mailbox = OKA_MAILBOX_NONE; // the client's
+    test::received join_request_;
     bool consumed_ = false;
 };
 
@@ -105,7 +107,6 @@ TEST_F(mka_client, goes_its_way_to_the_ca_in_these_bytes) {
     EXPECT_EQ(mka_client_create(), 1u);
     EXPECT_TRUE(mka_client_join_ca(1, long_ca.c_str(), path.c_str(), 10000, &secy));
     advance(10000);
-    EXPECT_TRUE(traced("TAVU: Start locating server '" + path + "'"));
     test::peer remote(path.c_str());
     settle();
 
@@ -133,26 +134,13 @@ TEST_F(mka_client, goes_its_way_to_the_ca_in_these_bytes) {
                   " 00 00 00 00 00 00 00 00 00 00 00 00");
     answer_remotely(MKA_JOIN_CA_CFM, octets(3, 1).word(0));
     EXPECT_EQ(events, "ca_joined(1)");
-    EXPECT_TRUE(traced("TAVU: Firing handle_mka_client_ca_joined_ind for client client id = 1, CA name = '" +
-                       std::string(63, 'c') + "'"));
-    EXPECT_TRUE(traced("TAVU: fire_handle_mka_client_ca_joined_ind"));
-    EXPECT_TRUE(traced("TAVU: Client with client id = 1 changing state: 'MKA_STATE_JOIN_CA' -> "
-                       "'MKA_STATE_JOINED'"));
     EXPECT_EQ(take_errors(), "");
 }
 
 TEST_F(mka_client, joins_without_capabilities_in_92_bytes) {
-    EXPECT_EQ(mka_client_create(), 1u);
-    EXPECT_TRUE(mka_client_join_ca(1, "C", "mka-key-server", 1, nullptr));
-    settle();
-    mailbox = server.take(MKA_CONNECTION_ESTABLISH_REQ).sender();
-    answer(MKA_CONNECTION_ESTABLISH_CFM, octets(101, servers_reference).word(1));
-    answer(MKA_CAPABILITIES_GET_CFM, octets(2, 1).word(1).word(3).word(8));
-    server.take(MKA_CAPABILITIES_GET_REQ);
-    server.take(MKA_HEARTBEAT_REQ);
-    test::received join = server.take(MKA_JOIN_CA_REQ);
-    EXPECT_EQ(join.size(), 92u);
-    EXPECT_EQ(join.hex().substr(3 * (76 - 4)), "00 00 00 01 00 00 00 00 00 00 00 00 00 00 00 00");
+    bring_to(joining);
+    EXPECT_EQ(join_request_.size(), 92u);
+    EXPECT_EQ(join_request_.hex().substr(3 * (76 - 4)), "00 00 27 10 00 00 00 00 00 00 00 00 00 00 00 00");
 }
 
 octets sa_request(uint32_t sak_len, size_t size, const char* name = ca) {
@@ -175,89 +163,59 @@ struct answer_row {
     uint32_t number;
     octets bytes;
     std::string events;
-    std::string errors;
+    bool is_error = false;
 };
 
 const answer_row answers[] = {
     {"another version", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42).word(2), "ca_left(1)",
-     "TAVU: Selected protocol version 2 is not supported, expected 1\n"},
-    {"a procedure of nobody", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(99, 42).word(1), "",
-     "TAVU: Invalid proc_ref value: 99\n"},
+     true},
+    {"a procedure of nobody", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(99, 42).word(1), "", true},
     {"a procedure of another client", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(102, 42).word(1), "",
-     "TAVU: Could not find client client id = 2\n"},
-    {"a short confirmation", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42), "",
-     "TAVU: Message 0x1b0702 has wrong size: actual: 12 bytes, expected: 16 bytes\n"},
-    {"a refused connection", establishing, MKA_CONNECTION_ESTABLISH_REJ, octets(101, 1).word(7), "ca_left(1)",
-     ""},
-    {"a connection twice", capabilities, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42).word(1), "",
-     "TAVU: handle_connection_establish_cfm called in wrong state: current: 'MKA_STATE_GET_CAPABILITIES', "
-     "expected: 'MKA_STATE_CONNECTION_ESTABLISH'\n"},
-
+     true},
+    {"a short confirmation", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42), "", true},
+    {"a refused connection", establishing, MKA_CONNECTION_ESTABLISH_REJ, octets(101, 1).word(7),
+     "ca_left(1)"},
+    {"a connection twice", capabilities, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42).word(1), "", true},
     {"capabilities of another procedure", capabilities, MKA_CAPABILITIES_GET_CFM,
-     octets(3, 1).word(0).fill(0, 8), "ca_left(1)", "TAVU: Invalid proc_ref value: actual 3, expected 2\n"},
+     octets(3, 1).word(0).fill(0, 8), "ca_left(1)", true},
     {"capabilities for nobody", capabilities, MKA_CAPABILITIES_GET_CFM, octets(2, 9).word(0).fill(0, 8), "",
-     "TAVU: Could not find client client id = 9\n"},
-    {"short capabilities", capabilities, MKA_CAPABILITIES_GET_CFM, octets(2, 1).word(0).fill(0, 4), "",
-     "TAVU: Parse error: msg_len=20 < expected_msg_len=24\n"},
+     true},
+    {"short capabilities", capabilities, MKA_CAPABILITIES_GET_CFM, octets(2, 1).word(0).fill(0, 4), "", true},
     {"capabilities that announce nothing", capabilities, MKA_CAPABILITIES_GET_CFM,
-     octets(2, 1).word(0).fill(0, 12), "", "TAVU: Parse error: msg_len=28 != expected_msg_len=24\n"},
+     octets(2, 1).word(0).fill(0, 12), "", true},
     {"capabilities with an endless element count", capabilities, MKA_CAPABILITIES_GET_CFM,
-     octets(2, 1).word(UINT32_MAX).fill(0, 8), "", "TAVU: Parse error: msg_len=24 != expected_msg_len=0\n"},
+     octets(2, 1).word(UINT32_MAX).fill(0, 8), "", true},
     {"bytes behind the capabilities", capabilities, MKA_CAPABILITIES_GET_CFM,
-     octets(2, 1).word(1).word(0).word(8).word(0), "",
-     "TAVU: Parse error: msg_len=28 != expected_msg_len=24\n"},
-    {"no capabilities", capabilities, MKA_CAPABILITIES_GET_REJ, octets(3, 1).word(1), "ca_left(1)",
-     "TAVU: Invalid proc_ref value: actual 3, expected 2\n"},
-
-    {"a join of another procedure", joining, MKA_JOIN_CA_CFM, octets(4, 1).word(0), "ca_left(1)",
-     "TAVU: Invalid proc_ref value: actual 4, expected 3\n"},
-    {"a refused join", joining, MKA_JOIN_CA_REJ, octets(4, 1).word(5), "ca_left(1)",
-     "TAVU: Invalid proc_ref value: actual 4, expected 3\n"},
-    {"leaving while joining", joining, MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64), "ca_left(1)", ""},
-    {"a confirmed leave", joining, MKA_LEAVE_CA_CFM, octets(4, 1), "ca_left(1)", ""},
-    {"a leave of another procedure", joining, MKA_LEAVE_CA_CFM, octets(3, 1), "ca_left(1)",
-     "TAVU: Invalid proc_ref value: actual 3, expected 4\n"},
-    {"a request before the join", joining, MKA_CREATE_TX_SA_RREQ, sa_request(16, 184), "",
-     "TAVU: handle_create_tx_sa_rreq called in wrong state: current: 'MKA_STATE_JOIN_CA', expected: "
-     "'MKA_STATE_JOINED'\n"},
-
-    {"a join twice", joined, MKA_JOIN_CA_CFM, octets(3, 1).word(0), "",
-     "TAVU: handle_join_ca_cfm called in wrong state: current: 'MKA_STATE_JOINED', expected: "
-     "'MKA_STATE_JOIN_CA'\n"},
-    {"leaving once joined", joined, MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64), "",
-     "TAVU: handle_leave_ca_rreq called in wrong state: current: 'MKA_STATE_JOINED', expected: "
-     "'MKA_STATE_JOIN_CA'\n"},
-    {"a transmit channel", joined, MKA_CREATE_TX_SC_CFM, octets(100, 1), "tx_sc_cfm(1)", ""},
-    {"a refused transmit channel", joined, MKA_CREATE_TX_SC_REJ, octets(100, 1).word(17), "tx_sc_rej(1)", ""},
+     octets(2, 1).word(1).word(0).word(8).word(0), "", true},
+    {"no capabilities", capabilities, MKA_CAPABILITIES_GET_REJ, octets(3, 1).word(1), "ca_left(1)", true},
+    {"a join of another procedure", joining, MKA_JOIN_CA_CFM, octets(4, 1).word(0), "ca_left(1)", true},
+    {"a refused join", joining, MKA_JOIN_CA_REJ, octets(4, 1).word(5), "ca_left(1)", true},
+    {"leaving while joining", joining, MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64), "ca_left(1)"},
+    {"a confirmed leave", joining, MKA_LEAVE_CA_CFM, octets(4, 1), "ca_left(1)"},
+    {"a leave of another procedure", joining, MKA_LEAVE_CA_CFM, octets(3, 1), "ca_left(1)", true},
+    {"a request before the join", joining, MKA_CREATE_TX_SA_RREQ, sa_request(16, 184), "", true},
+    {"a join twice", joined, MKA_JOIN_CA_CFM, octets(3, 1).word(0), "", true},
+    {"leaving once joined", joined, MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64), "", true},
+    {"a transmit channel", joined, MKA_CREATE_TX_SC_CFM, octets(100, 1), "tx_sc_cfm(1)"},
+    {"a refused transmit channel", joined, MKA_CREATE_TX_SC_REJ, octets(100, 1).word(17), "tx_sc_rej(1)"},
     {"a receive channel", joined, MKA_CREATE_RX_SC_RREQ, octets(102, 1).text(ca, 64).fill(7, 8),
-     "rx_sc_req(1)", ""},
+     "rx_sc_req(1)"},
     {"a receive channel in another CA", joined, MKA_CREATE_RX_SC_RREQ,
-     octets(102, 1).text("CA_mp3_A_mp7_C", 64).fill(7, 8), "ca_left(1)",
-     "TAVU: Invalid ca_name value: actual 'CA_mp3_A_mp7_C', expected 'CA_mp3_A_mp7_B'\n"},
+     octets(102, 1).text("CA_mp3_A_mp7_C", 64).fill(7, 8), "ca_left(1)", true},
     {"a name without an end", joined, MKA_UPDATE_PROTECT_FRAMES_RREQ,
-     octets(105, 1).text(ca + std::string(50, 'x'), 64).word(1), "ca_left(1)",
-     "TAVU: Invalid ca_name value: actual 'CA_mp3_A_mp7_B" + std::string(50, 'x') +
-         "', expected 'CA_mp3_A_mp7_B'\n"},
+     octets(105, 1).text(ca + std::string(50, 'x'), 64).word(1), "ca_left(1)", true},
     {"protection", joined, MKA_UPDATE_PROTECT_FRAMES_RREQ, octets(105, 1).text(ca, 64).word(1),
-     "protect_frames_req(1)", ""},
-    {"a transmit key", joined, MKA_CREATE_TX_SA_RREQ, sa_request(16, 184), "tx_sa_req(1)", ""},
-    {"a receive key", joined, MKA_CREATE_RX_SA_RREQ, sa_request(32, 200), "rx_sa_req(1)", ""},
-    {"a key without bytes", joined, MKA_CREATE_TX_SA_RREQ, sa_request(0, 184), "ca_left(1)",
-     "TAVU: Invalid sak_len value: sak_len = 0\n"},
-    {"a key shorter than said", joined, MKA_CREATE_TX_SA_RREQ, sa_request(32, 184), "",
-     "TAVU: Message 0x1b0716 has wrong size: actual: 184 bytes, expected: 200 bytes\n"},
-    {"a key length that wraps", joined, MKA_CREATE_RX_SA_RREQ, sa_request(0xffffffff, 169), "",
-     "TAVU: Message 0x1b0719 has wrong size: actual: 169 bytes, expected: 167 bytes\n"},
-    {"no room for a key", joined, MKA_CREATE_RX_SA_RREQ, sa_request(1, 168), "",
-     "TAVU: msg_len=168 < expected_len=169\n"},
-    {"a key for another CA", joined, MKA_CREATE_RX_SA_RREQ, sa_request(16, 184, "CA"), "ca_left(1)",
-     "TAVU: Invalid ca_name value: actual 'CA', expected 'CA_mp3_A_mp7_B'\n"},
-    {"a confirmation nobody waits for", joined, MKA_CONNECTION_CLOSE_CFM, octets(0, 1), "close_cfm(1)", ""},
-    {"a confirmation before anything", created, MKA_CONNECTION_CLOSE_CFM, octets(0, 1), "",
-     "TAVU: handle_connection_close_cfm called in wrong state: current: 'MKA_STATE_CREATED', expected: 'any "
-     "but MKA_STATE_CREATED'\n"},
-    {"a truncated expiry", joined, MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, octets(0, 1).resize(8), "",
-     "TAVU: Message 0x1b1222 has wrong size: actual: 8 bytes, expected: 12 bytes\n"},
+     "protect_frames_req(1)"},
+    {"a transmit key", joined, MKA_CREATE_TX_SA_RREQ, sa_request(16, 184), "tx_sa_req(1)"},
+    {"a receive key", joined, MKA_CREATE_RX_SA_RREQ, sa_request(32, 200), "rx_sa_req(1)"},
+    {"a key without bytes", joined, MKA_CREATE_TX_SA_RREQ, sa_request(0, 184), "ca_left(1)", true},
+    {"a key shorter than said", joined, MKA_CREATE_TX_SA_RREQ, sa_request(32, 184), "", true},
+    {"a key length that wraps", joined, MKA_CREATE_RX_SA_RREQ, sa_request(0xffffffff, 169), "", true},
+    {"no room for a key", joined, MKA_CREATE_RX_SA_RREQ, sa_request(1, 168), "", true},
+    {"a key for another CA", joined, MKA_CREATE_RX_SA_RREQ, sa_request(16, 184, "CA"), "ca_left(1)", true},
+    {"a confirmation nobody waits for", joined, MKA_CONNECTION_CLOSE_CFM, octets(0, 1), "close_cfm(1)"},
+    {"a confirmation before anything", created, MKA_CONNECTION_CLOSE_CFM, octets(0, 1), "", true},
+    {"a truncated expiry", joined, MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, octets(0, 1).resize(8), "", true},
 };
 
 TEST_F(mka_client, takes_each_answer_for_what_it_is) {
@@ -272,7 +230,7 @@ TEST_F(mka_client, takes_each_answer_for_what_it_is) {
             answer(row.number, row.bytes);
             EXPECT_TRUE(consumed_);
             EXPECT_EQ(events, row.events);
-            EXPECT_EQ(take_errors(), row.errors);
+            EXPECT_EQ(take_errors() != "", row.is_error);
             client_is_deleted_from_inside = false;
             EXPECT_EQ(mka_client_delete(1), row.events.empty() || !deleted);
             settle();
@@ -325,11 +283,8 @@ TEST_F(mka_client, says_what_the_kay_has_to_say_in_these_bytes) {
         EXPECT_EQ(sent.hex(), row.hex) << std::hex << row.number;
         EXPECT_EQ(sent.sender(), mailbox);
     }
-    EXPECT_TRUE(traced("0x1b0715 to mailbox " + std::to_string(server.mailbox()) +
-                       ": TAVU: MKA_CREATE_RX_SC_RREJ connection reference=42, procedure reference=9"));
     EXPECT_EQ(take_errors(), "");
     EXPECT_FALSE(mka_client_send_create_rx_sa_rcfm(2, 9));
-    EXPECT_EQ(take_errors(), "TAVU: Could not find client with client id = 2\n");
 }
 
 TEST_F(mka_client, asks_for_a_heartbeat_2500_ms_after_each_confirmation) {
@@ -339,8 +294,7 @@ TEST_F(mka_client, asks_for_a_heartbeat_2500_ms_after_each_confirmation) {
         answer(MKA_HEARTBEAT_CFM, octets(5, 1));
         EXPECT_EQ(take_errors(), "");
         answer(MKA_HEARTBEAT_CFM, octets(5, 1)); // once too often
-        EXPECT_EQ(take_errors(), "TAVU: Heartbeat supervision is in 'HEARTBEAT_IDLE' state for client client "
-                                 "id = 1\n");
+        EXPECT_NE(take_errors(), "");
         advance(2499);
         EXPECT_TRUE(server.is_silent());
         advance(1);
@@ -348,11 +302,8 @@ TEST_F(mka_client, asks_for_a_heartbeat_2500_ms_after_each_confirmation) {
         advance(2499);
         EXPECT_EQ(events, "");
     }
-    forget_traces();
     advance(1);
     EXPECT_EQ(events, "ca_left(1)");
-    EXPECT_EQ(take_errors(),
-              "TAVU: Heartbeat timeout for client client id = 1 while waiting for heartbeat cfm\n");
     // Only the key server, the root and the test hold mailboxes; nothing is supervised any more.
     EXPECT_EQ(oka::simulation::live().monitors, 0u);
     EXPECT_EQ(oka::simulation::live().timers, 0u);
@@ -404,22 +355,12 @@ TEST_F(mka_client, ignores_expiries_that_nobody_waits_for) {
     const struct {
         stage at;
         uint32_t client;
-        const char* text;
-    } cases[] = {
-        {joined, 7, "TAVU: Heartbeat timeout for client client id = 7, but no client found"},
-        {created, 1,
-         "TAVU: Heartbeat timeout for client client id = 1, but client is in state "
-         "'MKA_STATE_CREATED'"},
-        {locating, 1,
-         "TAVU: Heartbeat timeout for client client id = 1, but no heartbeat supervision is "
-         "running"},
-    };
+    } cases[] = {{joined, 7}, {created, 1}, {locating, 1}};
     for (const auto& row : cases) {
         bring_to(row.at);
         octets expiry(0, row.client);
         server.send_bytes(root(), MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, expiry.data(), expiry.size());
         settle();
-        EXPECT_TRUE(traced(row.text)) << row.text;
         EXPECT_EQ(events, "");
         EXPECT_TRUE(mka_client_delete(1));
     }
@@ -428,17 +369,12 @@ TEST_F(mka_client, ignores_expiries_that_nobody_waits_for) {
 
 TEST_F(mka_client, joins_from_created_and_left_only) {
     EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
-    EXPECT_EQ(take_errors(), "TAVU: Could not find client client id = 1\n");
     bring_to(joining);
     EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
-    EXPECT_EQ(take_errors(), "TAVU: mka_client_join_ca called in wrong state: current: 'MKA_STATE_JOIN_CA', "
-                             "expected: 'MKA_STATE_CREATED or MKA_STATE_CA_LEFT'\n");
     // Left at the server's word, the connection stays: the answer still goes out, a new join does not.
     answer(MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64));
     EXPECT_EQ(server.take(MKA_LEAVE_CA_RCFM).hex(), "00 00 00 64 00 00 00 2a");
     EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
-    EXPECT_EQ(take_errors(),
-              "TAVU: Client 1 mailbox is not uninitialized: " + std::to_string(mailbox) + "\n");
     server.disappear();
     settle();
     EXPECT_EQ(events, "ca_left(1)ca_left(1)");
@@ -449,14 +385,11 @@ TEST_F(mka_client, gives_the_lowest_free_id_to_at_most_32) {
     for (uint32_t id = 1; id <= 32; id++)
         EXPECT_EQ(mka_client_create(), id);
     EXPECT_EQ(mka_client_create(), 0u);
-    EXPECT_EQ(take_errors(), "TAVU: Maximum number of clients = 32 reached\n");
     EXPECT_TRUE(mka_client_delete(17));
     EXPECT_TRUE(mka_client_delete(5));
     EXPECT_FALSE(mka_client_delete(5));
-    EXPECT_EQ(take_errors(), "TAVU: Could not find client 5\n");
     test::fail_allocation(1);
     EXPECT_EQ(mka_client_create(), 0u);
-    EXPECT_NE(take_errors().find("TAVU: Memory allocation of "), std::string::npos);
     EXPECT_EQ(mka_client_create(), 5u);
     EXPECT_EQ(mka_client_create(), 17u);
     EXPECT_TRUE(mka_client_join_ca(17, ca, "nowhere", 1, nullptr));
@@ -465,42 +398,21 @@ TEST_F(mka_client, gives_the_lowest_free_id_to_at_most_32) {
 
 TEST_F(mka_client, refuses_what_its_state_does_not_allow) {
     EXPECT_TRUE(mka_client_stop());
-    const struct {
-        const char* operation;
-        bool done;
-        const char* expected = "MKA_GLOBAL_STATE_READY";
-    } cases[] = {
-        {"mka_client_init", mka_client_init(root(), &callbacks), "MKA_GLOBAL_STATE_UNINITIALIZED"},
-        {"mka_client_stop", mka_client_stop()},
-        {"mka_client_create", mka_client_create() != 0},
-        {"mka_client_delete", mka_client_delete(1)},
-        {"mka_client_join_ca", mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr)},
-        {"mka_client_send_create_tx_sc_req", mka_client_send_create_tx_sc_req(1, 1, own_sci)},
-        {"mka_client_send_create_rx_sc_rcfm", mka_client_send_create_rx_sc_rcfm(1, 1)},
-        {"mka_client_send_create_rx_sc_rrej", mka_client_send_create_rx_sc_rrej(1, 1, 1)},
-        {"mka_client_send_leave_ca_req", mka_client_send_leave_ca_req(1, 1)},
-        {"mka_client_send_leave_ca_rcfm", mka_client_send_leave_ca_rcfm(1, 1)},
-    };
-    std::string errors;
-    for (const auto& row : cases) {
-        EXPECT_FALSE(row.done) << row.operation;
-        errors += std::string("TAVU: ") + row.operation +
-                  " called in wrong state: current: 'MKA_GLOBAL_STATE_INITIALIZED', expected: '" +
-                  row.expected + "'\n";
-    }
-    EXPECT_EQ(take_errors(), errors);
+    EXPECT_FALSE(mka_client_init(root(), &callbacks));
+    EXPECT_FALSE(mka_client_stop());
+    EXPECT_EQ(mka_client_create(), 0u);
+    EXPECT_FALSE(mka_client_delete(1));
+    EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
+    EXPECT_FALSE(mka_client_send_create_tx_sc_req(1, 1, own_sci));
+    EXPECT_FALSE(mka_client_send_create_rx_sc_rcfm(1, 1));
+    EXPECT_FALSE(mka_client_send_create_rx_sc_rrej(1, 1, 1));
+    EXPECT_FALSE(mka_client_send_leave_ca_req(1, 1));
+    EXPECT_FALSE(mka_client_send_leave_ca_rcfm(1, 1));
 }
 
 TEST(mka_client_callbacks, must_all_be_there) {
-    constexpr size_t count = sizeof(mka_client_callbacks) / sizeof(void*);
-    EXPECT_EQ(count, 9u);
-    EXPECT_FALSE(mka_client_init(1, nullptr));
-    for (size_t missing = 0; missing < count; missing++) {
-        mka_client_callbacks table = callbacks;
-        memset(reinterpret_cast<uint8_t*>(&table) + missing * sizeof(void*), 0, sizeof(void*));
-        EXPECT_FALSE(mka_client_init(1, &table)) << missing;
-    }
-    EXPECT_TRUE(mka_client_init(1, &callbacks));
+    test::expect_every_callback_is_needed(
+        callbacks, 9, [](const mka_client_callbacks* table) { return mka_client_init(1, table); });
 }
 
 } // namespace

@@ -109,48 +109,34 @@ TEST_F(macsec_service, answers_about_the_connection_in_these_bytes) {
     send(manager_, OXMSI_CONNECTION_CLOSE_REQ, words({9, 1}));
     EXPECT_EQ(taken(manager_), "OXMSI_CONNECTION_CLOSE_CFM: 00 00 00 09 00 00 03 84\n");
     EXPECT_EQ(events, "closed 1\n");
-    EXPECT_TRUE(traced("0x1b1145 to mailbox " + std::to_string(manager_.mailbox()) +
-                       ": TAVU: OXMSI_CONNECTION_ESTABLISH_CFM client connection reference=900, procedure "
-                       "reference=7"));
-    EXPECT_TRUE(traced("TAVU: State changed: 'OXMSI_SERVER_STATE_STARTED' -> 'OXMSI_SERVER_STATE_READY'"));
     send(manager_, OXMSI_CONNECTION_CLOSE_REQ, words({9, 1}));
-    EXPECT_EQ(take_errors(), "TAVU: Unknown client id=1, dropping message 'OXMSI_CONNECTION_CLOSE_REQ'\n");
+    EXPECT_TRUE(manager_.is_silent());
 }
 
 TEST_F(macsec_service, refuses_or_drops_connection_requests_that_are_not_right) {
     publish();
-    uint32_t box = manager_.mailbox();
     ASSERT_EQ(connect(manager_, 900), 1u);
-    std::string who = "client mailbox id=" + std::to_string(box) + ", client connection reference=";
-    std::string negotiation = "TAVU: Protocol version negotiation with " + who;
     std::string rej = "OXMSI_CONNECTION_ESTABLISH_REJ: 00 00 00 07 00 00 03 ";
     struct row {
         const char* rule;
         std::vector<uint8_t> request;
-        std::string outcome;
+        std::string answer;
     };
     const row rows[] = {
-        {"shorter than one version", words({7, 900, 0}),
-         "TAVU: Message 0x1b1144 has wrong size: actual: 16 bytes, expected at least: 20 bytes\n"},
-        {"no version, even of a known client", words({7, 900, 0, 1}),
-         negotiation + "900 failed\n" + rej + "84 00 00 00 02\n"},
-        {"other versions only", words({7, 901, 1, 2}),
-         negotiation + "901 failed\n" + rej + "85 00 00 00 02\n"},
-        {"fewer versions than announced", words({7, 902, 3, 1, 1}),
-         "TAVU: Invalid message size: actual = 24, expected = 28 " + who + "902\n"},
-        {"more versions than announced", words({7, 902, 1, 1, 1}),
-         "TAVU: Invalid message size: actual = 24, expected = 20 " + who + "902\n"},
-        {"a count whose size wraps to the right one", words({7, 902, 0x40000001, 1}),
-         "TAVU: Invalid message size: actual = 20, expected = 4294967295 " + who + "902\n"},
-        {"known, before its versions are looked at", words({7, 900, 1, 2}),
-         "TAVU: Client client mailbox id=" + std::to_string(box) +
-             ", client id=1, client connection reference=900 already exists\n" + rej + "84 00 00 00 01\n"},
+        {"shorter than one version", words({7, 900, 0}), ""},
+        {"no version, even of a known client", words({7, 900, 0, 1}), rej + "84 00 00 00 02\n"},
+        {"other versions only", words({7, 901, 1, 2}), rej + "85 00 00 00 02\n"},
+        {"fewer versions than announced", words({7, 902, 3, 1, 1}), ""},
+        {"more versions than announced", words({7, 902, 1, 1, 1}), ""},
+        {"a count whose size wraps to the right one", words({7, 902, 0x40000001, 1}), ""},
+        {"known, before its versions are looked at", words({7, 900, 1, 2}), rej + "84 00 00 00 01\n"},
     };
     for (const row& row : rows) {
         SCOPED_TRACE(row.rule);
         forget_traces();
         send(manager_, OXMSI_CONNECTION_ESTABLISH_REQ, row.request);
-        EXPECT_EQ(take_errors() + taken(manager_), row.outcome);
+        EXPECT_EQ(taken(manager_), row.answer);
+        EXPECT_NE(take_errors(), "");
     }
     EXPECT_EQ(events, "");
 }
@@ -161,7 +147,6 @@ TEST_F(macsec_service, gives_the_lowest_free_id_to_at_most_32_clients) {
         ASSERT_EQ(connect(manager_, 100 + id), id);
     send(manager_, OXMSI_CONNECTION_ESTABLISH_REQ, words({7, 200, 1, 1}));
     EXPECT_EQ(manager_.take(OXMSI_CONNECTION_ESTABLISH_REJ).as<oxmsi_rej>().reason, 3u);
-    EXPECT_NE(take_errors().find("TAVU: Maximum number of clients=32 reached\n"), std::string::npos);
     close(manager_, 5);
     close(manager_, 3);
     test::fail_allocation(1);
@@ -226,23 +211,13 @@ TEST_F(macsec_service, checks_requests_in_order_and_hands_right_ones_up) {
     constexpr uint32_t subscribe = OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ;
     constexpr uint32_t unsubscribe = OXMSI_PORT_STATE_CHANGE_UNSUBSCRIBE_REQ;
     constexpr const char* long_name = "sixteen_letters_";
-    const std::string too_long =
-        "TAVU: port_name 'sixteen_letters_' is 16 bytes long, exceeding maximum length 15\n";
-    const std::string wrong_sender =
-        "TAVU: Client mailbox id mismatch: expected:" + std::to_string(manager_.mailbox()) +
-        ", actual:" + std::to_string(stranger.mailbox()) + "\n";
-    auto size = [](const char* number, int actual, int expected) {
-        return std::string("TAVU: Message 0x1b11") + number +
-               " has wrong size: actual: " + std::to_string(actual) +
-               " bytes, expected: " + std::to_string(expected) + " bytes\n";
-    };
     auto reject = [](const char* name, char reason) {
         return std::string("OXMSI_") + name + "_REJ: 00 00 00 05 00 00 03 84 00 00 00 0" + reason + "\n";
     };
     struct row {
         const char* rule;
         request sent;
-        std::string outcome; // traced errors, what went up, what was answered
+        std::string outcome; // what went up, what was answered; nothing when the request is dropped
     };
     const row rows[] = {
         {"right", {added, 132}, "added 1/5 IDL_A1 17 IDL_B2 7 2 11 unit-7\n"},
@@ -251,35 +226,25 @@ TEST_F(macsec_service, checks_requests_in_order_and_hands_right_ones_up) {
         {"values are not checked", {updated, 68, "IDL_A1", 3, 12}, "updated 1/5 IDL_A1 17 IDL_B2 7 3 12\n"},
         {"right", {subscribe, 28}, "subscribe 1/5 IDL_A1\n"},
         {"right", {unsubscribe, 28}, "unsubscribe 1/5 IDL_A1\n"},
-        {"size comes first", {added, 131, long_name, 0, 12, 9, true}, size("4c", 131, 132)},
-        {"size", {added, 133}, size("4c", 133, 132)},
-        {"size", {deleted, 31}, size("4f", 31, 32)},
-        {"size", {updated, 132}, size("52", 132, 68)},
-        {"size", {subscribe, 27}, size("55", 27, 28)},
-        {"size", {unsubscribe, 4}, size("58", 4, 28)},
-        {"client comes next",
-         {added, 132, long_name, 0, 12, 2, true},
-         "TAVU: Unknown client id=2, dropping message 'OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ'\n"},
-        {"then sender", {added, 132, long_name, 0, 12, 1, true}, wrong_sender},
-        {"sender", {subscribe, 28, "IDL_A1", 0, 0, 1, true}, wrong_sender},
-        {"then name",
-         {added, 132, long_name, 0, 12},
-         too_long + reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '5')},
-        {"name", {deleted, 32, long_name}, too_long + reject("IDL_TOPOLOGY_PUBLISH_LINK_DELETED", '5')},
-        {"name", {updated, 68, long_name}, too_long + reject("IDL_TOPOLOGY_PUBLISH_LINK_UPDATED", '5')},
-        {"name", {subscribe, 28, long_name}, too_long + reject("PORT_STATE_CHANGE_SUBSCRIBE", '5')},
+        {"size comes first", {added, 131, long_name, 0, 12, 9, true}, ""},
+        {"size", {added, 133}, ""},
+        {"size", {deleted, 31}, ""},
+        {"size", {updated, 132}, ""},
+        {"size", {subscribe, 27}, ""},
+        {"size", {unsubscribe, 4}, ""},
+        {"client comes next", {added, 132, long_name, 0, 12, 2, true}, ""},
+        {"then sender", {added, 132, long_name, 0, 12, 1, true}, ""},
+        {"sender", {subscribe, 28, "IDL_A1", 0, 0, 1, true}, ""},
+        {"then name", {added, 132, long_name, 0, 12}, reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '5')},
+        {"name", {deleted, 32, long_name}, reject("IDL_TOPOLOGY_PUBLISH_LINK_DELETED", '5')},
+        {"name", {updated, 68, long_name}, reject("IDL_TOPOLOGY_PUBLISH_LINK_UPDATED", '5')},
+        {"name", {subscribe, 28, long_name}, reject("PORT_STATE_CHANGE_SUBSCRIBE", '5')},
         {"name is no reason to refuse",
          {unsubscribe, 28, long_name},
-         too_long + "OXMSI_PORT_STATE_CHANGE_UNSUBSCRIBE_CFM: 00 00 00 05 00 00 03 84\n"},
-        {"then type",
-         {added, 132, "IDL_A1", 3, 12},
-         "TAVU: Invalid du_type value: 3\n" + reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '6')},
-        {"type",
-         {added, 132, "IDL_A1", 0, 2},
-         "TAVU: Invalid du_type value: 0\n" + reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '6')},
-        {"then status",
-         {added, 132, "IDL_A1", 2, 12},
-         "TAVU: Invalid link_status value: 12\n" + reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '7')},
+         "OXMSI_PORT_STATE_CHANGE_UNSUBSCRIBE_CFM: 00 00 00 05 00 00 03 84\n"},
+        {"then type", {added, 132, "IDL_A1", 3, 12}, reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '6')},
+        {"type", {added, 132, "IDL_A1", 0, 2}, reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '6')},
+        {"then status", {added, 132, "IDL_A1", 2, 12}, reject("IDL_TOPOLOGY_PUBLISH_LINK_ADDED", '7')},
     };
     for (const row& row : rows) {
         SCOPED_TRACE(std::string(oxmsi_msg_no_to_str(row.sent.number)) + ": " + row.rule);
@@ -287,7 +252,8 @@ TEST_F(macsec_service, checks_requests_in_order_and_hands_right_ones_up) {
         forget_traces();
         send(row.sent.from_stranger ? stranger : manager_, row.sent.number, bytes_of(row.sent));
         EXPECT_TRUE(consumed_);
-        EXPECT_EQ(take_errors() + events + taken(manager_), row.outcome);
+        EXPECT_EQ(events + taken(manager_), row.outcome);
+        EXPECT_EQ(take_errors() == "", events != "" && !strcmp(row.sent.port, "IDL_A1"));
         EXPECT_TRUE(stranger.is_silent());
     }
 }
@@ -300,10 +266,6 @@ TEST_F(macsec_service, reads_fields_without_an_end_no_further_than_they_reach) {
     memcpy(&bytes[12], "IDL_A1\0\0\0\0\0\0\0\0\0", 16);
     memcpy(&bytes[60], "\0\0\0\2\0\0\0\2", 8);
     send(manager_, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ, bytes);
-    EXPECT_TRUE(
-        traced("TAVU: Firing handle_oxmsi_idl_link_added_req for port 'IDL_A1', link_id = 2021161080, "
-               "oka hunt path = '" +
-               std::string(64, 'x') + "'"));
     EXPECT_NE(events.find(" " + std::string(16, 'x') + " "), std::string::npos) << events;
 }
 
@@ -311,31 +273,31 @@ TEST_F(macsec_service, sends_answers_in_these_bytes_to_known_clients_while_publi
     struct row {
         std::function<bool(uint32_t client)> send;
         const char* bytes;
-        const char* operation;
+        bool may_be_lost = false;
     };
     const std::string head = "00 00 00 05 00 00 03 84";
     const std::string port = " 49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00";
     const row rows[] = {
         {[](uint32_t client) { return send_oxmsi_idl_link_added_cfm(client, 5, "IDL_A1", 1, 0); },
-         "_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_CFM: HP 00 00 00 01 00 00 00 00", "idl_link_added_cfm"},
+         "_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_CFM: HP 00 00 00 01 00 00 00 00"},
         {[](uint32_t client) { return send_oxmsi_idl_link_deleted_cfm(client, 5, "IDL_A1", 1, 0); },
-         "_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_CFM: HP 00 00 00 01 00 00 00 00", "idl_link_deleted_cfm"},
+         "_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_CFM: HP 00 00 00 01 00 00 00 00"},
         {[](uint32_t client) { return send_oxmsi_idl_link_updated_cfm(client, 5, "IDL_A1", 0, 1); },
-         "_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_CFM: HP 00 00 00 00 00 00 00 01", "idl_link_updated_cfm"},
+         "_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_CFM: HP 00 00 00 00 00 00 00 01"},
         {[](uint32_t client) { return send_oxmsi_idl_link_added_rej(client, 5, 11); },
-         "_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REJ: H 00 00 00 0b", "idl_link_added_rej"},
+         "_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REJ: H 00 00 00 0b"},
         {[](uint32_t client) { return send_oxmsi_idl_link_deleted_rej(client, 5, 13); },
-         "_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_REJ: H 00 00 00 0d", "idl_link_deleted_rej"},
+         "_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_REJ: H 00 00 00 0d"},
         {[](uint32_t client) { return send_oxmsi_idl_link_updated_rej(client, 5, 10); },
-         "_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REJ: H 00 00 00 0a", "idl_link_updated_rej"},
+         "_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REJ: H 00 00 00 0a"},
         {[](uint32_t client) { return send_oxmsi_subscribe_port_status_cfm(client, 5); },
-         "_PORT_STATE_CHANGE_SUBSCRIBE_CFM: H", "subscribe_port_status_cfm"},
+         "_PORT_STATE_CHANGE_SUBSCRIBE_CFM: H"},
         {[](uint32_t client) { return send_oxmsi_subscribe_port_status_rej(client, 5, 9); },
-         "_PORT_STATE_CHANGE_SUBSCRIBE_REJ: H 00 00 00 09", "subscribe_port_status_rej"},
+         "_PORT_STATE_CHANGE_SUBSCRIBE_REJ: H 00 00 00 09"},
         {[](uint32_t client) { return send_oxmsi_unsubscribe_port_status_cfm(client, 5); },
-         "_PORT_STATE_CHANGE_UNSUBSCRIBE_CFM: H", "unsubscribe_port_status_cfm"},
+         "_PORT_STATE_CHANGE_UNSUBSCRIBE_CFM: H"},
         {[](uint32_t client) { return send_oxmsi_macsec_port_status_ind(client, 5, "IDL_A1", 0, 1); },
-         "_PORT_STATE_CHANGE_IND: HP 00 00 00 01 00 00 00 00", nullptr},
+         "_PORT_STATE_CHANGE_IND: HP 00 00 00 01 00 00 00 00", true},
     };
     publish();
     ASSERT_EQ(connect(manager_, 900), 1u);
@@ -345,25 +307,15 @@ TEST_F(macsec_service, sends_answers_in_these_bytes_to_known_clients_while_publi
         bool with_port = expected[at + 3] == 'P';
         expected.replace(at + 2, with_port ? 2 : 1, with_port ? head + port : head);
         SCOPED_TRACE(expected);
-        forget_traces();
         EXPECT_TRUE(row.send(1));
-        EXPECT_EQ(take_errors(), "");
         settle();
         EXPECT_EQ(taken(manager_), "OXMSI" + expected + "\n");
         EXPECT_FALSE(row.send(2));
-        EXPECT_EQ(take_errors(), "TAVU: Could not find client id=2\n");
     }
     EXPECT_TRUE(oxmsi_server_unpublish());
     for (const row& row : rows) {
-        forget_traces();
         // A status indication may be lost while nobody can hear it; an answer may not.
-        EXPECT_EQ(row.send(1), row.operation == nullptr);
-        EXPECT_EQ(take_errors(),
-                  row.operation
-                      ? "TAVU: send_oxmsi_" + std::string(row.operation) +
-                            " called in wrong state: current: 'OXMSI_SERVER_STATE_STARTED', expected: "
-                            "'OXMSI_SERVER_STATE_READY'\n"
-                      : "");
+        EXPECT_EQ(row.send(1), row.may_be_lost) << row.bytes;
     }
     EXPECT_TRUE(oxmsi_server_stop());
     EXPECT_FALSE(send_oxmsi_macsec_port_status_ind(1, 5, "IDL_A1", 0, 1));
@@ -403,10 +355,6 @@ TEST_F(macsec_service, takes_its_own_messages_only) {
 }
 
 TEST_F(macsec_service, refuses_operations_in_the_wrong_state) {
-    auto complaint = [](const char* operation, const char* current, const char* expected) {
-        return std::string("TAVU: ") + operation + " called in wrong state: current: 'OXMSI_SERVER_STATE_" +
-               current + "', expected: '" + expected + "'\n";
-    };
     EXPECT_FALSE(oxmsi_server_init(root(), &callbacks));
     EXPECT_FALSE(oxmsi_server_start());
     EXPECT_FALSE(oxmsi_server_unpublish());
@@ -416,26 +364,13 @@ TEST_F(macsec_service, refuses_operations_in_the_wrong_state) {
     EXPECT_FALSE(oxmsi_server_stop());
     test::received message(oka_alloc(12, OXMSI_CONNECTION_CLOSE_REQ));
     EXPECT_FALSE(oxmsi_dispatch_message(message.message()));
-    EXPECT_EQ(take_errors(), complaint("oxmsi_server_init", "STARTED", "OXMSI_SERVER_STATE_UNINITIALIZED") +
-                                 complaint("oxmsi_server_start", "STARTED", "OXMSI_SERVER_STATE_INITIAL") +
-                                 complaint("oxmsi_server_unpublish", "STARTED", "OXMSI_SERVER_STATE_READY") +
-                                 complaint("oxmsi_server_publish", "READY", "OXMSI_SERVER_STATE_STARTED") +
-                                 complaint("oxmsi_server_stop", "INITIAL", "STARTED or READY") +
-                                 complaint("oxmsi_dispatch_message", "INITIAL", "STARTED or READY"));
 }
 
 class macsec_service_before_its_start : public test::world {};
 
 TEST_F(macsec_service_before_its_start, refuses_an_incomplete_table_of_callbacks) {
-    EXPECT_FALSE(oxmsi_server_init(root(), nullptr));
-    for (size_t slot = 0; slot < sizeof callbacks / sizeof(void*); slot++) {
-        oxmsi_callbacks incomplete = callbacks;
-        memset(reinterpret_cast<uint8_t*>(&incomplete) + slot * sizeof(void*), 0, sizeof(void*));
-        EXPECT_FALSE(oxmsi_server_init(root(), &incomplete)) << slot;
-        EXPECT_NE(take_errors().find("TAVU: Callbacks parameter or a callback function is NULL\n"),
-                  std::string::npos);
-    }
-    EXPECT_TRUE(oxmsi_server_init(root(), &callbacks));
+    test::expect_every_callback_is_needed(
+        callbacks, 7, [this](const oxmsi_callbacks* table) { return oxmsi_server_init(root(), table); });
 }
 
 } // namespace
