@@ -78,23 +78,17 @@ TEST_F(key_server_failure, whatever_happens_to_one_member_sends_its_whole_ca_awa
         const char* rule;
         std::function<void()> event;
         const char* heard; // by the member that it happens to
-        const char* error;
     };
     const row rows[] = {
-        {"leave", [&] { b.leave("ca1"); }, "leave_cfm leave", ""},
-        {"leave, of another CA's name", [&] { b.leave("ca2"); }, "leave_cfm leave", ""},
-        {"left on its own", [&] { b.say(MKA_LEAVE_CA_RCFM, 100); }, "leave_cfm leave", ""},
-        {"channel refused", [&] { b.reject(MKA_CREATE_RX_SC_RREJ, 102); }, "leave",
-         "handle_ks_ca_member_create_rx_sc_rrej: element id 2 pushed out of ca ca1 (rx_sc_creation "
-         "rejected)"},
-        {"receive SA refused", [&] { b.reject(MKA_CREATE_RX_SA_RREJ, 104); }, "leave",
-         "handle_ks_ca_member_create_rx_sa_rrej: element id 2 pushed out of ca ca1 (rx_sa_creation "
-         "rejected)"},
-        {"transmit SA refused", [&] { b.reject(MKA_CREATE_TX_SA_RREJ, 103); }, "leave",
-         "handle_ks_ca_member_create_tx_sa_rrej: element id 2, ca ca1 (tx_sa_creation rejected)"},
-        {"protection refused", [&] { b.reject(MKA_UPDATE_PROTECT_FRAMES_RREJ, 105); }, "leave", ""},
-        {"closed", [&] { b.close(); }, "closed leave", ""},
-        {"dead", [&] { b.mailbox.disappear(); }, "", ""},
+        {"leave", [&] { b.leave("ca1"); }, "leave_cfm leave"},
+        {"leave, of another CA's name", [&] { b.leave("ca2"); }, "leave_cfm leave"},
+        {"left on its own", [&] { b.say(MKA_LEAVE_CA_RCFM, 100); }, "leave_cfm leave"},
+        {"channel refused", [&] { b.reject(MKA_CREATE_RX_SC_RREJ, 102); }, "leave"},
+        {"receive SA refused", [&] { b.reject(MKA_CREATE_RX_SA_RREJ, 104); }, "leave"},
+        {"transmit SA refused", [&] { b.reject(MKA_CREATE_TX_SA_RREJ, 103); }, "leave"},
+        {"protection refused", [&] { b.reject(MKA_UPDATE_PROTECT_FRAMES_RREJ, 105); }, "leave"},
+        {"closed", [&] { b.close(); }, "closed leave"},
+        {"dead", [&] { b.mailbox.disappear(); }, ""},
     };
     // A CA beside this one goes on undisturbed.
     EXPECT_TRUE(key_server_add_ca("ca2"));
@@ -113,11 +107,9 @@ TEST_F(key_server_failure, whatever_happens_to_one_member_sends_its_whole_ca_awa
     for (const row& row : rows) {
         SCOPED_TRACE(row.rule);
         expect_secured_afresh();
-        forget_traces();
         row.event();
         run();
         EXPECT_EQ(heard(), std::string("leave | ") + row.heard);
-        EXPECT_EQ(take_errors(), *row.error ? std::string("KEYSRV: ") + row.error + "\n" : "");
     }
     test::ca_member e(server, "kay-5", 2);
     add(e);
@@ -139,37 +131,29 @@ TEST_F(key_server_failure, what_comes_from_no_member_is_traced_and_changes_nothi
     heard();
     test::ca_member c(server, "kay-3", 3);
     add(c);
-    struct row {
-        std::function<void()> event;
-        const char* error;
+    const std::pair<const char*, std::function<void()>> rows[] = {
+        {"leave of no CA", [&] { c.leave("ca9"); }},
+        {"leave of another's CA", [&] { c.leave("ca1"); }},
+        {"left", [&] { c.say(MKA_LEAVE_CA_RCFM, 100); }},
+        {"channel", [&] { c.say(MKA_CREATE_RX_SC_RCFM, 102); }},
+        {"protection", [&] { c.say(MKA_UPDATE_PROTECT_FRAMES_RCFM, 105); }},
+        {"channel refused", [&] { c.reject(MKA_CREATE_RX_SC_RREJ, 102); }},
+        {"time-out of no CA", [&] { time_out("ca9", 1); }},
+        {"time-out of no member", [&] { time_out("ca1", 3); }},
+        {"refresh of no CA", [&] { refresh("ca9"); }},
+        {"closed", [&] { c.close(); }},
     };
-    const row rows[] = {
-        {[&] { c.leave("ca9"); }, "leave_ca: ca = ca9 not found (client_id=3)"},
-        {[&] { c.leave("ca1"); }, "leave_ca: client_id = 3 not found (ca=ca1)"},
-        {[&] { c.say(MKA_LEAVE_CA_RCFM, 100); }, "leave_ca: client_id = 3 not found"},
-        {[&] { c.say(MKA_CREATE_RX_SC_RCFM, 102); },
-         "handle_ks_ca_member_create_rx_sc_rcfm: element not found (client_id=3)"},
-        {[&] { c.say(MKA_UPDATE_PROTECT_FRAMES_RCFM, 105); },
-         "handle_mka_client_update_protect_frames_rcfm: element not found (client_id=3)"},
-        {[&] { c.reject(MKA_CREATE_RX_SC_RREJ, 102); },
-         "handle_ks_ca_member_create_rx_sc_rrej: element not found (client_id=3)"},
-        {[&] { time_out("ca9", 1); }, "CA 'ca9' not found, message='MKA_CREATE_RX_SC_RREQ'"},
-        {[&] { time_out("ca1", 3); }, "client id = 3 not found, CA='ca1', message='MKA_CREATE_RX_SC_RREQ'"},
-        {[&] { refresh("ca9"); }, "ca = ca9 not found"},
-        {[&] { c.close(); }, "handle_ks_ca_member_connection_closed_ind: client_id = 3"},
-    };
-    for (const row& row : rows) {
-        SCOPED_TRACE(row.error);
+    for (const auto& [rule, happens] : rows) {
+        SCOPED_TRACE(rule);
         forget_traces();
-        row.event();
+        happens();
         run();
-        EXPECT_EQ(take_errors(), std::string("KEYSRV: ") + row.error + "\n");
+        EXPECT_NE(take_errors(), "");
         EXPECT_EQ(heard(), " | ");
     }
     c.is_alive = false;
     add(c);
     pass(5000);
-    EXPECT_TRUE(traced("KEYSRV: handle_ks_heartbeat_timeout_ind: client_id = 3"));
     c.close();
     run();
     for (size_t size : {4u, 75u}) {
@@ -179,10 +163,8 @@ TEST_F(key_server_failure, what_comes_from_no_member_is_traced_and_changes_nothi
     time_out("ca1", 1, sizeof(keysrv_msg_timeout_ind) - 1);
     EXPECT_EQ(heard(), " | ");
     add(c);
-    forget_traces();
     c.mailbox.disappear();
     run();
-    EXPECT_EQ(take_errors(), "KEYSRV: handle_ks_ca_member_peer_down_ind: client_id = 3\n");
     pass(180000);
     EXPECT_EQ(heard(), "rx_sa(2,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
 }
@@ -191,8 +173,6 @@ TEST_F(key_server_failure, without_a_key_the_members_start_over) {
     keys_fail = true;
     secure();
     EXPECT_EQ(heard(), "rx_sc(2) leave | tx_sc_cfm rx_sc(1) leave");
-    EXPECT_TRUE(traced("KEYSRV: Could not generate new SAK"));
-    EXPECT_TRUE(traced("KEYSRV: update_keys_in_ca fails on ca ca1"));
     keys_fail = false;
     expect_secured_afresh();
     keys_fail = true;
@@ -215,15 +195,11 @@ TEST_F(key_server_failure, a_refresh_that_is_due_at_the_wrong_time_is_put_off) {
     a.obliging = b.obliging = false;
     announce();
     refresh("ca1");
-    EXPECT_TRUE(traced("KEYSRV: Key refresh timeout event for ca 'ca1' on unexpected state "
-                       "(state=KEY_REFRESH_STOPPED): stopped"));
     a.confirm(MKA_CREATE_RX_SC_RREQ);
     b.confirm(MKA_CREATE_RX_SC_RREQ);
     run();
     heard();
     refresh("ca1");
-    EXPECT_TRUE(traced("KEYSRV: Key refresh timeout event for ca 'ca1' on unexpected state "
-                       "(state=KEY_REFRESH_ONGOING): retriggered"));
     EXPECT_EQ(heard(), " | ");
     a.obliging = b.obliging = true;
     a.confirm(MKA_CREATE_RX_SA_RREQ);
@@ -271,7 +247,6 @@ TEST_F(key_server_failure, refuses_operations_in_the_wrong_state) {
     secure();
     heard();
     const key_server_callbacks callbacks = {generate_sak};
-    forget_traces();
     EXPECT_FALSE(key_server_init(root(), &callbacks));
     EXPECT_FALSE(key_server_start());
     EXPECT_FALSE(key_server_add_ca("ca1"));    // there already
@@ -285,22 +260,10 @@ TEST_F(key_server_failure, refuses_operations_in_the_wrong_state) {
     oka_message* message = oka_alloc(sizeof(keysrv_key_refresh_timer_ind), KEYSRV_KEY_REFRESH_TIMER_IND);
     EXPECT_FALSE(ks_dispatch_message(message));
     oka_free(&message);
-    std::string errors = take_errors();
-    const std::string in_initial = " called in wrong state: current: 'KEYSRV_GLOBAL_STATE_INITIAL', "
-                                   "expected: 'KEYSRV_GLOBAL_STATE_READY'\n";
-    for (const char* operation :
-         {"key_server_stop", "key_server_add_ca", "key_server_remove_ca", "ks_dispatch_message"})
-        EXPECT_NE(errors.find("KEYSRV: " + std::string(operation) + in_initial), std::string::npos)
-            << operation;
-    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 6) << errors;
-
     // The MKA server goes on, but a join has no CA to find and no answer.
     a.join("ca1");
     run();
     EXPECT_EQ(heard(), " | ");
-    EXPECT_EQ(take_errors(), "KEYSRV: CA 'ca1' not found for client id = 1\n"
-                             "KEYSRV: ks_send_join_ca_rej_by_client_id" +
-                                 in_initial);
 }
 
 TEST(key_server_start_up, needs_its_callback) {

@@ -21,6 +21,18 @@ class key_server : public test::key_server_world {
         a.confirm(request);
         run();
     }
+    // The conversation that secures the CA, of two members with these numbers of their next keys.
+    static std::string secured(const std::string& an_of_a, const std::string& an_of_b, const char* b = "2") {
+        auto words = [](const std::string& peer, const std::string& theirs, const std::string& own) {
+            return "rx_sc(" + peer + ") rx_sa(" + peer + "," + theirs + ") tx_sa(" + own + ") protect";
+        };
+        return words(b, an_of_b, an_of_a) + " | tx_sc_cfm " + words("1", an_of_a, an_of_b);
+    }
+    // And the one that refreshes it.
+    static std::string refreshed(const std::string& an) {
+        std::string rest = "," + an + ") tx_sa(" + an + ") protect";
+        return "rx_sa(2" + rest + " | rx_sa(1" + rest;
+    }
     std::string key_name(test::ca_member& member, uint32_t request) {
         return member.last[request].as<mka_create_sa_rreq>().key_name.c_str();
     }
@@ -28,27 +40,21 @@ class key_server : public test::key_server_world {
 
 TEST_F(key_server, admits_members_that_can_do_enough) {
     using can = mka_802_1ae_2006_capabilities;
-    struct row {
+    const struct {
         be32 can::*capability;
         uint32_t value;
         const char* heard;
-        const char* error;
-    };
-    const row rows[] = {
-        {&can::num_of_rx_scs, 0, "join_rej:12", "Invalid num_of_rx_scs value: 0 for client id = 1"},
-        {&can::num_of_rx_sas, 1, "join_rej:13", "Invalid num_of_rx_sas value: 1 for client id = 1"},
-        {&can::num_of_rx_sas, 5, "join_rej:13", "Invalid num_of_rx_sas value: 5 for client id = 1"},
-        {&can::replay_protection_supported, 2, "join_rej:14",
-         "Invalid replay_protection_supported value: 2 for client id = 1"},
-        {&can::confidentiality_supported, 2, "join_rej:15",
-         "Invalid confidentiality_supported value: 2 for client id = 1"},
-        {&can::confidentiality_offset_supported, 0x01000000, "join_rej:16",
-         "Invalid confidentiality_offset_supported value: 16777216 for client id = 1"},
-        {&can::num_of_rx_sas, 2, "joined", nullptr},
-        {&can::num_of_rx_sas, 2, "join_rej:9", "client id = 1 is already member of CA 'ca1'"},
+    } rows[] = {
+        {&can::num_of_rx_scs, 0, "join_rej:12"},
+        {&can::num_of_rx_sas, 1, "join_rej:13"},
+        {&can::num_of_rx_sas, 5, "join_rej:13"},
+        {&can::replay_protection_supported, 2, "join_rej:14"},
+        {&can::confidentiality_supported, 2, "join_rej:15"},
+        {&can::confidentiality_offset_supported, 0x01000000, "join_rej:16"},
+        {&can::num_of_rx_sas, 2, "joined"},
+        {&can::num_of_rx_sas, 2, "join_rej:9"},
     };
     connect();
-    forget_traces();
     a.join("ca2");
     a.join("ca1", 0);
     const can good = a.capabilities;
@@ -56,16 +62,12 @@ TEST_F(key_server, admits_members_that_can_do_enough) {
     a.join("ca1");
     run();
     EXPECT_EQ(a.heard(), "join_rej:5 join_rej:10 join_rej:10");
-    EXPECT_EQ(take_errors(), "KEYSRV: CA 'ca2' not found for client id = 1\n"
-                             "KEYSRV: client id = 1 does not support base standard\n"
-                             "KEYSRV: client id = 1 does not support base standard\n");
-    for (const row& row : rows) {
+    for (const auto& row : rows) {
         a.capabilities = good;
         a.capabilities.*row.capability = row.value;
         a.join("ca1");
         run();
         EXPECT_EQ(a.heard(), row.heard);
-        EXPECT_EQ(take_errors(), row.error ? std::string("KEYSRV: ") + row.error + "\n" : "");
     }
     EXPECT_TRUE(key_server_add_ca("ca2"));
     a.join("ca2");
@@ -88,13 +90,10 @@ TEST_F(key_server, takes_only_announcements_that_are_right) {
     c.join("ca2");
     run();
     c.heard();
-    forget_traces();
 
     stranger.announce("ca1");
     c.announce("ca3");
     run();
-    EXPECT_EQ(take_errors(), "KEYSRV: handle_ks_ca_member_create_tx_sc_req: element not found (client_id=3)\n"
-                             "KEYSRV: handle_ks_ca_member_create_tx_sc_req: ca = ca3 not found (id=4)\n");
     EXPECT_EQ(stranger.heard() + c.heard(), "");
 
     const sci own = a.identifier;
@@ -118,11 +117,9 @@ TEST_F(key_server, takes_only_announcements_that_are_right) {
     c.announce("ca2");
     run();
     EXPECT_EQ(c.heard(), "tx_sc_cfm");
-    forget_traces();
     c.announce("ca1");
     run();
     EXPECT_EQ(c.heard(), "tx_sc_rej:5 leave");
-    EXPECT_EQ(take_errors(), "KEYSRV: element id 4 FAILURE. Reason: member of ca ca2 instead of ca1\n");
     EXPECT_EQ(heard(), " | ");
 }
 
@@ -144,7 +141,6 @@ TEST_F(key_server, gives_a_member_one_channel_more_than_it_has_room_for) {
     EXPECT_EQ(c.heard(), "joined tx_sc_cfm rx_sc(2) rx_sc(1)");
     d.announce("ca1");
     run();
-    EXPECT_TRUE(traced("KEYSRV: max rx_sc num exceeded for member 1"));
     EXPECT_EQ(a.heard(), "leave");
     EXPECT_EQ(d.heard(), "joined tx_sc_cfm leave");
 }
@@ -178,28 +174,22 @@ TEST_F(key_server, secures_a_ca_step_by_step) {
               "00 00 00 69 00 00 00 01 " + ca1_field + "00 00 00 01");
     both_confirm(MKA_UPDATE_PROTECT_FRAMES_RREQ);
     EXPECT_EQ(heard(), " | ");
-    EXPECT_TRUE(traced("KEYSRV: ca_mbr 2 changing state: 'CA_MEMBER_STATE_CONFIGURED_SA' -> "
-                       "'CA_MEMBER_STATE_SECURED'"));
-    // A CA is incomplete only while too few members are configured, and this one never was.
-    EXPECT_EQ(take_errors(), "KEYSRV: Invalid state change issued: not applied in wrong state: current: "
-                             "'CA_EMPTY', expected: 'CA_OPERATIONAL'\n");
     stop_and_expect_nothing_left();
 }
 
 TEST_F(key_server, replaces_all_keys_every_180_seconds_with_the_next_an) {
     secure();
-    EXPECT_EQ(heard(),
-              "rx_sc(2) rx_sa(2,1) tx_sa(1) protect | tx_sc_cfm rx_sc(1) rx_sa(1,1) tx_sa(1) protect");
+    EXPECT_EQ(heard(), secured("1", "1"));
     pass(179999);
     EXPECT_EQ(heard(), " | ");
     pass(1);
-    EXPECT_EQ(heard(), "rx_sa(2,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
+    EXPECT_EQ(heard(), refreshed("2"));
     EXPECT_EQ(key_name(a, MKA_CREATE_TX_SA_RREQ).substr(27), "-3");
     EXPECT_EQ(key_name(b, MKA_CREATE_TX_SA_RREQ).substr(27), "-2");
     pass(180000);
-    EXPECT_EQ(heard(), "rx_sa(2,3) tx_sa(3) protect | rx_sa(1,3) tx_sa(3) protect");
+    EXPECT_EQ(heard(), refreshed("3"));
     pass(180000);
-    EXPECT_EQ(heard(), "rx_sa(2,0) tx_sa(0) protect | rx_sa(1,0) tx_sa(0) protect");
+    EXPECT_EQ(heard(), refreshed("0"));
     // An AN that comes round again waits for fresh confirmations.
     a.obliging = b.obliging = false;
     pass(180000);
@@ -224,8 +214,7 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     ca1.assign("ca1");
     EXPECT_EQ(keysrv::find_ca_by_name(ca1)->saks.first()->key.octets()[0], 0);
     secure();
-    EXPECT_EQ(heard(),
-              "rx_sc(2) rx_sa(2,3) tx_sa(3) protect | tx_sc_cfm rx_sc(1) rx_sa(1,3) tx_sa(3) protect");
+    EXPECT_EQ(heard(), secured("3", "3"));
     EXPECT_EQ(key_name(a, MKA_CREATE_TX_SA_RREQ).substr(27), "-5");
 
     pass(179999);
@@ -238,24 +227,21 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     b.identifier.octets[7] = 7;
     keys_made = 0;
     secure();
-    EXPECT_EQ(heard(),
-              "rx_sc(7) rx_sa(7,1) tx_sa(0) protect | tx_sc_cfm rx_sc(1) rx_sa(1,0) tx_sa(1) protect");
+    EXPECT_EQ(heard(), secured("0", "1", "7"));
     EXPECT_EQ(keys_made, 3);
     a.leave("ca1");
     run();
     heard();
     b.identifier.octets[7] = 2;
     secure();
-    EXPECT_EQ(heard(),
-              "rx_sc(2) rx_sa(2,1) tx_sa(1) protect | tx_sc_cfm rx_sc(1) rx_sa(1,1) tx_sa(1) protect");
+    EXPECT_EQ(heard(), secured("1", "1"));
     // Taken out and configured anew, the CA has forgotten everything but the counter.
     EXPECT_TRUE(key_server_remove_ca("ca1"));
     run();
     EXPECT_EQ(heard(), "leave | leave");
     EXPECT_TRUE(key_server_add_ca("ca1"));
     secure();
-    EXPECT_EQ(heard(),
-              "rx_sc(2) rx_sa(2,1) tx_sa(1) protect | tx_sc_cfm rx_sc(1) rx_sa(1,1) tx_sa(1) protect");
+    EXPECT_EQ(heard(), secured("1", "1"));
     EXPECT_EQ(key_name(b, MKA_CREATE_TX_SA_RREQ).substr(27), "-12");
     stop_and_expect_nothing_left();
 }
@@ -284,10 +270,7 @@ TEST_F(key_server, is_formed_again_from_wherever_a_forming_broke_off) {
         run();
         heard();
         secure();
-        std::string an = row.an;
-        EXPECT_EQ(heard(), "rx_sc(2) rx_sa(2," + an + ") tx_sa(" + an +
-                               ") protect | tx_sc_cfm rx_sc(1) rx_sa(1," + an + ") tx_sa(" + an +
-                               ") protect");
+        EXPECT_EQ(heard(), secured(row.an, row.an));
         pass(180000);
         EXPECT_EQ(heard().substr(0, 5), "rx_sa");
         EXPECT_TRUE(key_server_remove_ca("ca1"));
@@ -319,28 +302,22 @@ TEST_F(key_server, is_not_misled_by_confirmations_that_nobody_awaits) {
     a.confirm(MKA_CREATE_RX_SC_RREQ);
     b.confirm(MKA_CREATE_RX_SC_RREQ);
     run();
-    EXPECT_EQ(heard(), "rx_sa(2,2) tx_sa(2) protect | rx_sa(1,2) tx_sa(2) protect");
+    EXPECT_EQ(heard(), refreshed("2"));
     EXPECT_EQ(keys_made, 4);
     pass(100000);
 
     // A key is installed for transmission once, and what is confirmed twice does not put off its end.
-    forget_traces();
     a.confirm(MKA_CREATE_RX_SA_RREQ);
     a.confirm(MKA_UPDATE_PROTECT_FRAMES_RREQ);
     run();
     EXPECT_EQ(heard(), " | ");
-    EXPECT_EQ(take_errors(),
-              "KEYSRV: update_protect_frames_state: Unexpected msg for client id = 1, CA name = "
-              "'ca1'\n");
     pass(80000);
-    EXPECT_EQ(heard(), "rx_sa(2,3) tx_sa(3) protect | rx_sa(1,3) tx_sa(3) protect");
+    EXPECT_EQ(heard(), refreshed("3"));
 
     // A second SAK record within one forming is refused.
-    forget_traces();
     a.confirm(MKA_CREATE_RX_SC_RREQ);
     run();
     EXPECT_EQ(heard(), "leave | leave");
-    EXPECT_TRUE(traced("KEYSRV: sci 02:00:00:00:00:00:00:01 already existing"));
     stop_and_expect_nothing_left();
 }
 
