@@ -392,28 +392,6 @@ TEST_F(unix_test, long_paths_are_reached) {
     expect_echo(find(unit + "/agent"));
 }
 
-TEST_F(unix_test, the_messaging_directory_may_go_away_and_come_back) {
-    agent_process before("here");
-    agent_process after("over/there");
-    start();
-    before.start();
-    oka_mailbox connected = find("agent");
-    locate("over/there/agent", root, 2);
-    EXPECT_FALSE(receive(20));
-    const std::string moved = directory.path + ".moved";
-    ASSERT_EQ(rename(directory.path.c_str(), moved.c_str()), 0);
-    EXPECT_FALSE(receive(20));
-    scratch_directory::remove_all(moved);
-    expect_echo(connected);
-    after.start();
-    arrival found = receive();
-    EXPECT_EQ(found.number, 2u);
-    // We are found there too, as soon as our sockets are back.
-    send_message(found.sender, root, agent_seek, "here/root");
-    EXPECT_EQ(receive().number, agent_done);
-    EXPECT_EQ(errors, "");
-}
-
 TEST_F(unix_test, a_flood_of_connections_keeps_nobody_out) {
     agent_process early("here");
     agent_process late("over/there");

@@ -238,18 +238,12 @@ TEST_F(port_manager_test, a_link_is_confirmed_when_its_port_is_secured) {
 TEST_F(port_manager_test, a_port_takes_the_role_that_its_state_and_its_link_ask_for) {
     struct row {
         uint32_t admin_state, oper_state, link_status, du_type;
-        tavu_pm_state state;
+        bool is_secured = false;
     };
-    std::vector<row> rows = {
-        {0, 1, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED},   {1, 0, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED},
-        {1, 666, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED}, {666, 1, 2, 2, TAVU_PM_STATE_UNAUTHENTICATED},
-        {1, 1, 2, 1, TAVU_PM_STATE_UNAUTHENTICATED},   {1, 1, 10, 1, TAVU_PM_STATE_UNAUTHENTICATED},
-        {1, 1, 2, 0, TAVU_PM_STATE_UNAUTHENTICATED},   {1, 1, 2, 3, TAVU_PM_STATE_UNAUTHENTICATED},
-    };
+    std::vector<row> rows = {{0, 1, 2, 2}, {1, 0, 2, 2},  {1, 666, 2, 2}, {666, 1, 2, 2},
+                             {1, 1, 2, 1}, {1, 1, 10, 1}, {1, 1, 2, 0},   {1, 1, 2, 3}};
     for (uint32_t status = 0; status <= 11; status++)
-        rows.push_back(
-            {1, 1, status, 2,
-             status == 2 || status == 10 ? TAVU_PM_STATE_CA_JOINING : TAVU_PM_STATE_UNAUTHENTICATED});
+        rows.push_back({1, 1, status, 2, status == 2 || status == 10});
     client_.add("IDL_A1", 0);
     for (const row& row : rows) {
         SCOPED_TRACE(testing::Message() << row.admin_state << row.oper_state << " link " << row.link_status
@@ -257,15 +251,8 @@ TEST_F(port_manager_test, a_port_takes_the_role_that_its_state_and_its_link_ask_
         set_port("IDL_A1", 0, 0);
         client_.update("IDL_A1", row.link_status, row.du_type);
         EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
-        forget_traces();
         set_port("IDL_A1", row.admin_state, row.oper_state);
-        EXPECT_EQ(state("IDL_A1"), row.state);
-        bool known = row.du_type == 1 || row.du_type == 2;
-        EXPECT_EQ(take_errors(),
-                  known ? ""
-                        : "TAVU: Port 'IDL_A1' is enabled, user_data_type='USER_DATA_IDL', 1 links, link "
-                          "state='OXMSI_LTM_LINK_STATUS_UP', unknown remote DU -> target state: "
-                          "'TAVU_PM_STATE_INITIAL'\n");
+        EXPECT_EQ(state("IDL_A1"), row.is_secured ? TAVU_PM_STATE_CA_JOINING : TAVU_PM_STATE_UNAUTHENTICATED);
     }
 }
 
@@ -309,12 +296,6 @@ TEST_F(port_manager_test, a_failure_is_confirmed_once_and_tried_again_every_seco
     EXPECT_EQ(client_.heard(), "ADDED_CFM 1 IDL_A1 oper 0 encryption 0\n");
     report("IDL_A1", succeeded); // too late, but how frames leave the port is taken note of
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
-    EXPECT_TRUE(traced("TAVU: Port 'IDL_A1': changing port encryption state: 'MACSEC_ENCRYPTION_DISABLED' -> "
-                       "'MACSEC_ENCRYPTION_ENABLED'"));
-    EXPECT_TRUE(traced("TAVU: WARNING: handle_kay_state_change_ind called in wrong state: current: "
-                       "'TAVU_PM_STATE_FAILED', expected: 'TAVU_PM_STATE_CA_JOINING or "
-                       "TAVU_PM_STATE_CA_JOINED'"));
-
     advance(999);
     EXPECT_EQ(take_calls(), "");
     fake.kay_connect = false; // now it is not even begun
@@ -361,11 +342,8 @@ TEST_F(port_manager_test, an_unauthenticated_role_can_fail_too) {
                            row{false, {false, true, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_ENABLED}, 0}}) {
         fake.kay_connect = row.connect;
         kay_state_change_ind usual = std::exchange(fake.unauthenticated, row.indication);
-        forget_traces();
         client_.add("IDL_A1", OXMSI_LTM_LINK_STATUS_DOWN);
         EXPECT_EQ(take_calls(), "unauthenticated IDL_A1\n"); // and the CA is not touched
-        EXPECT_EQ(take_errors(),
-                  "TAVU: Could not set MACsec role 'MACSEC_ROLE_UNAUTHENTICATED' for port 'IDL_A1'\n");
         EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
         EXPECT_EQ(client_.heard(), "ADDED_CFM " + std::to_string(++procedure) + " IDL_A1 oper 0 encryption " +
                                        std::to_string(row.encryption) + "\n");
@@ -388,37 +366,22 @@ TEST_F(port_manager_test, a_retry_that_is_late_lost_or_forged_changes_nothing) {
     set_port("IDL_A1", 1, 1); // just before the expiry is received
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
     take_calls();
-    forget_traces();
     settle();
-    EXPECT_EQ(take_errors(),
-              "TAVU: Retry timeout received for port 'IDL_A1', but no timer is running for that name\n");
-
     report("IDL_A1", failed);
     fake.ports.erase("IDL_A1");
-    forget_traces();
     advance(5000);
-    EXPECT_EQ(
-        take_errors(),
-        "TAVU: Retry timeout received for port 'IDL_A1', but could not find port data with that name\n");
 
     test::peer stranger("stranger");
-    std::string bytes = "...." + std::string(17, 'x');
-    stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, "....IDL_A1\0\0\0\0\0\0\0\0\0", 20);
-    settle();
-    EXPECT_EQ(take_errors(),
-              "TAVU: Retry timeout received for port 'IDL_A1', but no timer is running for that name\n");
-    stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, bytes.data(), 20);
-    settle();
-    EXPECT_EQ(take_errors(),
-              "TAVU: Retry timeout received for port 'xxxxxxxxxxxxxxxx', but no port found with that name\n");
-    for (size_t size : {4u, 19u, 21u}) {
-        stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, bytes.data(), size);
+    const std::string right("....IDL_A1\0\0\0\0\0\0\0\0\0", 20), wrong = "...." + std::string(17, 'x');
+    for (const std::string& bytes :
+         {right, wrong.substr(0, 20), wrong.substr(0, 4), wrong.substr(0, 19), wrong}) {
+        forget_traces();
+        stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, bytes.data(), bytes.size());
         settle();
         EXPECT_TRUE(handled_);
-        EXPECT_EQ(take_errors(), "TAVU: Message 0x1b1220 has wrong size: actual: " + std::to_string(size) +
-                                     " bytes, expected: 20 bytes\n");
+        EXPECT_NE(take_errors(), "");
     }
-    stranger.send_bytes(service_, 0x1b121f, bytes.data(), 20);
+    stranger.send_bytes(service_, 0x1b121f, wrong.data(), 20);
     settle();
     EXPECT_FALSE(handled_);
     EXPECT_EQ(take_calls(), "");
@@ -449,11 +412,9 @@ TEST_F(port_manager_test, an_update_changes_all_of_a_link_but_its_id_and_its_pat
 TEST_F(port_manager_test, requests_that_cannot_be_met_are_rejected_and_leave_the_port_as_it_is) {
     constexpr uint32_t up = OXMSI_LTM_LINK_STATUS_UP;
     uint32_t procedure = 1;
-    auto expect = [&](const char* answer, uint32_t reason, const std::string& error) {
-        std::string text = answer;
-        text += " " + std::to_string(++procedure) + " reason " + std::to_string(reason) + "\n";
-        EXPECT_EQ(client_.heard(), text);
-        EXPECT_EQ(take_errors(), "TAVU: " + error + "\n");
+    auto expect = [&](const char* answer, uint32_t reason) {
+        EXPECT_EQ(client_.heard(), std::string(answer) + " " + std::to_string(++procedure) + " reason " +
+                                       std::to_string(reason) + "\n");
         EXPECT_EQ(take_calls(), "");
         EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
     };
@@ -462,32 +423,24 @@ TEST_F(port_manager_test, requests_that_cannot_be_met_are_rejected_and_leave_the
     settle();
     client_.heard();
     take_calls();
-    forget_traces();
     client_.add("IDL_A1", up, OXMSI_DU_TYPE_2, 1);
-    expect("ADDED_REJ", 11,
-           "Maximum number of link on port 'IDL_A1' reached: 1, cannot handle add new link event");
+    expect("ADDED_REJ", 11);
     client_.update("IDL_A1", up, OXMSI_DU_TYPE_2, 1, 18);
-    expect("UPDATED_REJ", 13,
-           "No link with link_id = 18 exists on port 'IDL_A1' cannot handle update link event");
+    expect("UPDATED_REJ", 13);
 
     auto ports = std::exchange(fake.ports, {});
-    client_.add("IDL_X");
-    expect("ADDED_REJ", 10, "Could not find port with name 'IDL_X'");
-    client_.update("IDL_X", up);
-    expect("UPDATED_REJ", 10, "Could not find port with name 'IDL_X'");
-    client_.remove("IDL_X");
-    expect("DELETED_REJ", 10, "Could not find port with name 'IDL_X'");
-    client_.add("IDL_B1");
-    expect("ADDED_REJ", 10, "Could not find port data with name 'IDL_B1'");
-    client_.update("IDL_B1", up);
-    expect("UPDATED_REJ", 10, "Could not find port data with name 'IDL_B1'");
-    client_.remove("IDL_B1");
-    expect("DELETED_REJ", 13, "No link exists on port 'IDL_B1' cannot handle delete link event");
+    for (const char* port : {"IDL_X", "IDL_B1"}) {
+        client_.add(port);
+        expect("ADDED_REJ", 10);
+        client_.update(port, up);
+        expect("UPDATED_REJ", 10);
+        client_.remove(port);
+        expect("DELETED_REJ", strcmp(port, "IDL_X") ? 13 : 10);
+    }
     client_.remove("IDL_A1", 18);
-    expect("DELETED_REJ", 13,
-           "No link with link_id = 18 exists on port 'IDL_A1' cannot handle delete link event");
+    expect("DELETED_REJ", 13);
     client_.remove("IDL_A1");
-    expect("DELETED_REJ", 10, "Could not find port data with name 'IDL_A1'");
+    expect("DELETED_REJ", 10);
 
     fake.ports = ports;
     set_port("IDL_A1", 0, 0); // nothing of all that reached the names
@@ -506,11 +459,9 @@ TEST_F(port_manager_test, the_loss_of_any_client_releases_every_port) {
     second.heard();
     take_calls();
     fake.ports.erase("IDL_B1"); // stays as it is, and does not keep the other
-    forget_traces();
 
     client_.die();
     EXPECT_EQ(take_calls(), release_);
-    EXPECT_NE(take_errors().find("TAVU: Could not find port data with name 'IDL_B1'\n"), std::string::npos);
     // The pending link is not answered; the other client's subscriptions live on.
     EXPECT_EQ(second.heard(), "CHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
     EXPECT_EQ(oka::simulation::live().monitors, 1u);
@@ -601,9 +552,7 @@ TEST_F(port_manager_test, stops_with_every_port_unauthenticated_and_can_start_ag
 }
 
 TEST_F(port_manager_test, creates_a_port_once_and_only_with_its_kay) {
-    forget_traces();
     EXPECT_FALSE(tavu_pm_create_instance("IDL_A1"));
-    EXPECT_EQ(take_errors(), "TAVU: Port with name 'IDL_A1' already exists\n");
     fake.kay_create = false;
     EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
     fake.kay_create = true;
@@ -616,11 +565,6 @@ TEST_F(port_manager_test, creates_a_port_once_and_only_with_its_kay) {
     EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
     EXPECT_TRUE(get_tavu_pm_state("IDL_A2", state));
     EXPECT_EQ(oka::simulation::live().timers, 0u);
-}
-
-std::string complaint(const char* operation, const char* current, const char* expected) {
-    return std::string("TAVU: ") + operation + " called in wrong state: current: 'TAVU_PM_GLOBAL_STATE_" +
-           current + "', expected: 'TAVU_PM_GLOBAL_STATE_" + expected + "'\n";
 }
 
 TEST_F(port_manager_world, starts_only_with_its_kays_and_an_mp_id) {
@@ -638,11 +582,6 @@ TEST_F(port_manager_world, starts_only_with_its_kays_and_an_mp_id) {
     EXPECT_TRUE(tavu_pm_start());
     EXPECT_FALSE(tavu_pm_init(root()));
     fake.kay.handle_kay_state_change_ind("IDL_X", {});
-    EXPECT_EQ(take_errors(), complaint("tavu_pm_start", "UNINITIALIZED", "INITIALIZED") +
-                                 "TAVU: Could not initialize KaY\nTAVU: Read variable 'MPID' failed\n"
-                                 "TAVU: Set own mp id failed\nTAVU: Could not start KaY\n" +
-                                 complaint("tavu_pm_init", "READY", "UNINITIALIZED") +
-                                 "TAVU: Could not find port data with name 'IDL_X'\n");
 }
 
 TEST_F(port_manager_world, does_nothing_before_it_is_started) {
@@ -660,16 +599,7 @@ TEST_F(port_manager_world, does_nothing_before_it_is_started) {
     tavu_pm_handle_oxmsi_client_down_ind(1);
     tavu_pm_handle_oxmsi_connection_close_ind(1);
     fake.kay.handle_kay_state_change_ind("IDL_A1", {});
-    std::string expected;
-    for (const char* operation :
-         {"tavu_pm_stop", "tavu_pm_create_instance", "tavu_pm_dispatch_message",
-          "tavu_pm_handle_oxpcsi_port_state_change", "tavu_pm_handle_oxmsi_idl_link_added_req",
-          "tavu_pm_handle_oxmsi_idl_link_deleted_req", "tavu_pm_handle_oxmsi_idl_link_updated_req",
-          "tavu_pm_handle_oxmsi_subscribe_req", "tavu_pm_handle_oxmsi_unsubscribe_req",
-          "tavu_pm_handle_oxmsi_client_down_ind", "tavu_pm_handle_oxmsi_connection_close_ind",
-          "handle_kay_state_change_ind"})
-        expected += complaint(operation, "INITIALIZED", "READY");
-    EXPECT_EQ(take_errors(), expected);
+    EXPECT_EQ(take_calls(), "");
 }
 
 } // namespace
