@@ -214,52 +214,38 @@ TEST_F(node, leaves_a_port_unauthenticated_whose_link_is_deleted_or_down) {
 TEST_F(node, comes_back_from_whatever_breaks) {
     ASSERT_NO_FATAL_FAILURE(start_both());
     ASSERT_NO_FATAL_FAILURE(secure_link());
-    auto set_port = [](const char* port, const char* how) {
-        EXPECT_EQ(run({"ip", "link", "set", port, how}, {}).status, 0);
+    using act = std::function<void(unit&)>;
+    auto set_cable = [](const char* how) {
+        return [how](unit&) { EXPECT_EQ(run({"ip", "link", "set", "port3", how}, {}).status, 0); };
     };
+    const act kill_daemon = [](unit& of) { of.daemon->kill(); };
+    const act kill_port_control = [](unit& of) { of.port_control->kill(); };
     const struct {
         const char* what;
-        std::function<void()> breaks;
-        std::function<void()> mends;
+        std::vector<unit*> at;
+        act breaks, mends;
     } rows[] = {
-        {"qel-tavu of the key server's unit", [&] { three.daemon->kill(); }, [&] { three.start_daemon(); }},
-        {"qel-tavu of the other unit", [&] { seven.daemon->kill(); }, [&] { seven.start_daemon(); }},
-        {"qel-tavu of both",
-         [&] {
-             three.daemon->kill();
-             seven.daemon->kill();
-         },
-         [&] {
-             three.start_daemon();
-             seven.start_daemon();
-         }},
-        {"oxpcsi-server of the key server's unit", [&] { three.port_control->kill(); },
-         [&] { three.start_port_control(); }},
-        {"oxpcsi-server of the other unit", [&] { seven.port_control->kill(); },
-         [&] { seven.start_port_control(); }},
-        {"idl-topologyd of the key server's unit", [&] { three.kill_topology(); },
-         [&] { three.start_topology(); }},
-        {"idl-topologyd of the other unit", [&] { seven.kill_topology(); }, [&] { seven.start_topology(); }},
-        {"idl-topologyd of both",
-         [&] {
-             three.kill_topology();
-             seven.kill_topology();
-         },
-         [&] {
-             three.start_topology();
-             seven.start_topology();
-         }},
-        {"the cable", [&] { set_port("port3", "down"); }, [&] { set_port("port3", "up"); }},
-        {"the key server's unit", [&] { three.kill_all(); }, [&] { three.start_all(); }},
-        {"the other unit", [&] { seven.kill_all(); }, [&] { seven.start_all(); }},
+        {"qel-tavu of the key server's unit", {&three}, kill_daemon, &unit::start_daemon},
+        {"qel-tavu of the other unit", {&seven}, kill_daemon, &unit::start_daemon},
+        {"qel-tavu of both", {&three, &seven}, kill_daemon, &unit::start_daemon},
+        {"oxpcsi-server of the key server's unit", {&three}, kill_port_control, &unit::start_port_control},
+        {"oxpcsi-server of the other unit", {&seven}, kill_port_control, &unit::start_port_control},
+        {"idl-topologyd of the key server's unit", {&three}, &unit::kill_topology, &unit::start_topology},
+        {"idl-topologyd of the other unit", {&seven}, &unit::kill_topology, &unit::start_topology},
+        {"idl-topologyd of both", {&three, &seven}, &unit::kill_topology, &unit::start_topology},
+        {"the cable", {&three}, set_cable("down"), set_cable("up")},
+        {"the key server's unit", {&three}, &unit::kill_all, &unit::start_all},
+        {"the other unit", {&seven}, &unit::kill_all, &unit::start_all},
     };
     for (const auto& row : rows) {
-        row.breaks();
+        for (unit* each : row.at)
+            row.breaks(*each);
         ASSERT_TRUE(wait_until([&] { return !three.is_secured() && !seven.is_secured(); }))
             << row.what << ":\n"
             << three.all_output() << seven.all_output();
         auto mended = std::chrono::steady_clock::now();
-        row.mends();
+        for (unit* each : row.at)
+            row.mends(*each);
         ASSERT_TRUE(wait_until([&] { return three.is_secured() && seven.is_secured(); }))
             << row.what << ":\n"
             << three.all_output() << seven.all_output();
