@@ -11,7 +11,9 @@ TEST(unit_configuration, is_taken_or_refused_with_line_and_remedy) {
         const char* error; // all of the first, or its beginning; "" for a good file
     } cases[] = {
         {"# A comment\n\n; and another\n  MPID = 3 \nOXHAL_PORTS='DiPort_A1=eth1:sec-a1 DiPort_B2=e:s'", ""},
-        {"MPID=3\nOXHAL_DRIVER=sim\nOKA_UNIT=mp3\nOKA_TRANSPORTS=unix tipc\nZEB_TRACE=\"error info\"", ""},
+        {"MPID=3\nOXHAL_DRIVER=sim\nOKA_UNIT=mp3\nOKA_TRANSPORTS=unix "
+         "tipc\nOKA_TIPC_CLEAR=yes\nZEB_TRACE=\"error info\"",
+         ""},
         {"", "FILE: MPID is missing; add MPID= and the unit's own number"},
         {"MPID=3", "FILE: OXHAL_PORTS is missing; add OXHAL_PORTS=\"DiPort_A1=eth1:sec-a1\""},
         {good + "eth1", "FILE:3: 'eth1' sets no variable; write NAME=value"},
@@ -25,6 +27,14 @@ TEST(unit_configuration, is_taken_or_refused_with_line_and_remedy) {
         {good + "OKA_DIR=run/oka", "FILE:3: OKA_DIR is 'run/oka'; write an absolute path"},
         {good + "OKA_TRANSPORTS=unix,tcp",
          "FILE:3: OKA_TRANSPORTS is 'unix,tcp'; there is no 'tcp'; write some of"},
+        {good + "OKA_TRANSPORTS=unix tipc", "FILE: OKA_TIPC_INTERFACES is missing; add"},
+        {good + "OKA_TRANSPORTS=unix tipc\nOKA_TIPC_INTERFACES=eth1 eth2\nOKA_TIPC_TOLERANCE=50", ""},
+        {good + "OKA_TIPC_INTERFACES=eth1 sec-a1\nOKA_UNIT=mp3",
+         "FILE:3: OKA_TIPC_INTERFACES names the controlled port 'sec-a1'; write its common port, 'eth1'"},
+        {good + "OKA_TIPC_INTERFACES=eth1,eth2:",
+         "FILE:3: OKA_TIPC_INTERFACES is 'eth1,eth2:'; 'eth1,eth2:' is no"},
+        {good + "OKA_TIPC_TOLERANCE=49", "FILE:3: OKA_TIPC_TOLERANCE is '49'; write milliseconds"},
+        {good + "OKA_TIPC_IDENTITY=0123456789abcdef", "FILE:3: OKA_TIPC_IDENTITY is"},
         {good + "OXHAL_DRIVER=Sim\033", "FILE:3: OXHAL_DRIVER is 'Sim?'; write one of: macsec sim"},
         {"OXHAL_PORTS=", "FILE:1: OXHAL_PORTS is ''; no port is named; write them as"},
         {"OXHAL_PORTS=DiPort_A1=eth1",

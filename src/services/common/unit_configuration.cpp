@@ -71,7 +71,7 @@ std::string check_unit(const std::string& value) {
                : "write the name under which other units find this one, such as mp3; no '.' begins it";
 }
 
-std::string check_directory(const std::string& value) {
+std::string check_path(const std::string& value) {
     return value.size() > 1 && value[0] == '/' ? "" : "write an absolute path, such as /run/oka";
 }
 
@@ -88,6 +88,27 @@ std::string check_one_word(const std::string& value, word_list known) {
     return contains(known, value) ? "" : "write one of: " + list(known);
 }
 
+std::string check_interfaces(const std::string& value) {
+    for (std::string_view rest = value, word = next_word(rest, " "); !word.empty();
+         word = next_word(rest, " ")) {
+        if (!is_interface(word))
+            return "'" + std::string(word) + "' is no interface; write the common ports, such as eth1 eth2";
+    }
+    return "";
+}
+
+std::string check_identity(const std::string& value) {
+    return !value.empty() && value.size() <= 15 && value.find(' ') == std::string::npos
+               ? ""
+               : "write a name of 1 to 15 characters, different on every machine";
+}
+
+std::string check_tolerance(const std::string& value) {
+    bool digits = !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+    unsigned long long ms = digits && value.size() <= 5 ? strtoull(value.c_str(), nullptr, 10) : 0;
+    return ms >= 50 && ms <= 30000 ? "" : "write milliseconds, from 50 to 30000";
+}
+
 std::string check_ports(const std::string& value) {
     std::vector<hardware_port> ports;
     return parse_hardware_ports(value, ports);
@@ -100,7 +121,7 @@ const struct known_variable {
     {"MPID", check_mpid},
     {"OXHAL_PORTS", check_ports},
     {"OKA_UNIT", check_unit},
-    {"OKA_DIR", check_directory},
+    {"OKA_DIR", check_path},
     {"OKA_TRANSPORTS",
      [](const std::string& value) {
          return check_words(value, {"unix", "tipc", "none"});
@@ -109,6 +130,10 @@ const struct known_variable {
      [](const std::string& value) {
          return check_one_word(value, {"yes", "no"});
      }},
+    {"OKA_TIPC_INTERFACES", check_interfaces},
+    {"OKA_TIPC_IDENTITY", check_identity},
+    {"OKA_TIPC_TOLERANCE", check_tolerance},
+    {"OKA_TIPC_KEY_MARK", check_path},
     {"OXHAL_DRIVER",
      [](const std::string& value) {
          return check_one_word(value, {"macsec", "sim"});
@@ -147,6 +172,11 @@ struct reader {
         }
         return nullptr;
     }
+
+    std::string_view value(std::string_view name) const {
+        const variable* found = find(name);
+        return found ? std::string_view(found->value) : std::string_view();
+    }
 };
 
 // The value between its quotes, if it has any; nothing when systemd would read more, or other, than stands
@@ -177,7 +207,7 @@ void read_variable(reader& file, std::string_view name, std::string_view text) {
     } else if (std::string wrong = known->check(*value); !wrong.empty()) {
         file.complain(what + " is '" + value->substr(0, 80) + "'; " + wrong);
     } else {
-        file.result.variables.push_back({what, *value});
+        file.result.variables.push_back({what, *value, file.line});
     }
 }
 
@@ -192,6 +222,29 @@ void read_line(reader& file, std::string_view line) {
         read_variable(file, without_blanks(line.substr(0, equals)), without_blanks(line.substr(equals + 1)));
 }
 
+bool is_one_of(std::string_view words, std::string_view wanted) {
+    for (std::string_view word = next_word(words, " ,"); !word.empty(); word = next_word(words, " ,")) {
+        if (word == wanted)
+            return true;
+    }
+    return false;
+}
+
+// Over its controlled port a link's keys could never be agreed.
+void check_bearers(reader& file) {
+    const variable* bearers = file.find("OKA_TIPC_INTERFACES");
+    std::vector<hardware_port> ports;
+    if (!bearers || !parse_hardware_ports(file.value("OXHAL_PORTS"), ports).empty())
+        return;
+    file.line = bearers->line;
+    for (const hardware_port& port : ports) {
+        if (is_one_of(bearers->value, port.controlled))
+            file.complain("OKA_TIPC_INTERFACES names the controlled port '" + port.controlled +
+                          "'; write its common port, '" + port.common + "'");
+    }
+    file.line = 0;
+}
+
 // What is missing is not looked for behind other errors, which may be its own line's.
 void check_completeness(reader& file) {
     file.line = 0;
@@ -199,11 +252,15 @@ void check_completeness(reader& file) {
         return;
     if (!file.find("MPID"))
         file.complain("MPID is missing; add MPID= and the unit's own number");
-    const variable* driver = file.find("OXHAL_DRIVER");
-    if (!file.find("OXHAL_PORTS") && !(driver && driver->value == "sim"))
+    if (!file.find("OXHAL_PORTS") && file.value("OXHAL_DRIVER") != "sim")
         file.complain(
             "OXHAL_PORTS is missing; add OXHAL_PORTS=\"DiPort_A1=eth1:sec-a1\", with the unit's own "
             "interfaces");
+    if (is_one_of(file.value("OKA_TRANSPORTS"), "tipc") && file.value("OKA_TIPC_INTERFACES").empty() &&
+        file.value("OKA_TIPC_CLEAR") != "yes")
+        file.complain("OKA_TIPC_INTERFACES is missing; add OKA_TIPC_INTERFACES=\"eth1\", with the interfaces "
+                      "that lead to the other machines");
+    check_bearers(file);
 }
 
 } // namespace

@@ -14,6 +14,7 @@ constexpr const char* unit_configuration_path = "/etc/qel-tavu/unit.conf";
 struct variable {
     std::string name;
     std::string value;
+    size_t line;
 };
 
 struct unit_configuration {
