@@ -16,10 +16,15 @@ begin() {
 }
 held() { printf '   ok: %s\n' "$*"; }
 
+# Where traces are elsewhere, the caller's own brings them to $logs.
+fetch_traces() { :; }
+
 # Ends the demo: which step did not hold, why, and what every process had to say.
 fail() {
     printf '\nFAILED at "%s": %s\n' "$step" "$*"
+    fetch_traces
     for log in "$logs"/*.log; do
+        [ -e "$log" ] || continue
         printf '\n--- %s\n' "$log"
         grep -vE '>[0-9.]+ [^ ]* (enter|return|detail) ' "$log" | tail -n 60
     done
