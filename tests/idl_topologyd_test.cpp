@@ -462,19 +462,6 @@ TEST_F(idl_topologyd, renews_a_subscription_that_was_refused) {
     daemon->take(SUBSCRIBE);
 }
 
-TEST_F(idl_topologyd, publishes_again_to_a_daemon_that_was_restarted) {
-    start_published();
-    for (int restart = 0; restart < 2; restart++) {
-        daemon->disappear();
-        daemon.reset();
-        settle();
-        daemon_appears();
-        daemon->take(SUBSCRIBE);
-        daemon->take(ADDED);
-        EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
-    }
-}
-
 TEST_F(idl_topologyd, asks_for_a_refused_connection_again) {
     start(link_a1);
     daemon.emplace("oxmsi");

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <ftw.h>
 #include <map>
 #include <sched.h>
 #include <string>
@@ -19,6 +18,7 @@
 #include "platform/oka.h"
 #include "platform/oka/simulation.h"
 #include "platform/oka_timer.h"
+#include "support/process.h"
 
 namespace oka_tests {
 
@@ -228,21 +228,13 @@ class agent_process {
 // A messaging directory for one test.
 class scratch_directory {
   public:
-    scratch_directory() {
-        char name[] = "/tmp/oka-test-XXXXXX";
-        path = mkdtemp(name);
-        setenv("OKA_DIR", path.c_str(), 1);
-    }
-    ~scratch_directory() { remove_all(path); }
-    scratch_directory(const scratch_directory&) = delete;
-    scratch_directory& operator=(const scratch_directory&) = delete;
+    scratch_directory() { setenv("OKA_DIR", path.c_str(), 1); }
 
-    static void remove_all(const std::string& directory) {
-        auto remove_one = [](const char* each, const struct stat*, int, FTW*) { return remove(each); };
-        nftw(directory.c_str(), remove_one, 16, FTW_DEPTH | FTW_PHYS);
-    }
+  private:
+    test::temporary_folder folder_;
 
-    std::string path;
+  public:
+    const std::string& path = folder_.path();
 };
 
 } // namespace oka_tests

@@ -139,19 +139,6 @@ TEST_F(core_test, a_monitor_message_falls_back_to_the_root_mailbox) {
     }
 }
 
-TEST_F(core_test, nothing_is_delivered_after_unmonitor) {
-    oka_mailbox peer = sim::create_mailbox("peer");
-    oka_monitor_ref standing = supervise(peer, 1);
-    oka_monitor_ref fired = supervise(peer, 2);
-    EXPECT_NE(standing, fired);
-    oka_unmonitor(standing);
-    oka_delete_mailbox(peer);
-    oka_unmonitor(fired);
-    oka_unmonitor(supervise(peer, 3));
-    oka_unmonitor(12345);
-    EXPECT_EQ(next(), nothing);
-}
-
 TEST_F(core_test, receiving_ends_when_only_messages_wait_that_are_not_selected) {
     send(1, root, root);
     const uint32_t wanted[] = {1, 2};
@@ -169,26 +156,6 @@ TEST_F(core_test, a_deleted_mailbox_takes_its_messages_and_locates_along) {
     sim::create_mailbox("later");
     EXPECT_EQ(next(), nothing);
     EXPECT_EQ(sim::live().locates, 0u);
-}
-
-TEST_F(core_test, hunt_paths_reach_mailboxes_of_other_units) {
-    oka_message* prepared = message(1);
-    oka_locate_async("mp7/server", &prepared, root);
-    sim::create_mailbox("server");
-    EXPECT_EQ(next(), nothing);
-    oka_mailbox remote = sim::create_mailbox("mp7/server");
-    EXPECT_EQ(next(), (received{1, remote, root}));
-}
-
-TEST_F(core_test, a_message_cut_short_reads_as_what_arrived) {
-    oka_message* cut = oka_alloc(16, word);
-    sim::truncate(cut, 3);
-    oka_send(&cut, root, root);
-    oka_message* taken = oka_receive(nullptr, 0, OKA_ANY_SENDER);
-    ASSERT_TRUE(taken);
-    EXPECT_EQ(oka_size(taken), 3u);
-    EXPECT_EQ(taken->number, 0u);
-    oka_free(&taken);
 }
 
 class watch_test : public core_test {

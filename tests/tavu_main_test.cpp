@@ -62,11 +62,7 @@ TEST_F(daemon_world, messages_that_nobody_takes_are_told_and_freed) {
 
 TEST_F(daemon_world, a_second_initialisation_changes_nothing) {
     start();
-    forget_traces();
     EXPECT_FALSE(tavu_main_init());
-    EXPECT_EQ(take_errors(),
-              "TAVU: tavu_main_init called in wrong state: current: 'TAVU_MAIN_STATE_STARTED', expected: "
-              "'TAVU_MAIN_STATE_UNINITIALIZED'\n");
     EXPECT_EQ(get_tavu_main_state(), TAVU_MAIN_STATE_STARTED);
 }
 

@@ -1,7 +1,6 @@
 // The main of every test program. Modules keep their state in globals and start once, so when more than
 // one test is selected each runs in a fresh child process; a single one runs right here, where a debugger
 // sees it. A child that ends without a result, however it ends, is a failed test.
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -56,41 +55,28 @@ int wait_for(pid_t child) {
     exit(2);
 }
 
-// The full names of the tests that the filter selects, as the framework itself lists them.
+// The full names of the tests that the filter selects: the framework marks them when it lists them.
 std::vector<std::string> selected_tests() {
-    int ends[2];
-    if (pipe(ends) < 0)
-        give_up("pipe");
-    fflush(nullptr);
-    pid_t child = fork();
-    if (child < 0)
-        give_up("fork");
-    if (child == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        GTEST_FLAG_SET(list_tests, true);
-        int status = RUN_ALL_TESTS();
-        fflush(nullptr);
-        _exit(status);
-    }
-    close(ends[1]);
-    std::string listing = read_all(ends[0]);
-    close(ends[0]);
-    wait_for(child);
+    fflush(stdout);
+    int output = dup(STDOUT_FILENO);
+    if (!freopen("/dev/null", "w", stdout))
+        give_up("/dev/null");
+    GTEST_FLAG_SET(list_tests, true);
+    if (RUN_ALL_TESTS() != 0)
+        give_up("list of tests");
+    GTEST_FLAG_SET(list_tests, false);
+    fflush(stdout);
+    dup2(output, STDOUT_FILENO);
+    close(output);
 
     std::vector<std::string> names;
-    std::string suite;
-    for (size_t begin = 0; begin < listing.size();) {
-        size_t end = listing.find('\n', begin);
-        std::string line = listing.substr(begin, end - begin);
-        begin = end == std::string::npos ? listing.size() : end + 1;
-        bool is_test = line.starts_with("  ");
-        line.erase(0, is_test ? 2 : 0);
-        line.erase(std::min(line.find("  #"), line.size()));
-        bool disabled = (suite + "." + line).find("DISABLED_") != std::string::npos;
-        if (!is_test)
-            suite = line.substr(0, line.find('.'));
-        else if (!disabled || GTEST_FLAG_GET(also_run_disabled_tests))
-            names.push_back(suite + "." + line);
+    const testing::UnitTest& unit = *testing::UnitTest::GetInstance();
+    for (int suite = 0; suite < unit.total_test_suite_count(); suite++) {
+        const testing::TestSuite& tests = *unit.GetTestSuite(suite);
+        for (int test = 0; test < tests.total_test_count(); test++) {
+            if (tests.GetTestInfo(test)->should_run())
+                names.push_back(std::string(tests.name()) + "." + tests.GetTestInfo(test)->name());
+        }
     }
     return names;
 }
