@@ -17,13 +17,6 @@ namespace {
 
 class ground_floor : public test::world {};
 
-TEST_F(ground_floor, integers_lie_most_significant_octet_first) {
-    be32 value = 0x01b20344;
-    const uint8_t expected[] = {0x01, 0xb2, 0x03, 0x44};
-    EXPECT_EQ(memcmp(&value, expected, 4), 0);
-    EXPECT_EQ(value, 0x01b20344u);
-}
-
 TEST_F(ground_floor, text_is_cut_terminated_and_zero_filled_when_written_and_distrusted_when_read) {
     text<8> field;
     memset(field.octets, 'x', sizeof field.octets);

@@ -7,6 +7,7 @@
 #include <endian.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <grp.h>
 #include <map>
 #include <optional>
 #include <random>
@@ -448,6 +449,21 @@ void hold_a_thousand_connections(const std::string& socket) {
     usleep(100'000);
 }
 
+bool become_another_user() {
+    constexpr uid_t nobody = 65534;
+    return setgroups(0, nullptr) == 0 && setresgid(nobody, nobody, nobody) == 0 &&
+           setresuid(nobody, nobody, nobody) == 0;
+}
+
+// The round ends when it is sent away.
+void come_as_another_user(const std::string& socket) {
+    (void)become_another_user();
+    raw_connection wire(socket);
+    if (!wire.is_open() || wire.greet())
+        for (;;)
+            pause();
+}
+
 constexpr auto span_of_a_row = 1s;
 
 class under_load : public hostility {
@@ -536,7 +552,7 @@ TEST_F(under_load, keeps_its_link_and_answers_whatever_clients_do) {
         ASSERT_TRUE(crowd.emplace_back(service).establish());
         crowd.back().subscribe("IDL_A1");
     }
-    const std::pair<const char*, std::function<void()>> rows[] = {
+    std::vector<std::pair<const char*, std::function<void()>>> rows = {
         {"32 clients connect, subscribe, publish and close at unit 5",
          [&] { connect_subscribe_publish_close(five.socket("oxmsi")); }},
         {"clients for whom there is no place", [&] { oxmsi_client(service).establish(); }},
@@ -547,6 +563,17 @@ TEST_F(under_load, keeps_its_link_and_answers_whatever_clients_do) {
         {"random messages at the key server", [&] { send_random_messages(keys); }},
         {"a thousand connections at once", [&] { hold_a_thousand_connections(service); }},
     };
+    pid_t trial = fork();
+    if (trial == 0)
+        _exit(become_another_user() ? 0 : 1);
+    int result = 0;
+    if (waitpid(trial, &result, 0) == trial && result == 0)
+        rows.emplace_back("a process of another user", [&] { come_as_another_user(service); });
+    else
+        printf("[  SKIPPED ] a process of another user: this one may not become another\n");
+    // Only the daemon itself is left to keep other users out.
+    for (const std::string& path : {folder.path(), oka_dir, three.folder(), service})
+        chmod(path.c_str(), 0777);
     long before = three.memory(), before_at_five = five.memory();
     long unloaded = median_response(300ms);
     for (const auto& [what, act] : rows) {

@@ -145,6 +145,10 @@ class idl_topologyd : public test::world {
         other->send(manager, TOPOLOGY_PEER_LINK_IND, says);
         settle();
     }
+    void other_starts_over(topology_phase phase) {
+        says.life = says.life + 1;
+        other_says(phase);
+    }
     // What the other end was told last.
     const topology_peer_link_ind& heard() {
         while (!other->is_silent())
@@ -172,13 +176,21 @@ class idl_topologyd : public test::world {
     }
     void start_encrypted() {
         start_ready();
-        uint32_t up = take_up();
+        become_encrypted(take_up());
+    }
+    // Published up already, the link is secured, and that is indicated.
+    void become_encrypted(uint32_t up) {
         indicate(subscription, joining);
         other_says(TOPOLOGY_PHASE_JOINING);
         confirm(up, UPDATED, secured);
         renew();
         indicate(subscription, secured);
         other_says(TOPOLOGY_PHASE_ENCRYPTED);
+    }
+    // The daemon is asked to forget the link and to take it as new.
+    void take_anew() {
+        confirm(take_reference(DELETED), DELETED, unsecured);
+        confirm(take_reference(ADDED), ADDED, unsecured);
     }
     // The link is published down, and that is confirmed.
     void take_down() {
@@ -411,8 +423,7 @@ TEST_F(idl_topologyd, sends_one_request_at_a_time_but_overtakes_one_that_waits_f
     // The daemon confirms the request that was overtaken; that says nothing about the link as it is now.
     confirm(up, UPDATED, joining);
     write_file(link_a1);
-    says.life = says.life + 1;
-    other_says(TOPOLOGY_PHASE_DOWN);
+    other_starts_over(TOPOLOGY_PHASE_DOWN);
     EXPECT_TRUE(daemon->is_silent()) << "an update to 'down' is answered at once, and waited for";
     confirm(down, UPDATED, unsecured);
     take_up();
@@ -544,8 +555,7 @@ TEST_F(idl_topologyd, goes_up_first_where_the_key_server_is) {
     other_says(TOPOLOGY_PHASE_JOINING);
     confirm(up, UPDATED, secured);
     EXPECT_EQ(heard().phase, TOPOLOGY_PHASE_ENCRYPTED);
-    // Only one that begins now is told when it ends.
-    renew();
+    renew(); // only a subscription that begins now is told of the end
     indicate(subscription, secured);
     advance(3600000);
     EXPECT_TRUE(daemon->is_silent()) << "a working link is left alone: " << daemon->waiting();
@@ -576,11 +586,7 @@ TEST_F(idl_topologyd, starts_over_when_the_life_of_the_link_ended) {
     const end ends[] = {
         {"the port's keys are lost", [this] { indicate(subscription, joining); }},
         {"the cable is out, or the port was released", [this] { indicate(subscription, unsecured); }, true},
-        {"the other end started over",
-         [this] {
-             says.life = says.life + 1;
-             other_says(TOPOLOGY_PHASE_STOPPING);
-         }},
+        {"the other end started over", [this] { other_starts_over(TOPOLOGY_PHASE_STOPPING); }},
         {"its daemon is gone", [this] { other_says(TOPOLOGY_PHASE_NO_DAEMON); }},
         {"it is not wanted there", [this] { other_says(TOPOLOGY_PHASE_OFF); }},
         {"its manager is gone", [this] { other.reset(); }},
@@ -590,25 +596,11 @@ TEST_F(idl_topologyd, starts_over_when_the_life_of_the_link_ended) {
         uint32_t life = heard().life;
         each.happens();
         settle();
-        if (each.is_let_go) {
-            confirm(take_reference(DELETED), DELETED, unsecured);
-            confirm(take_reference(ADDED), ADDED, unsecured);
-        } else {
-            take_down();
-        }
+        each.is_let_go ? take_anew() : take_down();
         EXPECT_TRUE(daemon->is_silent()) << each.how << ": " << daemon->waiting();
-        says.life = says.life + 1;
-        if (other)
-            other_says(TOPOLOGY_PHASE_DOWN);
-        else
-            other_end_appears();
+        other ? other_starts_over(TOPOLOGY_PHASE_DOWN) : other_end_appears();
         EXPECT_NE(heard().life, life) << each.how;
-        uint32_t up = take_up();
-        indicate(subscription, joining);
-        confirm(up, UPDATED, secured);
-        renew();
-        indicate(subscription, secured);
-        other_says(TOPOLOGY_PHASE_ENCRYPTED);
+        become_encrypted(take_up());
         advance(20000);
     }
 }
@@ -624,8 +616,7 @@ TEST_F(idl_topologyd, waits_for_a_cable_and_asks_then_for_an_answer) {
         advance(pause_ms - 1);
         EXPECT_TRUE(daemon->is_silent()) << pause_ms;
         advance(1);
-        confirm(take_reference(DELETED), DELETED, unsecured);
-        confirm(take_reference(ADDED), ADDED, unsecured);
+        take_anew();
     }
     indicate(subscription, joining);
     EXPECT_EQ(heard().phase, TOPOLOGY_PHASE_JOINING);
@@ -854,9 +845,7 @@ TEST_F(idl_topologyd, sets_a_status_over_that_of_the_file) {
     test::peer person("tavuctl-1");
     set_status(person, "IDL_A1", OXMSI_LTM_LINK_STATUS_DOWN);
     EXPECT_TRUE(person.is_silent()) << "the daemon has not confirmed yet";
-    auto update = daemon->take(UPDATED);
-    EXPECT_EQ(update.as<oxmsi_link_updated_req>().link.link_status, OXMSI_LTM_LINK_STATUS_DOWN);
-    confirm(update.as<message_header>().procedure_reference, UPDATED, unsecured);
+    take_down();
     auto confirmed = person.take(TOPOLOGY_LINK_SET_CFM);
     EXPECT_EQ(confirmed.as<topology_link_set_cfm>().link.is_status_set, 1u);
     EXPECT_EQ(confirmed.as<topology_link_set_cfm>().link.status, OXMSI_LTM_LINK_STATUS_DOWN);
