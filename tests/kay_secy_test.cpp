@@ -185,19 +185,6 @@ TEST_F(kay_secy, CapabilitiesAreThoseOfTheLastEntryOfTheStandard) {
     EXPECT_FALSE(kay_secy_get_capabilities(kay));
 }
 
-TEST_F(kay_secy, APortWithoutMacsecIsLeftAlone) {
-    const oxhal_macsec_port_cap other = capability(1, 4, 0);
-    oxhal_sim::set_capabilities("DiPort_A1", &other, 1);
-    EXPECT_TRUE(kay_secy_get_capabilities(kay));
-    EXPECT_FALSE(kay_secy_is_macsec_supported(kay));
-    oxhal_sim::take_all_calls();
-    EXPECT_TRUE(enable_macsec_cp(kay));
-    EXPECT_TRUE(disable_macsec(kay));
-    EXPECT_TRUE(apply_macsec_configuration(kay));
-    EXPECT_EQ(oxhal_sim::take_all_calls(), "");
-    EXPECT_FALSE(kay_secy_is_cipher_supported(kay, MKA_STANDARD_IEEE_802_1AE_2006, MKA_CIPHER_GCM_AES_128));
-}
-
 TEST_F(kay_secy, OneCipherOfOneStandardIsSupported) {
     kay.ca.assign("CA_1");
     for (uint32_t standard = 0; standard <= MKA_STANDARD_IEEE_802_1AEcg_2017; standard++) {

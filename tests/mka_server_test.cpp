@@ -302,24 +302,6 @@ TEST_F(mka_server, probes_every_2500_ms_and_reports_silence_once) {
     finish();
 }
 
-TEST_F(mka_server, keeps_one_heartbeat_when_an_answer_comes_with_the_expiry_behind_it) {
-    connect();
-    kay.send_bytes(mailbox, MKA_HEARTBEAT_RCFM, octets(1, 1).data(), 12);
-    oka::simulation::advance_ms(2500);
-    oka::simulation::queue_due_timers();
-    settle();
-    for (int round = 0; round < 4; round++) {
-        EXPECT_EQ(oka::simulation::live().timers, 1u);
-        kay.take(MKA_HEARTBEAT_RREQ);
-        advance(20);
-        send(kay, MKA_HEARTBEAT_RCFM, octets(1, 1));
-        advance(2499);
-        EXPECT_TRUE(kay.is_silent()) << kay.waiting();
-        advance(1);
-    }
-    EXPECT_EQ(events, "");
-}
-
 TEST_F(mka_server, ignores_expiries_that_nobody_waits_for) {
     send(kay, MKA_SERVER_HEARTBEAT_TIMEOUT_IND, octets(0, 3));
     EXPECT_EQ(take_errors(), "");

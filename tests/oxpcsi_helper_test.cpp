@@ -56,13 +56,14 @@ class oxpcsi_helper : public test::world {
     void confirm_service(uint32_t version = 2) {
         test::received request = server().take(OXPCSI_INIT_SERVICE_REQ);
         client_ = request.sender();
+        asked_ += request.hex() + "\n";
         server().send(client_, OXPCSI_INIT_SERVICE_CFM,
                       oxpcsi_init_service_cfm{header(1, servers_connection), version});
         settle();
     }
     void confirm_ports(const std::vector<oxpcsi_port_entry>& entries,
                        std::optional<uint32_t> announced = {}) {
-        server().take(OXPCSI_GET_ETH_PORT_SUPPORT_REQ);
+        asked_ += server().take(OXPCSI_GET_ETH_PORT_SUPPORT_REQ).hex() + "\n";
         std::vector<uint8_t> bytes(std::max<size_t>(64, 16 + 48 * entries.size()));
         auto& cfm = *reinterpret_cast<oxpcsi_get_eth_port_support_cfm*>(bytes.data());
         cfm.header = header(2);
@@ -73,7 +74,7 @@ class oxpcsi_helper : public test::world {
         settle();
     }
     void confirm_subscription() {
-        server().take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ);
+        asked_ += server().take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ).hex() + "\n";
         server().send(client_, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM,
                       oxpcsi_subscribe_eth_port_status_cfm{header(3), 5});
         settle();
@@ -101,6 +102,7 @@ class oxpcsi_helper : public test::world {
 
     std::optional<test::peer> server_;
     oka_mailbox client_ = OKA_MAILBOX_NONE;
+    std::string asked_; // the bytes of its requests, one a line
     bool consumed_ = false;
 };
 
@@ -109,30 +111,15 @@ TEST_F(oxpcsi_helper, asks_for_the_service_its_ports_and_their_status_in_these_b
     EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_LOCATING);
     server();
     settle();
-
-    {
-        test::received init = server().take(OXPCSI_INIT_SERVICE_REQ);
-        EXPECT_EQ(init.hex(), "00 00 00 01 00 00 00 01 00 00 00 02 00 00 00 02 00 00 00 02");
-        client_ = init.sender();
-    }
-    server().send(client_, OXPCSI_INIT_SERVICE_CFM,
-                  oxpcsi_init_service_cfm{header(1, servers_connection), 2});
-    settle();
-
-    EXPECT_EQ(server().take(OXPCSI_GET_ETH_PORT_SUPPORT_REQ).hex(), "00 00 00 02 00 00 00 4d");
-    server().send(client_, OXPCSI_GET_ETH_PORT_SUPPORT_CFM,
-                  oxpcsi_get_eth_port_support_cfm{header(2), 1, entry(1, "IDL_A1", "eth1", 1)});
-    settle();
-
-    EXPECT_EQ(server().take(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ).hex(),
-              "00 00 00 03 00 00 00 4d 00 00 00 01 "
-              "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00");
+    confirm_service();
+    confirm_ports({entry(1, "IDL_A1", "eth1", 1)});
     EXPECT_EQ(events, "");
-    server().send(client_, OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM,
-                  oxpcsi_subscribe_eth_port_status_cfm{header(3), 5});
-    settle();
+    confirm_subscription();
     EXPECT_EQ(events, "server_up ");
-
+    EXPECT_EQ(asked_, "00 00 00 01 00 00 00 01 00 00 00 02 00 00 00 02 00 00 00 02\n"
+                      "00 00 00 02 00 00 00 4d\n"
+                      "00 00 00 03 00 00 00 4d 00 00 00 01 "
+                      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00\n");
     oxpcsi_helper_stop();
     server_.reset();
     expect_nothing_left();
