@@ -30,25 +30,6 @@ TEST_F(daemon_world, without_ports_it_is_ready_all_the_same) {
     EXPECT_EQ(get_tavu_main_state(), TAVU_MAIN_STATE_READY);
 }
 
-TEST_F(daemon_world, starts_anew_when_the_port_control_server_comes_back) {
-    start();
-    serve_ports(2);
-    test::peer manager("manager");
-    uint32_t id = connect(manager);
-    ASSERT_NE(id, 0u);
-    oka_message* down = oka_alloc(4, OXMSI_SERVER_DOWN_IND);
-    oka_monitor(service_, &down);
-
-    ports_->disappear();
-    settle();
-    EXPECT_EQ(get_tavu_main_state(), TAVU_MAIN_STATE_STARTED);
-    manager.take(OXMSI_SERVER_DOWN_IND);
-    serve_ports(2);
-    EXPECT_EQ(get_tavu_main_state(), TAVU_MAIN_STATE_READY);
-    EXPECT_EQ(connect(manager), 1u);
-    EXPECT_EQ(take_errors(), "");
-}
-
 TEST_F(daemon_world, messages_that_nobody_takes_are_told_and_freed) {
     start();
     serve_ports(1);
@@ -114,19 +95,6 @@ TEST_F(daemon_world, ends_with_status_1_when_it_cannot_go_on) {
         const char* last_words;
     };
     const row rows[] = {
-        {"hardware",
-         [] {
-             oxhal_sim::fail("init", 2); // the MACsec block's, after the library's own
-             tavu_main();
-         },
-         "TAVU port manager initialization failed(.|\n)*Initialization failed, exiting(.|\n)*"
-         "Fatal error occured. Exiting with error code: 1"},
-        {"no MPID",
-         [] {
-             unsetenv("MPID");
-             tavu_main();
-         },
-         "Read variable 'MPID' failed(.|\n)*Exiting with error code: 1"},
         {"nothing to receive any more", [] { tavu_main(); },
          "OKA message is NULL(.|\n)*Event loop left \\(should never happen\\), exiting"},
         {"a port that the hardware does not have",
