@@ -222,45 +222,28 @@ TEST_F(oxpcsi_helper, without_ports_of_its_role_it_is_up_without_a_subscription)
 
 TEST_F(oxpcsi_helper, another_version_or_any_reject_ends_the_start) {
     server();
-    struct row {
-        const char* rule;
-        std::function<void()> answer;
-    };
     auto reject = [this](uint32_t number, uint32_t procedure) {
         server().send(client_, number, oxpcsi_rej{header(procedure), 0});
         settle();
     };
-    const row rows[] = {
-        {"version", [&] { confirm_service(3); }},
-        {"service",
-         [&] {
-             client_ = server().take(OXPCSI_INIT_SERVICE_REQ).sender();
-             reject(OXPCSI_INIT_SERVICE_REJ, 1);
-         }},
-        {"ports",
-         [&] {
-             confirm_service();
-             reject(OXPCSI_GET_ETH_PORT_SUPPORT_REJ, 2);
-         }},
-        {"subscription",
-         [&] {
-             confirm_service();
-             confirm_ports({entry(1, "IDL_A1", "eth1", 1)});
-             reject(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ, 3);
-         }},
-        {"memory",
-         [&] {
-             confirm_service();
-             test::fail_allocation(1);
-             confirm_ports({entry(1, "IDL_A1", "eth1", 1)});
-         }},
-    };
-    for (const row& row : rows) {
-        SCOPED_TRACE(row.rule);
+    for (const std::string what : {"version", "service", "ports", "subscription", "memory"}) {
+        SCOPED_TRACE(what);
         events.clear();
         server().forget_all();
         start();
-        row.answer();
+        if (what == "service") {
+            client_ = server().take(OXPCSI_INIT_SERVICE_REQ).sender();
+            reject(OXPCSI_INIT_SERVICE_REJ, 1);
+        } else {
+            confirm_service(what == "version" ? 3 : 2);
+        }
+        test::fail_allocation(what == "memory" ? 1 : 0);
+        if (what == "ports")
+            reject(OXPCSI_GET_ETH_PORT_SUPPORT_REJ, 2);
+        else if (what == "subscription" || what == "memory")
+            confirm_ports({entry(1, "IDL_A1", "eth1", 1)});
+        if (what == "subscription")
+            reject(OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ, 3);
         EXPECT_EQ(events, "start_failed ");
         EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_INITIAL);
         EXPECT_EQ(oxpcsi_get_supported_ports_list(), nullptr);

@@ -576,30 +576,14 @@ TEST_F(port_manager_world, starts_only_with_its_kays_and_an_mp_id) {
     EXPECT_FALSE(tavu_pm_init(root()));
     setenv("MPID", "3", 1);
     EXPECT_TRUE(tavu_pm_init(root()));
+    EXPECT_FALSE(tavu_pm_stop());
+    EXPECT_FALSE(tavu_pm_create_instance("IDL_A1"));
     fake.kay_start = false;
     EXPECT_FALSE(tavu_pm_start());
     fake.kay_start = true;
     EXPECT_TRUE(tavu_pm_start());
     EXPECT_FALSE(tavu_pm_init(root()));
     fake.kay.handle_kay_state_change_ind("IDL_X", {});
-}
-
-TEST_F(port_manager_world, does_nothing_before_it_is_started) {
-    EXPECT_TRUE(tavu_pm_init(root()));
-    test::received message(oka_alloc(20, TAVU_PM_RETRY_TIMEOUT_IND));
-    EXPECT_FALSE(tavu_pm_stop());
-    EXPECT_FALSE(tavu_pm_create_instance("IDL_A1"));
-    EXPECT_FALSE(tavu_pm_dispatch_message(message.message()));
-    tavu_pm_handle_oxpcsi_port_state_change(port_data("IDL_A1"));
-    tavu_pm_handle_oxmsi_idl_link_added_req(1, 1, oxmsi_link{}, oka_hunt_path{});
-    tavu_pm_handle_oxmsi_idl_link_deleted_req(1, 1, "IDL_A1", 1);
-    tavu_pm_handle_oxmsi_idl_link_updated_req(1, 1, oxmsi_link{});
-    tavu_pm_handle_oxmsi_subscribe_req(1, 1, "IDL_A1");
-    tavu_pm_handle_oxmsi_unsubscribe_req(1, 1, "IDL_A1");
-    tavu_pm_handle_oxmsi_client_down_ind(1);
-    tavu_pm_handle_oxmsi_connection_close_ind(1);
-    fake.kay.handle_kay_state_change_ind("IDL_A1", {});
-    EXPECT_EQ(take_calls(), "");
 }
 
 } // namespace
