@@ -572,6 +572,19 @@ TEST_F(under_load, keeps_its_link_whatever_happens_to_the_messaging_directory) {
     ASSERT_TRUE(at_five.establish());
     link second{*at_three, "IDL_B1", 3, at_five, "IDL_A1", 5};
     ASSERT_TRUE(second.is_added());
+    auto filler = [&](unsigned number) { return oka_dir + "/filler" + std::to_string(number); };
+    auto fill = [&] {
+        for (unsigned count = 0; count < most_files; count++)
+            close(open(filler(count).c_str(), O_CREAT | O_CLOEXEC, 0600));
+    };
+    auto make_room = [&] {
+        for (unsigned count = 0; count < most_files; count++)
+            unlink(filler(count).c_str());
+    };
+    auto empty = [&] {
+        for (const auto& each : std::filesystem::directory_iterator(oka_dir))
+            std::filesystem::remove_all(each);
+    };
     const struct {
         const char* what;
         std::function<void()> happens, ends;
@@ -580,22 +593,8 @@ TEST_F(under_load, keeps_its_link_whatever_happens_to_the_messaging_directory) {
          [&] { chmod(oka_dir.c_str(), 0700); }},
         {"the folder of a unit is unreadable", [&] { chmod(five.folder().c_str(), 0); },
          [&] { chmod(five.folder().c_str(), 0700); }},
-        {"what is in the messaging directory is removed",
-         [&] {
-             for (const auto& each : std::filesystem::directory_iterator(oka_dir))
-                 std::filesystem::remove_all(each);
-         },
-         [] {}},
-        {"the messaging directory is full",
-         [&] {
-             for (unsigned count = 0; count < most_files; count++)
-                 close(
-                     open((oka_dir + "/filler" + std::to_string(count)).c_str(), O_CREAT | O_CLOEXEC, 0600));
-         },
-         [&] {
-             for (unsigned count = 0; count < most_files; count++)
-                 unlink((oka_dir + "/filler" + std::to_string(count)).c_str());
-         }},
+        {"what is in the messaging directory is removed", empty, [] {}},
+        {"the messaging directory is full", fill, make_room},
     };
     long before = three.memory(), before_at_five = five.memory();
     long unloaded = median_response(300ms);
