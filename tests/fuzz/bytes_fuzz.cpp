@@ -1,5 +1,5 @@
 // What takes bytes from outside the process, one of them an input: the frames of a link, the two readers of
-// netlink, the links file, the pictures that tavuctl is shown.
+// netlink, the links file.
 #include <algorithm>
 #include <cstring>
 #include <linux/rtnetlink.h>
@@ -16,7 +16,6 @@
 #include "platform/oxhal/macsec_kernel.h"
 #include "services/idl-topologyd/links_file.h"
 #include "services/oxpcsi-server/link_messages.h"
-#include "services/tavuctl/picture.h"
 
 extern "C" {
 __attribute__((weak)) size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);
@@ -54,8 +53,8 @@ struct {
 
 int new_connection() {
     int pair[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) < 0)
-        violated("there are sockets");
+    expect(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) == 0,
+           "there are sockets");
     close(link.ends[0]);
     std::rotate(link.ends, link.ends + 1, std::end(link.ends));
     link.ends[3] = pair[1];
@@ -79,8 +78,7 @@ void settle() {
             }
             oka_free(&message);
         }
-        if (++waits == 10000)
-            violated("frames come to an end");
+        expect(++waits < 10000, "frames come to an end");
     } while (oka::wait_for_descriptors(0));
 }
 
@@ -138,8 +136,8 @@ std::string hello(uint64_t process) { // from its version on
 void fuzz_link(reader& input) {
     const size_t stranger = std::hash<std::string_view>()(input.rest);
     oka::simulation::plug();
-    if (!oka_timer_service_init() || oka_init(37, 0, 0, 0, 0) != 0 || !oka::start_links([] {}))
-        violated("messaging begins");
+    expect(oka_timer_service_init() && oka_init(37, 0, 0, 0, 0) == 0 && oka::start_links([] {}),
+           "messaging begins");
     link = {oka_create_mailbox("link", 0), {-1, -1, -1, -1}, {}};
     link.search.found = [](oka::link_search&, oka_mailbox) {};
     link.search.failed = [](oka::link_search&) {};
@@ -155,18 +153,16 @@ void fuzz_link(reader& input) {
     send_frame(link.ends[3], oka::frame_kind::attach, 0, 0, "");
     send_frame(link.ends[3], oka::frame_kind::message, link.mailbox, 7, std::string(4, '\0'));
     settle();
-    if (accepted != before + 1)
-        violated("the message of one that means well arrives");
+    expect(accepted == before + 1, "the message of one that means well arrives");
     accepted = before;
     oka::cancel_link(link.search);
     oka::stop_links();
     for (int each : link.ends)
         close(each);
-    if (!oka_timer_service_stop())
-        violated("timers stop");
+    expect(oka_timer_service_stop(), "timers stop");
     oka_exit();
-    if (oka::simulation::live() != oka::simulation::balance{})
-        violated("no message, mailbox, monitor or watch is left");
+    expect(oka::simulation::live() == oka::simulation::balance{},
+           "no message, mailbox, monitor or watch is left");
 }
 
 // --- Netlink
@@ -177,8 +173,7 @@ void fuzz_port_facts(reader& input) {
     input.take(size).copy(datagram, size);
     (void)!oxpcsi::parse_link_messages(datagram, size, [](const oxpcsi::link_event& event) {
         accepted++;
-        if (!memchr(event.name, 0, sizeof event.name))
-            violated("a name ends");
+        expect(memchr(event.name, 0, sizeof event.name) != nullptr, "a name ends");
     });
     free(datagram);
 }
@@ -191,8 +186,9 @@ class kernel {
     void prepare(reader& input) {
         int pair[2];
         close(end_);
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) < 0 || dup2(pair[0], replaced_) < 0)
-            violated("there are sockets");
+        expect(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) == 0 &&
+                   dup2(pair[0], replaced_) >= 0,
+               "there are sockets");
         close(pair[0]);
         end_ = pair[1];
         asked_++;
@@ -217,8 +213,7 @@ void fuzz_hardware(reader& input) {
     static const int first = dup(STDERR_FILENO); // the lowest that is free, as the next one will be
     static const bool is_open = close(first) == 0 && oxhal::kernel::open() == 0;
     static kernel route(first), generic(first + 1);
-    if (!is_open)
-        violated("there is netlink");
+    expect(is_open, "there is netlink");
     oxhal::kernel::interface interface;
     oxhal::kernel::contents contents;
     route.prepare(input);
@@ -229,33 +224,20 @@ void fuzz_hardware(reader& input) {
     accepted += oxhal::kernel::read_contents(1, contents) == 0 && contents.receive_channels > 0;
 }
 
-// --- What people write, and what they are shown
+// --- What people write
 
 void fuzz_links_file(reader& input) {
     const topologyd::links_file file = topologyd::parse_links(input.rest, "links.toml");
     accepted = static_cast<unsigned>(file.links.size());
-    if (file.links.size() > topologyd::links_max || (!file.is_good() && !file.links.empty()))
-        violated("a links file is taken as a whole, and no more than fits");
-    for (const topologyd::link_attributes& each : file.links) {
-        if (!each.port.is_terminated() || !each.remote_port.is_terminated() ||
-            !each.hunt_path.is_terminated())
-            violated("a text ends");
-    }
+    expect(file.links.size() <= topologyd::links_max && (file.is_good() || file.links.empty()),
+           "a links file is taken as a whole, and no more than fits");
+    for (const topologyd::link_attributes& each : file.links)
+        expect(each.port.is_terminated() && each.remote_port.is_terminated() &&
+                   each.hunt_path.is_terminated(),
+               "a text ends");
 }
 
-void fuzz_picture(reader& input) {
-    oka_message* message = oka_alloc(sizeof *message + input.rest.size(), services::TOPOLOGY_STATUS_CFM);
-    input.rest.copy(reinterpret_cast<char*>(message + 1), input.rest.size());
-    if (auto picture = tavuctl::read_picture(message)) {
-        accepted++;
-        (void)(tavuctl::show_table(*picture) + tavuctl::show_json(*picture) +
-               tavuctl::show_changes(*picture, {picture->head, {}}));
-    }
-    oka_free(&message);
-}
-
-constexpr void (*parts[])(reader&) = {fuzz_link, fuzz_port_facts, fuzz_hardware, fuzz_links_file,
-                                      fuzz_picture};
+constexpr void (*parts[])(reader&) = {fuzz_link, fuzz_port_facts, fuzz_hardware, fuzz_links_file};
 
 // --- Inputs that are taken, which others grow out of
 
@@ -293,8 +275,6 @@ std::vector<scenario> scenarios() {
             attribute(IFLA_LINKINFO, attribute(1, {"macsec", 7}) + attribute(2, attribute(1, "12345678"))));
     const std::string channel =
         attribute(1, attribute(1, "12345678") + attribute(3, attribute(1, attribute(1, "\1"))));
-    std::string picture(sizeof(services::topology_snapshot) - 4, '\0');
-    picture[11] = services::topology_protocol_version;
     return {
         {"a link whose peer does not read",
          frames + accept + frame(hello, 0, fuzz::hello(1)) + frame(attach, 0) + frame(lookup, 0) +
@@ -314,7 +294,6 @@ std::vector<scenario> scenarios() {
          "\3[[link]]\nport = \"IDL_A1\"\nid = 1\nremote-port = \"IDL_B1\"\nremote-mpid = 7\nhunt-path = "
          "\"mp7\"\n",
          1},
-        {"a picture", "\4" + picture, 1},
         // What was found
         {"a netlink message of a negative length",
          "\1" + interface + netlink_message(RTM_NEWLINK, "", 1u << 31), 1},

@@ -50,8 +50,7 @@ unsigned allocations_until_failure;
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     if (allocations_until_failure > 0 && --allocations_until_failure == 0)
         return nullptr;
-    if (record_count == std::size(records))
-        fuzz::violated("the number of records is bounded");
+    fuzz::expect(record_count < std::size(records), "the number of records is bounded");
     return records[record_count++] = malloc(size);
 }
 void operator delete(void* memory) noexcept {
@@ -74,6 +73,7 @@ using namespace tavu;
 
 enum class event_kind : uint8_t {
     say,         // the peer sends a message
+    slip,        // one of the peer's next answers is not as it should be
     exist,       // the peer dies, or appears
     oblige,      // the peer stops answering, or answers again
     locate,      // the peer looks for whom it talks to
@@ -86,12 +86,11 @@ enum class event_kind : uint8_t {
     KINDS,
 };
 
-constexpr unsigned edits_max = 3;
 struct event {
     uint8_t kind; // with `held`: what is sent waits for an event that is not held
     uint8_t peer;
-    uint8_t value; // message row; index of a span, or of a call
-    uint8_t to;    // receiver, with `second_link`; or how often from now
+    uint8_t value; // message row; index of a span; after how many others
+    uint8_t to;    // receiver, with `second_link`
     edit edits[edits_max];
 };
 static_assert(sizeof(event) == 16);
@@ -99,18 +98,6 @@ constexpr uint8_t held = 0x80, second_link = 0x80;
 constexpr size_t events_max = 64;
 
 constexpr unsigned spans_ms[] = {1, 500, 1000, 2500, 5000, 8000, 30000, 180000};
-constexpr const char* calls[] = {nullptr,
-                                 "enable_set",
-                                 "protect_frames_set2",
-                                 "transmit_sc_create",
-                                 "receive_sc_create",
-                                 "transmit_sa_create",
-                                 "receive_sa_create2",
-                                 "receive_sa_enable",
-                                 "receive_sa_delete",
-                                 "generate_key",
-                                 "receive_sa_in_use_get"};
-
 // Each life is that of a process of its own, since the daemon's ends with it. What is to outlive it is
 // shared.
 struct {
@@ -134,8 +121,7 @@ void hear_trace(const zeb::record& record) {
 void settle() {
     constexpr int more_than_any_life_needs = 20000;
     for (int count = 0; oka_message* message = oka_receive(nullptr, 0, OKA_ANY_SENDER); count++) {
-        if (count == more_than_any_life_needs)
-            violated("messages come to an end");
+        expect(count < more_than_any_life_needs, "messages come to an end");
         heard(message) ? oka_free(&message) : route_message(message);
     }
 }
@@ -155,43 +141,34 @@ void happen(const event& what) {
     const uint64_t now = oka::simulation::now_ms(), next = oka::simulation::next_timer_ms();
     switch (static_cast<event_kind>((what.kind & ~held) % static_cast<unsigned>(event_kind::KINDS))) {
     case event_kind::say:
-        say(peer, what.value, what.to & ~second_link, what.to & second_link ? 1 : 0, what.edits, edits_max);
-        break;
+        return say(peer, what.value, what.to & ~second_link, what.to & second_link ? 1 : 0, what.edits,
+                   edits_max);
+    case event_kind::slip:
+        return slip(peer, what.value % 16u, what.edits);
     case event_kind::exist:
-        exists(peer) ? disappear(peer) : appear(peer);
-        break;
+        return exists(peer) ? disappear(peer) : appear(peer);
     case event_kind::oblige:
-        oblige(peer);
-        break;
+        return oblige(peer);
     case event_kind::locate:
-        locate(peer);
-        break;
+        return locate(peer);
     case event_kind::pass:
-        pass(span);
-        break;
+        return pass(span);
     case event_kind::leap:
-        oka::simulation::advance_ms(span);
-        break;
+        return oka::simulation::advance_ms(span);
     case event_kind::expire:
-        if (next != oka::simulation::never_ms && next > now)
-            oka::simulation::advance_ms(next - now);
-        oka::simulation::queue_due_timers();
-        break;
+        oka::simulation::advance_ms(next == oka::simulation::never_ms ? 0 : std::max(next, now) - now);
+        return oka::simulation::queue_due_timers();
     case event_kind::fail_call:
-        if (calls_planned++ < calls_planned_max)
-            oxhal_sim::fail(calls[what.value % std::size(calls)], 1 + what.to % 16u);
-        break;
+        return calls_planned++ < calls_planned_max ? oxhal_sim::fail(nullptr, 1 + what.value % 64u) : void();
     case event_kind::fail_record:
         allocations_until_failure = 1 + what.value % 32u;
-        break;
+        return;
     case event_kind::trace:
         procInfo.trace_group_mask ^= ~(1u << ZEB_GROUP_ERROR);
-        break;
+        return;
     case event_kind::KINDS:
-        break;
+        return;
     }
-    if (!(what.kind & held))
-        settle();
 }
 
 // --- What holds after every sequence
@@ -202,8 +179,7 @@ void connect(unsigned manager) {
     settle();
     say(manager, row_of(OXMSI_CONNECTION_ESTABLISH_REQ), 0, 0, nullptr, 0);
     settle();
-    if (times_heard(manager, OXMSI_CONNECTION_ESTABLISH_CFM) != 1)
-        violated("a client is connected");
+    expect(times_heard(manager, OXMSI_CONNECTION_ESTABLISH_CFM) == 1, "a client is connected");
 }
 
 constexpr edit with_status(uint8_t status) {
@@ -221,8 +197,8 @@ void expect_service() {
         connect(MANAGER_2);
         say(MANAGER_2, row_of(added), 0, 0, &down, 1);
         pass(30000);
-        if (times_heard(MANAGER_2, added + 1) + times_heard(MANAGER_2, added + 2) != 1)
-            violated("a published link is answered");
+        expect(times_heard(MANAGER_2, added + 1) + times_heard(MANAGER_2, added + 2) == 1,
+               "a published link is answered");
     }
     // And all of a link's life works as in a daemon that has just started.
     for (unsigned peer = 0; peer < PEERS; peer++)
@@ -230,8 +206,7 @@ void expect_service() {
     settle();
     appear(PORTS);
     settle();
-    if (get_tavu_main_state() != TAVU_MAIN_STATE_READY)
-        violated("the daemon is ready once there are ports");
+    expect(get_tavu_main_state() == TAVU_MAIN_STATE_READY, "the daemon is ready once there are ports");
     connect(MANAGER_1);
     say(MANAGER_1, row_of(added), 0, 0, nullptr, 0);
     appear(KAY_1);
@@ -239,8 +214,8 @@ void expect_service() {
     settle();
     say(KAY_1, row_of(MKA_CONNECTION_ESTABLISH_REQ), 0, 0, nullptr, 0);
     pass(30000);
-    if (times_heard(MANAGER_1, added + 1) != 1 || !oxhal_sim::secy("DiPort_A1").wanted.protect_frames)
-        violated("a published link is secured");
+    expect(times_heard(MANAGER_1, added + 1) == 1 && oxhal_sim::secy("DiPort_A1").wanted.protect_frames,
+           "a published link is secured");
 }
 
 void live(const uint8_t* data, size_t size) {
@@ -251,11 +226,9 @@ void live(const uint8_t* data, size_t size) {
     setenv("OKA_UNIT", "unit-3", 1);
     oka::simulation::plug();
     oxhal_sim::install();
-    if (!tavu_main_init())
-        violated("the daemon initialises");
+    expect(tavu_main_init(), "the daemon initialises");
     const unsigned records_of_ports = record_count; // those of the hardware are there for good
-    if (!tavu_main_start())
-        violated("the daemon starts");
+    expect(tavu_main_start(), "the daemon starts");
     for (unsigned peer = 0; peer < PEERS; peer++)
         appear(peer);
     settle();
@@ -263,24 +236,23 @@ void live(const uint8_t* data, size_t size) {
         event next;
         memcpy(&next, data + at, sizeof next);
         happen(next);
+        if (!(next.kind & held))
+            settle();
     }
     settle();
     shared->keys_installed = oxhal_sim::call_count("transmit_sa_create");
     expect_service();
     for (bool (*stop)() :
          {oxmsi_server_stop, tavu_pm_stop, oxpcsi_helper_stop, key_server_stop, mka_server_stop}) {
-        if (!stop())
-            violated("every module stops");
+        expect(stop(), "every module stops");
     }
-    if (record_count != records_of_ports)
-        violated("no record is left");
+    expect(record_count == records_of_ports, "no record is left");
     for (unsigned peer = 0; peer < PEERS; peer++)
         disappear(peer);
-    if (!oka_timer_service_stop())
-        violated("timers stop");
+    expect(oka_timer_service_stop(), "timers stop");
     oka_exit();
-    if (oka::simulation::live() != oka::simulation::balance{})
-        violated("no message, mailbox, monitor, locate or timer is left");
+    expect(oka::simulation::live() == oka::simulation::balance{},
+           "no message, mailbox, monitor, locate or timer is left");
 }
 
 // Copies what counts coverage to `saved`, or back.
@@ -375,25 +347,21 @@ unsigned below(size_t limit) {
 uint8_t octet(size_t limit = 256) {
     return static_cast<uint8_t>(below(limit));
 }
-edit random_edit() {
-    return {octet(16), octet(static_cast<size_t>(change::KINDS)), below(2) ? octet() : uint8_t{0},
-            below(2) ? octet() : octet(4)};
-}
 // Mostly a message that its sender sends to whom it talks to; seldom of the rare kinds.
 event random_event() {
-    event one = {below(2) ? uint8_t{0} : octet(static_cast<size_t>(event_kind::KINDS)),
-                 octet(PEERS),
-                 octet(),
-                 below(8) ? uint8_t{0} : octet(),
-                 {}};
+    event one = {octet(3), octet(PEERS), octet(), {}, {}};
+    if (one.kind == 2)
+        one.kind = octet(static_cast<size_t>(event_kind::KINDS));
     for (int tries = 0; tries < 100 && one.kind == 0 && !is_sent_by(one.value, one.peer); tries++)
         one.value = octet();
-    if (!below(4))
+    if (below(4) == 0)
         one.kind |= held;
-    if (!below(2))
-        one.to ^= second_link;
-    for (edit& each : one.edits)
-        each = below(3) ? edit{} : random_edit();
+    one.to = below(8) ? second_link * octet(2) : octet();
+    for (edit& each : one.edits) {
+        if (below(2) == 0)
+            each = {octet(16), octet(static_cast<size_t>(change::KINDS)), octet(2) ? octet() : octet(1),
+                    octet(2) ? octet() : octet(4)};
+    }
     return one;
 }
 void mutate(events& all) {
@@ -401,27 +369,19 @@ void mutate(events& all) {
                end = at + below(std::min<size_t>(static_cast<size_t>(all.end() - at), 6) + 1);
     const events part(at, end), &life = lives()[below(lives().size())].all;
     const event fresh = random_event();
-    switch (all.empty() ? 0 : below(8)) {
-    case 0:
+    const unsigned choice = all.empty() ? 0 : below(8);
+    if (choice == 0)
         all.insert(at, life.begin() + (below(2) ? 0 : below(life.size())), life.end());
-        return;
-    case 1:
+    else if (choice == 1)
         all.erase(at, end);
-        return;
-    case 2: // repeated, or moved
-        if (below(2))
-            all.erase(at, end);
+    else if (choice == 2)
         all.insert(all.begin() + below(all.size() + 1), part.begin(), part.end());
-        return;
-    case 3:
+    else if (choice == 3)
         reinterpret_cast<uint8_t*>(&all[below(all.size())])[below(sizeof fresh)] = octet();
-        return;
-    case 4:
-        all[below(all.size())].edits[below(edits_max)] = random_edit();
-        return;
-    default:
+    else if (choice == 4)
+        all[below(all.size())].edits[below(edits_max)] = fresh.edits[0];
+    else
         all.insert(at, fresh);
-    }
 }
 
 } // namespace
@@ -458,11 +418,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     do
         ended = waitpid(process, &status, 0);
     while (ended < 0 && errno == EINTR); // the fuzzer's clock
-    if (process < 0 || ended != process || !WIFEXITED(status) || !shared->is_over)
-        violated("a process lives to its end");
-    if (WEXITSTATUS(status) != 0 &&
-        (WEXITSTATUS(status) != 1 || !shared->saw_reason_to_end || !shared->saw_end))
-        violated("the daemon ends for a reason, with status 1 and a trace");
+    expect(process > 0 && ended == process && WIFEXITED(status) && shared->is_over,
+           "a process lives to its end");
+    expect(WEXITSTATUS(status) == 0 ||
+               (WEXITSTATUS(status) == 1 && shared->saw_reason_to_end && shared->saw_end),
+           "the daemon ends for a reason, with status 1 and a trace");
     copy_counters(shared->counters, true);
     return 0;
 }

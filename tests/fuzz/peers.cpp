@@ -123,6 +123,8 @@ struct peer {
     unsigned link = 0;
     uint32_t connection = 1;
     uint32_t procedure = 1; // heard last
+    unsigned answers_until_slip = 0;
+    edit edits[edits_max] = {};
     std::map<uint32_t, unsigned> heard;
 };
 peer peers[PEERS];
@@ -225,6 +227,10 @@ void disappear(unsigned index) {
 void oblige(unsigned index) {
     peers[index].answers = !peers[index].answers;
 }
+void slip(unsigned index, unsigned answers, const edit* edits) {
+    peers[index].answers_until_slip = answers + 1;
+    std::copy_n(edits, edits_max, peers[index].edits);
+}
 void locate(unsigned index) {
     oka_message* up = oka_alloc(sizeof(message_header), 1);
     oka_locate_async(index < KAY_1 ? "oxmsi" : "mka-key-server", &up, peers[index].mailbox);
@@ -279,13 +285,17 @@ bool heard(const oka_message* message) {
         hearing.connection = header.connection_reference;
     if (!hearing.answers || managers & 1 << index)
         return true;
+    auto answer = [&](uint32_t with, unsigned link) {
+        bool slips = hearing.answers_until_slip > 0 && --hearing.answers_until_slip == 0;
+        say(index, row_of(with), 0, link, hearing.edits, slips ? edits_max : 0);
+    };
     // In all protocols the confirmation's number follows the request's.
     if (is_sent_by(row_of(number + 1), index))
-        say(index, row_of(number + 1), 0, hearing.link, nullptr, 0);
+        answer(number + 1, hearing.link);
     for (const auto& sequel : sequels) {
         for (unsigned link = 0; sequel.after == number && sequel.by & 1 << index && link < 2; link++) {
             if (index == PORTS || link == hearing.link)
-                say(index, row_of(sequel.number), 0, link, nullptr, 0);
+                answer(sequel.number, link);
         }
     }
     return true;

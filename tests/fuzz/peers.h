@@ -27,6 +27,8 @@ struct edit {
     uint8_t high, low;
 };
 
+constexpr unsigned edits_max = 3; // of one message
+
 // A message's row in the table, and whether the peer is one that sends it.
 uint8_t row_of(uint32_t number);
 bool is_sent_by(unsigned row, unsigned peer);
@@ -35,6 +37,8 @@ bool exists(unsigned peer);
 void appear(unsigned peer);
 void disappear(unsigned peer);
 void oblige(unsigned peer); // to answer, or not any more
+// Of what the peer says by itself, the one after `answers` others is edited.
+void slip(unsigned peer, unsigned answers, const edit* edits);
 // Begins to look for the mailbox that the peer talks to.
 void locate(unsigned peer);
 // Of the links, 0 is with unit 7, whose key server is this unit's, and 1 with unit 1, which has it. `to`
