@@ -14,6 +14,7 @@ using namespace services;
 
 // Keys come within milliseconds, and a member of the association that stays silent is dropped after 5 s.
 constexpr uint64_t patience_ms = 5000;
+constexpr uint64_t patience_alone_ms = 1000;
 // An encryption that has lasted this long has put right what was wrong before.
 constexpr uint64_t lasting_ms = 10000;
 constexpr uint64_t pause_first_ms = 1000;
@@ -125,7 +126,7 @@ void probe(link_record& link, uint64_t now_ms) {
 }
 
 // The port carries clear frames, though its link is published up.
-bool port_is_down(link_record& link, uint64_t now_ms) {
+bool port_is_down(link_record& link, bool is_answer, uint64_t now_ms) {
     switch (link.agreed.stands) {
     case standing::DOWN:
     case standing::PORT_DOWN:
@@ -135,6 +136,13 @@ bool port_is_down(link_record& link, uint64_t now_ms) {
         plan_probe(link.agreed, now_ms);
         return true;
     case standing::JOINING:
+        // A port whose last association ended without protection answers so as soon as it has joined, and
+        // the keys that come with the other end put it right. A cable that was pulled answers so too.
+        if (is_answer) {
+            link.agreed.patient_since_ms = now_ms + patience_alone_ms - patience_ms;
+            return false;
+        }
+        break;
     case standing::ENCRYPTED:
         break;
     }
@@ -273,7 +281,7 @@ bool port_spoke(link_record& link, uint32_t oper_state, uint32_t encryption_stat
     if (oper_state != OXMSI_PORT_OPER_STATE_ENABLED)
         return port_joins(link, is_answer, now_ms);
     if (encryption_state != OXMSI_PORT_ENCRYPTION_STATE_ENABLED)
-        return port_is_down(link, now_ms);
+        return port_is_down(link, is_answer, now_ms);
     if (link.agreed.stands == standing::ENCRYPTED)
         return false;
     change_standing(link, standing::ENCRYPTED, now_ms);
