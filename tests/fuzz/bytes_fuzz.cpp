@@ -285,6 +285,10 @@ std::vector<scenario> scenarios() {
          frames + begin + frame(welcome, 7, fuzz::hello(2)) + frame(found, 7) +
              frame(message, 7, zeros + "\2") + close,
          2},
+        {"a message that ends within its header",
+         frames + accept + frame(hello, 0, fuzz::hello(1)) + frame(attach, 0) +
+             std::string("\x30\x8\0\0\0\7\0\0\0\0", 10),
+         0},
         {"an interface", "\1" + interface, 1},
         {"a SecY",
          "\2" + answer(interface) + answer(netlink_message(16, family + attribute(1, id))) +
@@ -296,8 +300,9 @@ std::vector<scenario> scenarios() {
          1},
         // What was found
         {"a netlink message of a negative length",
-         "\1" + interface + netlink_message(RTM_NEWLINK, "", 1u << 31), 1},
-        {"the same from the hardware", "\2" + answer(netlink_message(16, family, 1u << 31)), 0},
+         "\1" + interface + netlink_message(RTM_NEWLINK, "", 0x80000040), 1},
+        {"the same from the hardware",
+         "\2" + answer(interface) + answer(netlink_message(16, family, 0x80000040)), 1},
         {"a table without a name", "\3[[ =", 0},
         {"a character that is in no table", "\3V\357\261\277", 0},
     };

@@ -279,6 +279,9 @@ using events = std::vector<event>;
 event said(uint8_t peer, uint32_t number, uint8_t to = 0, edit changed = {}) {
     return {0, peer, row_of(number), to, {changed, {}, {}}};
 }
+event slipped(uint8_t peer, uint8_t after, edit changed) {
+    return {static_cast<uint8_t>(event_kind::slip), peer, after, 0, {changed, {}, {}}};
+}
 event of(event_kind kind, uint8_t peer, uint8_t value = 0, uint8_t waits = 0) {
     return {static_cast<uint8_t>(static_cast<uint8_t>(kind) | waits), peer, value, 0, {}};
 }
@@ -301,6 +304,10 @@ const std::vector<life>& lives() {
     static const events kay = {of(locate, KAY_1), said(KAY_1, MKA_CONNECTION_ESTABLISH_REQ)};
     static const events link =
         manager + events{said(MANAGER_1, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ)} + kay;
+    static const events other_link =
+        manager + events{said(MANAGER_1, OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ, second_link),
+                         said(MANAGER_1, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ, second_link),
+                         of(pass, 0, eight_seconds)};
     static const std::vector<life> all = {
         {"the key server is here: secured, refreshed twice, deleted",
          link + events{said(MANAGER_1, OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ), of(pass, 0, three_minutes),
@@ -308,13 +315,10 @@ const std::vector<life>& lives() {
                        said(MANAGER_1, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_REQ)},
          3},
         {"the key server is at the other end: secured, refreshed, told to leave",
-         manager + events{said(MANAGER_1, OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ, second_link),
-                          said(MANAGER_1, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ, second_link),
-                          of(pass, 0, eight_seconds),
-                          said(KEY_SERVER, MKA_CREATE_TX_SA_RREQ, second_link,
-                               {6, static_cast<uint8_t>(change::value), 0, 2}),
-                          of(pass, 0, eight_seconds), said(KEY_SERVER, MKA_LEAVE_CA_RREQ, second_link),
-                          of(pass, 0, eight_seconds)},
+         other_link + events{said(KEY_SERVER, MKA_CREATE_TX_SA_RREQ, second_link,
+                                  {6, static_cast<uint8_t>(change::value), 0, 2}),
+                             of(pass, 0, eight_seconds), said(KEY_SERVER, MKA_LEAVE_CA_RREQ, second_link),
+                             of(pass, 0, eight_seconds)},
          2},
         {"the ports go and come back, the other end too, the link goes down and up",
          link + events{of(exist, PORTS), of(exist, PORTS), of(exist, KAY_1), of(exist, KAY_1)} + link +
@@ -324,6 +328,10 @@ const std::vector<life>& lives() {
                     said(MANAGER_1, OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REQ)} +
              kay + events{of(pass, 0, eight_seconds), said(MANAGER_1, OXMSI_CONNECTION_CLOSE_REQ)},
          3},
+        {"the key server at the other end announces nine capabilities and sends one",
+         events{slipped(KEY_SERVER, 1, {2, static_cast<uint8_t>(change::value), 0, 9})} + other_link, 0},
+        {"it sends half of a key",
+         events{slipped(KEY_SERVER, 6, {10, static_cast<uint8_t>(change::cut), 0, 8})} + other_link, 0},
         {"nobody confirms",
          events{of(oblige, KAY_1)} + link +
              events{said(KAY_1, MKA_JOIN_CA_REQ), said(KAY_1, MKA_CREATE_TX_SC_REQ),
