@@ -209,6 +209,7 @@ const answer_row answers[] = {
     {"a key without bytes", joined, MKA_CREATE_TX_SA_RREQ, sa_request(0, 184), "ca_left(1)", true},
     {"a key shorter than said", joined, MKA_CREATE_TX_SA_RREQ, sa_request(32, 184), "", true},
     {"a key length that wraps", joined, MKA_CREATE_RX_SA_RREQ, sa_request(0xffffffff, 169), "", true},
+    {"the shortest key", joined, MKA_CREATE_RX_SA_RREQ, sa_request(1, 169), "rx_sa_req(1)"},
     {"no room for a key", joined, MKA_CREATE_RX_SA_RREQ, sa_request(1, 168), "", true},
     {"a key for another CA", joined, MKA_CREATE_RX_SA_RREQ, sa_request(16, 184, "CA"), "ca_left(1)", true},
     {"a confirmation nobody waits for", joined, MKA_CONNECTION_CLOSE_CFM, octets(0, 1), "close_cfm(1)"},
