@@ -11,9 +11,10 @@ namespace {
 
 // "DiPort_A1" is the hardware's name of "IDL_A1".
 int port_of(const char* hardware_name) {
-    for (int port = 0; port < ports_per_unit; port++) {
-        if (!strcmp(strchr(hardware_name, '_') ? strchr(hardware_name, '_') : "", port_names[port] + 3))
-            return port;
+    const char* place = strchr(hardware_name, '_');
+    for (size_t port = 0; place && port < port_names.size(); port++) {
+        if (!strcmp(place, port_names[port] + 3))
+            return static_cast<int>(port);
     }
     return -1;
 }

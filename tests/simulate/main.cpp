@@ -84,6 +84,11 @@ totals run_all(const settings& wanted, size_t jobs, double hours, size_t seeds) 
     }
     close(ends[0]);
     for (pid_t worker : workers) {
+        if (waitpid(worker, nullptr, WNOHANG) != 0) {
+            printf("The simulator itself ended in the middle of a run\n");
+            all.violated = true;
+            continue;
+        }
         kill(worker, SIGKILL);
         waitpid(worker, nullptr, 0);
     }

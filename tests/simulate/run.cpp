@@ -113,7 +113,7 @@ std::vector<int> draw_units(chance& plan, int count) {
 std::vector<link> draw_links(chance& plan, const std::vector<int>& units, int count) {
     std::map<int, int> used; // ports of a unit
     std::vector<link> links;
-    size_t wanted = count ? static_cast<size_t>(count) : 1 + plan.below(4);
+    size_t wanted = count ? static_cast<size_t>(count) : 1 + plan.below(2 * units.size());
     for (int attempts = 0; links.size() < wanted && attempts < 100; attempts++) {
         int one = units[plan.below(units.size())], other = units[plan.below(units.size())];
         if (one == other || used[one] == ports_per_unit || used[other] == ports_per_unit)

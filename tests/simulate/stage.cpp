@@ -232,7 +232,8 @@ bool stage::take_packet(process& from, const unsigned char* packet, size_t size,
     }
     const bytes held(packet, packet + size); // answers are made in the room of what is asked
     for (size_t at = 0; at + sizeof(conduct_record) <= size;) {
-        const auto& record = *reinterpret_cast<const conduct_record*>(held.data() + at);
+        conduct_record record; // names make the next one stand anywhere
+        memcpy(&record, held.data() + at, sizeof record);
         if (record.kind == conduct::wait)
             waits = true;
         else if (!lives())
@@ -420,14 +421,15 @@ oka::conduct_balance stage::balance(process& of) {
 // All that is due, and when the next of the rest is.
 void stage::collect(uint64_t& next_ns) {
     candidates_.clear();
-    for (auto& [id, each] : processes_) {
+    for (auto& [id, owned] : processes_) {
+        process* each = owned.get();
         if (each->stalled_until_ns > now_ns_) {
             next_ns = std::min(next_ns, each->stalled_until_ns);
             continue;
         }
         auto consider = [&](uint64_t ready_ns, std::deque<delivery>* from) {
             if (ready_ns <= now_ns_)
-                candidates_.push_back({each.get(), from});
+                candidates_.push_back({each, from});
             else
                 next_ns = std::min(next_ns, ready_ns);
         };
