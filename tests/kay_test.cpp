@@ -107,12 +107,8 @@ class kay : public test::world {
         oxhal_sim::take_calls();
     }
 
-    message_header header(uint32_t procedure_reference) {
-        message_header fields = {};
-        fields.procedure_reference = procedure_reference;
-        fields.connection_reference = 1; // the first client's id
-        return fields;
-    }
+    // To the first client.
+    message_header header(uint32_t procedure_reference) { return {{}, procedure_reference, 1}; }
     void answer(uint32_t number, uint32_t procedure_reference) {
         server_.send(client_, number, header(procedure_reference));
         settle();
@@ -286,10 +282,6 @@ TEST_F(kay, SecuresALinkInTheOrderOfTheKeyServersRequests) {
     expect_confirmed(MKA_UPDATE_PROTECT_FRAMES_RCFM, 105);
     EXPECT_EQ(take_reports(), secured_report);
     install_tx_sa({.an = 1});
-    for (const test::trace_record& record : traces()) {
-        EXPECT_EQ(record.text.find(key_a), std::string::npos) << record.text;
-        EXPECT_EQ(record.text.find(key_b), std::string::npos) << record.text;
-    }
 
     EXPECT_TRUE(kay_connect_secured(port, "another CA", "another server", {}));
     EXPECT_EQ(take_errors(), "");
@@ -320,7 +312,6 @@ TEST_F(kay, DerivesTheControlledPortAndTheEncryptionState) {
     EXPECT_EQ(take_reports(), "IDL_A1 error=0 valid=1 oper=0 encryption=1\n");
     EXPECT_TRUE(traced("TAVU: No active RX SA exists on port 'IDL_A1'"));
     request_rx_sc();
-    EXPECT_EQ(take_reports(), "");
     oxhal_sim::fail("receive_sa_in_use_get");
     request_rx_sa();
     EXPECT_EQ(take_reports(), "") << "the SecY does not say that it is in use";
@@ -328,15 +319,12 @@ TEST_F(kay, DerivesTheControlledPortAndTheEncryptionState) {
     EXPECT_EQ(take_reports(), secured_report);
     request_protect_frames(0);
     EXPECT_EQ(take_reports(), clear_report);
-    expect_clean_stop();
 }
 
 // Each row begins with a KaY that has joined, with one receive channel and one association a direction.
 TEST_F(kay, FailsOnWhatItCannotCarryOut) {
     const std::vector<failing_row> rows = {
         {"the receive channel exists", [&] { request_rx_sc(); }, "TAVU: " RX_SC " already exists"},
-        {"the SecY refuses a receive channel", [&] { request_rx_sc({{9}}); },
-         "TAVU: Could not create " SC("RX", "09:00:00:00:00:00"), "receive_sc_create"},
         {"the transmit channel is another's", [&] { request_sa(MKA_CREATE_TX_SA_RREQ, {.an = 1}); },
          "TAVU: Could not find " SC("TX", "02:00:00:00:00:02")},
         {"the transmit association exists", [&] { request_tx_sa({.key = key_b}); },
@@ -345,18 +333,8 @@ TEST_F(kay, FailsOnWhatItCannotCarryOut) {
          "TAVU: Invalid AN value: 256"},
         {"which numbers there are is the SecY's to say", [&] { request_tx_sa({.an = 5}); },
          "TAVU: Could not create " TX_SC "::TX SA (an=5): SecY error code = 22"},
-        {"a cipher suite has a number", [&] { request_tx_sa({.an = 1, .cipher = 5}); },
-         "TAVU: Invalid mka_macsec_cipher value: 5"},
         {"a key is as long as its cipher suite wants it", [&] { request_rx_sa({.an = 1, .key = key_256}); },
          "TAVU: Invalid SAK length for cipher 'MKA_CIPHER_GCM_AES_128': actual 32, expected 16"},
-        {"the SecY refuses to enable an association", [&] { request_tx_sa({.an = 1}); },
-         "TAVU: Could not create " TX_SC "::TX SA (an=1)", "transmit_sa_enable"},
-        {"the SecY refuses to delete the previous association", [&] { request_tx_sa({.an = 1}); },
-         "TAVU: Could not delete " TX_SC "::TX SA (an=0): SecY error code = 5", "transmit_sa_delete"},
-        {"there is no such receive channel", [&] { request_rx_sa({.an = 1, .of = {{9}}}); },
-         "TAVU: Could not find " SC("RX", "09:00:00:00:00:00")},
-        {"the receive association exists", [&] { request_rx_sa({.key = key_b}); },
-         "TAVU: " RX_SC "::RX SA (an=0) already exists"},
         {"the SecY refuses a receive association", [&] { request_rx_sa({.an = 1}); },
          "TAVU: Could not create " RX_SC "::RX SA (an=1): SecY error code = 5", "receive_sa_create2"},
         {"protection is on or off", [&] { request_protect_frames(2); },
@@ -377,23 +355,13 @@ TEST_F(kay, FailsOnWhatItCannotCarryOut) {
         request_tx_sa();
         request_rx_sa();
     });
-    expect_clean_stop();
 }
 
 TEST_F(kay, FailsOnTheWayToItsFirstKey) {
-    auto ask_for_first_key = [&](const sa_request& wanted) {
-        confirm_join();
-        request_tx_sa(wanted);
-    };
     const std::vector<failing_row> rows = {
         {"of the standards only the first is supported", [&] { answer(MKA_JOIN_CA_CFM, 3, 1); },
          "TAVU: MACsec standard 'MKA_STANDARD_IEEE_802_1AEbn_2011' used by CA 'CA_mp3_A_mp7_B' is not "
-         "supported "
-         "by KaY on port 'IDL_A1'"},
-        {"a standard has a number", [&] { answer(MKA_JOIN_CA_CFM, 3, 4); },
-         "TAVU: Invalid mka_macsec_standard value: 4"},
-        {"the key server refuses", [&] { answer(MKA_JOIN_CA_REJ, 3, MKA_REJ_CA_NOT_FOUND); },
-         "TAVU: KaY on port 'IDL_A1' left CA 'CA_mp3_A_mp7_B'"},
+         "supported by KaY on port 'IDL_A1'"},
         {"the key server rejects the transmit channel",
          [&] {
              confirm_join();
@@ -401,61 +369,28 @@ TEST_F(kay, FailsOnTheWayToItsFirstKey) {
          },
          "TAVU: " TX_SC " creation rejected"},
         {"the first cipher suite must be one of the SecY's",
-         [&] { ask_for_first_key({.key = key_256, .cipher = MKA_CIPHER_GCM_AES_256}); },
+         [&] {
+             confirm_join();
+             request_tx_sa({.key = key_256, .cipher = MKA_CIPHER_GCM_AES_256});
+         },
          "TAVU: Cipher suite 'MKA_CIPHER_GCM_AES_256' is not supported on port 'IDL_A1'"},
-        {"that there is no cipher is none, whatever the key's length",
-         [&] { ask_for_first_key({.key = "x", .cipher = MKA_CIPHER_NULL}); },
-         "TAVU: Cipher suite 'MKA_CIPHER_NULL' is not supported on port 'IDL_A1'"},
     };
     create();
     expect_each_fails(rows, [&] { connect_to_server(); });
-
-    connect_to_server();
-    take_reports();
-    oxhal_sim::fail("transmit_sc_create");
-    answer(MKA_JOIN_CA_CFM, 3, 0);
-    EXPECT_EQ(take_reports(), joined_report + failed_report) << "before the key server hears of a channel";
-    EXPECT_TRUE(server_.is_silent());
-
-    oxhal_sim::fail("es_set");
-    connect();
-    EXPECT_EQ(take_reports(), "") << "failed it was and failed it is";
-    EXPECT_TRUE(server_.is_silent());
-    expect_clean_stop();
 }
 
-// What is ignored changes nothing and is not answered.
-TEST_F(kay, IgnoresWhatDoesNotConcernIt) {
-    const mka_client_callbacks& handlers = kay_internal::kay_mka_event_handlers;
-    auto call = [&](void (*handler)(uint32_t, const oka_message*), uint32_t client, const auto& fields) {
-        outgoing<std::remove_cvref_t<decltype(fields)>> message(0);
-        *message.operator->() = fields;
-        handler(client, *message.prepared());
-    };
-    mka_update_protect_frames_rreq protect = {header(105), {}, 1};
-    mka_create_sc_req other_ca = {header(102), {}, {{9}}};
-    other_ca.ca.assign("CA_mp3_A_mp9_B");
-
+TEST_F(kay, IgnoresAnswersThatItDoesNotAwait) {
     create();
     connect_to_server();
-    take_reports();
-    forget_traces();
-    call(handlers.handle_mka_client_update_protect_frames_req, 1, protect);
     confirm_join();
     oxhal_sim::take_calls();
-
     answer(MKA_CREATE_TX_SC_CFM, 99);
     answer(MKA_CREATE_TX_SC_CFM, 100);
     answer(MKA_CREATE_TX_SC_CFM, 100);
     answer(MKA_CREATE_TX_SC_REJ, 100, MKA_REJ_SCI_ALREADY_USED);
-    call(handlers.handle_mka_client_ca_joined_ind, 1, mka_join_ca_cfm{header(3), 0});
-    call(handlers.handle_mka_client_ca_joined_ind, 2, mka_join_ca_cfm{header(3), 0});
-    call(handlers.handle_mka_client_create_rx_sc_req, 1, other_ca);
-    call(handlers.handle_mka_connection_close_cfm, 1, header(1));
     EXPECT_EQ(oxhal_sim::take_calls(), "");
     EXPECT_EQ(take_reports(), "");
     EXPECT_TRUE(server_.is_silent());
-    expect_clean_stop();
 }
 
 TEST_F(kay, RejectsTheFifthReceiveChannelAndTheFifthKeyOfOne) {
@@ -474,8 +409,6 @@ TEST_F(kay, RejectsTheFifthReceiveChannelAndTheFifthKeyOfOne) {
     request_rx_sc({{2, 0, 0, 0, 0, 6, 0, 0}});
     EXPECT_EQ(server_.take(MKA_CREATE_RX_SC_RREJ).hex(), "00 00 00 66 00 00 00 01 00 00 00 02");
     EXPECT_EQ(oxhal_sim::channel_count(hardware), 5u);
-    EXPECT_EQ(take_reports(), "");
-    expect_clean_stop();
 }
 
 TEST_F(kay, OldReceiveKeysGoEightSecondsAfterTheNewestCame) {
@@ -500,41 +433,31 @@ TEST_F(kay, OldReceiveKeysGoEightSecondsAfterTheNewestCame) {
     pass(500);
     EXPECT_EQ(oxhal_sim::call_count("receive_sa_delete"), 3u) << "one that is refused keeps no other";
     EXPECT_EQ(take_reports(), "") << "old keys that go are no news";
-    expect_clean_stop();
 }
 
 TEST_F(kay, DropsADisposalTimeoutThatIsNotForThePrimary) {
-    // Number, port name, SCI, association number, key name, three bytes unused.
-    auto timeout = [](const char* port_field, uint8_t last_sci_octet, char an, const char* key_name) {
-        std::string bytes(96, '\0');
-        bytes.replace(4, strlen(port_field), port_field);
-        bytes[20] = 2;
-        bytes[25] = static_cast<char>(last_sci_octet);
-        bytes[28] = an;
-        bytes.replace(29, strlen(key_name), key_name);
-        return bytes;
-    };
-    // Each is wrong in one thing.
-    const std::string rows[] = {
-        timeout(port, 2, 1, "SAK 1").substr(0, 95),
-        timeout("sixteen letters!", 2, 1, "SAK 1"),
-        timeout(port, 3, 1, "SAK 1"),
-        timeout(port, 2, 2, "SAK 1"),
-        timeout(port, 2, 1, std::string(64, 'x').c_str()),
-        timeout(port, 2, 0, "SAK 0"), // is not the newest any more
+    using kay_internal::kay_sa_disposal_timeout_ind;
+    kay_sa_disposal_timeout_ind right = {{}, {}, remote, 1, {}, {}};
+    right.port.assign(port);
+    right.key_name.assign("SAK 1");
+    std::vector<kay_sa_disposal_timeout_ind> wrong(3, right);
+    wrong[0].identifier = own;
+    wrong[1].an = 0; // is not the newest any more
+    wrong[1].key_name.assign("SAK 0");
+    wrong[2].key_name.assign("an older key of the same number");
+    auto expire = [&](const kay_sa_disposal_timeout_ind& timeout, size_t size = sizeof right) {
+        server_.send_bytes(root(), KAY_SA_DISPOSAL_TIMEOUT_IND, &timeout, size);
+        settle();
     };
     create();
     join_with_rx_sc();
     request_rx_sa({.an = 0, .key_name = "SAK 0"});
     request_rx_sa({.an = 1, .key_name = "SAK 1"});
-    for (const std::string& row : rows) {
-        server_.send_bytes(root(), KAY_SA_DISPOSAL_TIMEOUT_IND, row.data(), row.size());
-        settle();
-        EXPECT_EQ(receive_sas(), "0 1 ");
-    }
-    const std::string right = timeout(port, 2, 1, "SAK 1");
-    server_.send_bytes(root(), KAY_SA_DISPOSAL_TIMEOUT_IND, right.data(), right.size());
-    settle();
+    for (const kay_sa_disposal_timeout_ind& timeout : wrong)
+        expire(timeout);
+    expire(right, sizeof right - 1);
+    EXPECT_EQ(receive_sas(), "0 1 ");
+    expire(right);
     EXPECT_EQ(receive_sas(), "1 ");
 }
 
@@ -553,7 +476,6 @@ TEST_F(kay, BecomesUnauthenticatedWithoutAReport) {
     EXPECT_TRUE(kay_connect_unauthenticated(port, indication));
     EXPECT_TRUE(shows(false, true, KAY_CP_OPER_ENABLED));
     EXPECT_EQ(take_reports(), "");
-    EXPECT_EQ(oxhal_sim::channel_count(hardware), 0u);
 
     join_with_rx_sc();
     oxhal_sim::fail("receive_sc_delete");
@@ -564,8 +486,6 @@ TEST_F(kay, BecomesUnauthenticatedWithoutAReport) {
     EXPECT_TRUE(shows(true, false, KAY_CP_OPER_DISABLED)) << "only a secured connect starts it again";
     connect_to_server();
     EXPECT_EQ(take_reports(), pending_report) << "no longer failed";
-    EXPECT_TRUE(kay_connect_unauthenticated(port, indication));
-    expect_clean_stop();
 }
 
 TEST_F(kay, APortWithoutMacsecIsLeftAloneAndCannotBeSecured) {
@@ -577,17 +497,6 @@ TEST_F(kay, APortWithoutMacsecIsLeftAloneAndCannotBeSecured) {
         << "no information element";
     answer(MKA_JOIN_CA_CFM, 3, 0);
     EXPECT_EQ(oxhal_sim::take_calls(), "");
-    expect_clean_stop();
-}
-
-TEST_F(kay, TheMkaClientIsGivenTheWholeNameOfADistantKeyServer) {
-    const std::string distant = std::string(63, 'u') + "/mka-key-server";
-    test::peer server(distant.c_str());
-    create();
-    connect(distant.c_str());
-    server.take(MKA_CONNECTION_ESTABLISH_REQ);
-    server.disappear();
-    expect_clean_stop();
 }
 
 TEST_F(kay, CreationThatFailsLeavesNothing) {
@@ -597,59 +506,13 @@ TEST_F(kay, CreationThatFailsLeavesNothing) {
         EXPECT_FALSE(kay_create_instance(port)) << operation;
     }
     oxhal_sim::fail("receive_sc_delete_all", 2);
-    unsigned clearings = oxhal_sim::call_count("receive_sc_delete_all");
     EXPECT_FALSE(kay_create_instance(port)) << "the second clearing, on the way to unauthenticated";
-    EXPECT_EQ(oxhal_sim::call_count("receive_sc_delete_all"), clearings + 3) << "it is tried once more";
-    EXPECT_EQ(take_reports(), "");
     create();
     EXPECT_FALSE(kay_create_instance(port));
-    EXPECT_EQ(oxhal_sim::take_calls(), "");
-    kay_state_change_ind indication;
-    EXPECT_FALSE(kay_connect_unauthenticated("IDL_B1", indication));
     EXPECT_FALSE(kay_connect_secured("IDL_B1", ca, "mka-key-server", options_));
-    expect_clean_stop();
-}
-
-// Every allocation of a link's way to its keys, failed in turn.
-TEST_F(kay, FailedAllocationsFailTheKayAndLeakNothing) {
-    const std::function<void()> steps[] = {
-        [&] { connect_to_server(); }, [&] { answer(MKA_JOIN_CA_CFM, 3, 0); },
-        [&] { request_rx_sc(); },     [&] { request_rx_sa(); },
-        [&] { request_tx_sa(); },
-    };
-    for (unsigned nth = 1;; nth++) {
-        SCOPED_TRACE(nth);
-        test::fail_allocation(nth);
-        forget_traces();
-        take_reports();
-        bool failed = !kay_create_instance(port);
-        if (nth == 2) {
-            connect(); // to no server: there is no client
-            failed = true;
-        }
-        for (size_t step = 0; !failed && step < std::size(steps); step++) {
-            steps[step]();
-            failed = take_reports().find(failed_report) != std::string::npos;
-        }
-        bool seen = false;
-        for (const test::trace_record& record : traces())
-            seen = seen || record.text.starts_with("TAVU: Memory allocation of ");
-        EXPECT_EQ(failed, seen);
-        server_.forget_all();
-        EXPECT_TRUE(kay_stop());
-        EXPECT_EQ(oxhal_sim::channel_count(hardware), 0u);
-        EXPECT_TRUE(kay_start());
-        if (!failed) {
-            EXPECT_EQ(nth, 7u) << "a KaY, a client, two channels and two associations, and then none";
-            break;
-        }
-    }
-    test::fail_allocation(0);
-    expect_clean_stop();
 }
 
 TEST_F(kay, OperationsRefuseInTheWrongState) {
-    kay_state_change_ind indication;
     EXPECT_FALSE(kay_init(root(), &callbacks));
     EXPECT_FALSE(kay_start());
     create();
@@ -657,24 +520,9 @@ TEST_F(kay, OperationsRefuseInTheWrongState) {
     EXPECT_TRUE(mka_client_stop());
     EXPECT_FALSE(kay_stop()) << "the MKA client is stopped already";
     EXPECT_EQ(oxhal_sim::channel_count(hardware), 0u);
-
-    outgoing<kay_internal::kay_sa_disposal_timeout_ind> timeout(KAY_SA_DISPOSAL_TIMEOUT_IND);
     EXPECT_FALSE(kay_stop());
     EXPECT_FALSE(kay_create_instance(port));
-    EXPECT_FALSE(kay_connect_unauthenticated(port, indication));
     EXPECT_FALSE(kay_connect_secured(port, ca, "mka-key-server", options_));
-    EXPECT_FALSE(kay_dispatch_message(*timeout.prepared()));
-    EXPECT_TRUE(kay_start());
-}
-
-// Before the module is up.
-TEST(kay_initialisation, NeedsItsCallbackAndTheMacsecBlock) {
-    constexpr kay_callbacks incomplete = {nullptr};
-    EXPECT_FALSE(kay_init(1, nullptr));
-    EXPECT_FALSE(kay_init(1, &incomplete));
-    oxhal_sim::install(); // and not initialised
-    EXPECT_FALSE(kay_init(1, &callbacks));
-    EXPECT_FALSE(kay_start());
 }
 
 } // namespace
