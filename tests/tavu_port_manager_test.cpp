@@ -4,13 +4,11 @@
 
 #include <map>
 
-#include "platform/oxhal.h"
 #include "support/topology_manager.h"
 #include "support/world.h"
 #include "tavu/kay.h"
 #include "tavu/key_server.h"
 #include "tavu/oxmsi_server.h"
-#include "tavu/tavu_utils.h"
 
 using namespace tavu;
 
@@ -21,8 +19,6 @@ struct {
     std::string calls; // of everything below, one a line
     std::map<std::string, oxpcsi_port_data> ports;
     kay_callbacks kay = {};
-    bool kay_init = true;
-    bool kay_start = true;
     bool kay_create = true;
     bool kay_connect = true;
     bool kay_fails_at_once = false; // and says so before kay_connect_secured returns
@@ -39,11 +35,10 @@ namespace tavu {
 
 bool kay_init(oka_mailbox, const kay_callbacks* callbacks) {
     fake.kay = *callbacks;
-    return fake.kay_init;
+    return true;
 }
 bool kay_start() {
-    fake.calls += "start\n";
-    return fake.kay_start;
+    return true;
 }
 bool kay_stop() {
     fake.calls += "stop\n";
@@ -62,25 +57,22 @@ bool kay_connect_unauthenticated(const char* port, kay_state_change_ind& indicat
 bool kay_connect_secured(const char* port, const char* ca, const char* key_server,
                          const kay_configuration_options& options) {
     fake.calls += std::string("secured ") + port + " " + ca + " " + key_server + "\n";
-    char identifier[128];
-    sci_to_str1(identifier, options.identifier);
-    EXPECT_EQ(std::string(identifier), "SCI = { MAC = 02:00:00:00:00:0a , port identifier = 0 }");
+    EXPECT_TRUE((options.identifier == sci{{2, 0, 0, 0, 0, 10, 0, 0}}));
     EXPECT_EQ(options.mka_port_speed, 25000u);
     EXPECT_TRUE(options.replay_protection && options.always_use_sci && !options.use_es && !options.use_scb);
-    EXPECT_EQ(options.replay_window, 0u);
-    EXPECT_EQ(options.validate_frames, 1u);
+    EXPECT_TRUE(options.replay_window == 0 && options.validate_frames == 1);
     if (fake.kay_fails_at_once)
         fake.kay.handle_kay_state_change_ind(port, {true, false, KAY_CP_OPER_DISABLED, {}});
     return fake.kay_connect;
 }
-const char* kay_macsec_role_to_str(macsec_role role) {
-    return role == MACSEC_ROLE_SECURED ? "MACSEC_ROLE_SECURED" : "MACSEC_ROLE_UNAUTHENTICATED";
+const char* kay_macsec_role_to_str(macsec_role) {
+    return "a role";
 }
-const char* macsec_encryption_state_to_str(macsec_encryption_state state) {
-    return state == MACSEC_ENCRYPTION_ENABLED ? "MACSEC_ENCRYPTION_ENABLED" : "MACSEC_ENCRYPTION_DISABLED";
+const char* macsec_encryption_state_to_str(macsec_encryption_state) {
+    return "a state";
 }
-const char* cp_oper_state_to_str(kay_cp_oper_state state) {
-    return state == KAY_CP_OPER_ENABLED ? "KAY_CP_OPER_ENABLED" : "KAY_CP_OPER_DISABLED";
+const char* cp_oper_state_to_str(kay_cp_oper_state) {
+    return "a state";
 }
 bool key_server_add_ca(const char* name) {
     fake.calls += std::string("add ") + name + "\n";
@@ -108,17 +100,10 @@ constexpr oxmsi_callbacks to_port_manager = {
     tavu_pm_handle_oxmsi_connection_close_ind,
 };
 
-class port_manager_world : public test::world {
+// With two ports and a client.
+class port_manager_test : public test::world {
   protected:
-    explicit port_manager_world(const char* mpid = "3") {
-        setenv("MPID", mpid, 1);
-        route_to([](const oka_message* message) {
-            if (!oxmsi_dispatch_message(message))
-                handled_ = tavu_pm_dispatch_message(message);
-        });
-        for (const char* name : {"IDL_A1", "IDL_B1", "IDL_A2"})
-            fake.ports[name] = port_data(name);
-    }
+    explicit port_manager_test(const char* mpid = "3") : service_(start(mpid)) {}
 
     static oxpcsi_port_data port_data(const char* name, uint32_t admin_state = 1, uint32_t oper_state = 1) {
         oxpcsi_port_data data = {};
@@ -129,30 +114,6 @@ class port_manager_world : public test::world {
         data.mac_address[0] = 2;
         data.mac_address[5] = 10;
         return data;
-    }
-
-    static bool handled_;
-};
-bool port_manager_world::handled_ = false;
-
-// With two ports.
-class ready_port_manager : public port_manager_world {
-  protected:
-    explicit ready_port_manager(const char* mpid) : port_manager_world(mpid) {
-        EXPECT_TRUE(oxmsi_server_init(root(), &to_port_manager));
-        EXPECT_TRUE(tavu_pm_init(root()));
-        EXPECT_TRUE(oxmsi_server_start());
-        EXPECT_TRUE(tavu_pm_start());
-        EXPECT_TRUE(tavu_pm_create_instance("IDL_A1"));
-        EXPECT_TRUE(tavu_pm_create_instance("IDL_B1"));
-        EXPECT_TRUE(oxmsi_server_publish("oxmsi"));
-        EXPECT_EQ(take_calls(),
-                  "start\ncreate IDL_A1\nunauthenticated IDL_A1\ncreate IDL_B1\nunauthenticated IDL_B1\n");
-        test::peer finder("finder");
-        oka_message* prepared = oka_alloc(4, OXMSI_SERVER_UP_IND);
-        oka_locate_async("oxmsi", &prepared, finder.mailbox());
-        settle();
-        service_ = finder.take(OXMSI_SERVER_UP_IND).sender();
     }
 
     test::topology_manager connect(const char* name) {
@@ -176,18 +137,36 @@ class ready_port_manager : public port_manager_world {
                                                        MACSEC_ENCRYPTION_ENABLED};
     static constexpr kay_state_change_ind failed = {true, false, KAY_CP_OPER_DISABLED,
                                                     MACSEC_ENCRYPTION_DISABLED};
-    oka_mailbox service_ = OKA_MAILBOX_NONE;
-};
-
-// And a client.
-class port_manager_test : public ready_port_manager {
-  protected:
-    explicit port_manager_test(const char* mpid = "3") : ready_port_manager(mpid) {}
-
+    oka_mailbox service_;
     test::topology_manager client_ = connect("topology-manager");
     const std::string add_ = "add CA_mp3_IDL_A1_mp7_IDL_B2\n";
     const std::string secure_ = "secured IDL_A1 CA_mp3_IDL_A1_mp7_IDL_B2 mka-key-server\n";
     const std::string release_ = "unauthenticated IDL_A1\nremove CA_mp3_IDL_A1_mp7_IDL_B2\n";
+
+  private:
+    // The service's mailbox.
+    oka_mailbox start(const char* mpid) {
+        setenv("MPID", mpid, 1);
+        route_to([](const oka_message* message) {
+            EXPECT_TRUE(oxmsi_dispatch_message(message) || tavu_pm_dispatch_message(message));
+        });
+        for (const char* name : {"IDL_A1", "IDL_B1", "IDL_A2"})
+            fake.ports[name] = port_data(name);
+        EXPECT_TRUE(oxmsi_server_init(root(), &to_port_manager));
+        EXPECT_TRUE(tavu_pm_init(root()));
+        EXPECT_TRUE(oxmsi_server_start());
+        EXPECT_TRUE(tavu_pm_start());
+        EXPECT_TRUE(tavu_pm_create_instance("IDL_A1"));
+        EXPECT_TRUE(tavu_pm_create_instance("IDL_B1"));
+        EXPECT_TRUE(oxmsi_server_publish("oxmsi"));
+        EXPECT_EQ(take_calls(),
+                  "create IDL_A1\nunauthenticated IDL_A1\ncreate IDL_B1\nunauthenticated IDL_B1\n");
+        test::peer finder("finder");
+        oka_message* prepared = oka_alloc(4, OXMSI_SERVER_UP_IND);
+        oka_locate_async("oxmsi", &prepared, finder.mailbox());
+        settle();
+        return finder.take(OXMSI_SERVER_UP_IND).sender();
+    }
 };
 
 TEST_F(port_manager_test, a_link_is_confirmed_when_its_port_is_secured) {
@@ -198,14 +177,12 @@ TEST_F(port_manager_test, a_link_is_confirmed_when_its_port_is_secured) {
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
     EXPECT_EQ(client_.heard(), "CHANGE_IND 1 IDL_A1 oper 0 encryption 0\n");
 
-    for (kay_state_change_ind not_yet : {kay_state_change_ind{false, true, KAY_CP_OPER_DISABLED, {}},
-                                         kay_state_change_ind{false, false, KAY_CP_OPER_ENABLED, {}}}) {
-        report("IDL_A1", not_yet);
-        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
-    }
+    report("IDL_A1", {false, true, KAY_CP_OPER_DISABLED, {}});
+    report("IDL_A1", {false, false, KAY_CP_OPER_ENABLED, {}});
     set_port("IDL_A1", 1, 1); // nothing new: what is pending stays so
-    settle();
     EXPECT_EQ(client_.heard(), "");
+
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
 
     report("IDL_A1", succeeded);
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
@@ -217,21 +194,12 @@ TEST_F(port_manager_test, a_link_is_confirmed_when_its_port_is_secured) {
     EXPECT_EQ(client_.heard(), "UPDATED_CFM 3 IDL_A1 oper 1 encryption 1\n"); // is there already
     EXPECT_EQ(take_calls(), "");
 
-    test::topology_manager late = connect("late");
-    late.subscribe("IDL_A1");
-    EXPECT_EQ(late.heard(), "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 1\n");
-
     client_.remove("IDL_A1");
     EXPECT_EQ(take_calls(), release_);
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
-    EXPECT_EQ(late.heard(), "CHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
     // Of what it was told last, "not valid", the subscriber hears the change only now.
     EXPECT_EQ(client_.heard(),
               "DELETED_CFM 4 IDL_A1 oper 1 encryption 0\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
-    set_port("IDL_A1", 1, 1); // the role is applied again, to no one's notice
-    EXPECT_EQ(take_calls(), release_);
-    settle();
-    EXPECT_EQ(client_.heard(), "");
     EXPECT_EQ(oka::simulation::live().timers, 0u);
 }
 
@@ -250,7 +218,6 @@ TEST_F(port_manager_test, a_port_takes_the_role_that_its_state_and_its_link_ask_
                                         << " to " << row.du_type);
         set_port("IDL_A1", 0, 0);
         client_.update("IDL_A1", row.link_status, row.du_type);
-        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
         set_port("IDL_A1", row.admin_state, row.oper_state);
         EXPECT_EQ(state("IDL_A1"), row.is_secured ? TAVU_PM_STATE_CA_JOINING : TAVU_PM_STATE_UNAUTHENTICATED);
     }
@@ -298,12 +265,7 @@ TEST_F(port_manager_test, a_failure_is_confirmed_once_and_tried_again_every_seco
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
     advance(999);
     EXPECT_EQ(take_calls(), "");
-    fake.kay_connect = false; // now it is not even begun
     advance(1);
-    EXPECT_EQ(take_calls(), add_ + secure_);
-    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
-    fake.kay_connect = true;
-    advance(1000);
     EXPECT_EQ(take_calls(), add_ + secure_);
     report("IDL_A1", succeeded);
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
@@ -321,44 +283,26 @@ TEST_F(port_manager_test, a_failure_is_confirmed_once_and_tried_again_every_seco
     EXPECT_EQ(client_.heard(), "");
     EXPECT_EQ(oka::simulation::live().timers, 0u);
 
-    client_.subscribe("IDL_B1");
-    client_.heard();
     fake.kay_fails_at_once = true;
     client_.add("IDL_B1");
     EXPECT_EQ(state("IDL_B1"), TAVU_PM_STATE_FAILED);
-    EXPECT_EQ(client_.heard(),
-              "ADDED_CFM 3 IDL_B1 oper 0 encryption 0\nCHANGE_IND 2 IDL_B1 oper 0 encryption 0\n");
+    EXPECT_EQ(client_.heard(), "ADDED_CFM 2 IDL_B1 oper 0 encryption 0\n");
     EXPECT_EQ(oka::simulation::live().timers, 1u);
 }
 
 TEST_F(port_manager_test, an_unauthenticated_role_can_fail_too) {
-    struct row {
-        bool connect;
-        kay_state_change_ind indication;
-        uint32_t encryption;
-    };
-    uint32_t procedure = 0;
-    for (const row& row : {row{true, {true, true, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_ENABLED}, 1},
-                           row{false, {false, true, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_ENABLED}, 0}}) {
-        fake.kay_connect = row.connect;
-        kay_state_change_ind usual = std::exchange(fake.unauthenticated, row.indication);
-        client_.add("IDL_A1", OXMSI_LTM_LINK_STATUS_DOWN);
-        EXPECT_EQ(take_calls(), "unauthenticated IDL_A1\n"); // and the CA is not touched
-        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
-        EXPECT_EQ(client_.heard(), "ADDED_CFM " + std::to_string(++procedure) + " IDL_A1 oper 0 encryption " +
-                                       std::to_string(row.encryption) + "\n");
-        fake.kay_connect = true;
-        fake.unauthenticated = usual;
-        advance(1000);
-        EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
-        client_.remove("IDL_A1");
-        EXPECT_EQ(client_.heard(),
-                  "DELETED_CFM " + std::to_string(++procedure) + " IDL_A1 oper 1 encryption 0\n");
-        take_calls();
-    }
+    const kay_state_change_ind usual = fake.unauthenticated;
+    fake.unauthenticated = {true, true, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_ENABLED};
+    client_.add("IDL_A1", OXMSI_LTM_LINK_STATUS_DOWN);
+    EXPECT_EQ(take_calls(), "unauthenticated IDL_A1\n"); // and the CA is not touched
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+    EXPECT_EQ(client_.heard(), "ADDED_CFM 1 IDL_A1 oper 0 encryption 1\n");
+    fake.unauthenticated = usual;
+    advance(1000);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
 }
 
-TEST_F(port_manager_test, a_retry_that_is_late_lost_or_forged_changes_nothing) {
+TEST_F(port_manager_test, a_retry_that_is_late_changes_nothing) {
     client_.add("IDL_A1");
     report("IDL_A1", failed);
     oka::simulation::advance_ms(1000);
@@ -367,23 +311,6 @@ TEST_F(port_manager_test, a_retry_that_is_late_lost_or_forged_changes_nothing) {
     EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
     take_calls();
     settle();
-    report("IDL_A1", failed);
-    fake.ports.erase("IDL_A1");
-    advance(5000);
-
-    test::peer stranger("stranger");
-    const std::string right("....IDL_A1\0\0\0\0\0\0\0\0\0", 20), wrong = "...." + std::string(17, 'x');
-    for (const std::string& bytes :
-         {right, wrong.substr(0, 20), wrong.substr(0, 4), wrong.substr(0, 19), wrong}) {
-        forget_traces();
-        stranger.send_bytes(service_, TAVU_PM_RETRY_TIMEOUT_IND, bytes.data(), bytes.size());
-        settle();
-        EXPECT_TRUE(handled_);
-        EXPECT_NE(take_errors(), "");
-    }
-    stranger.send_bytes(service_, 0x1b121f, wrong.data(), 20);
-    settle();
-    EXPECT_FALSE(handled_);
     EXPECT_EQ(take_calls(), "");
 }
 
@@ -399,7 +326,6 @@ TEST_F(port_manager_test, a_new_request_first_ends_the_one_that_waits) {
     report("IDL_B1", succeeded);
     settle();
     EXPECT_EQ(client_.heard(), "ADDED_CFM 2 IDL_B1 oper 1 encryption 1\n");
-    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_UNAUTHENTICATED);
 }
 
 TEST_F(port_manager_test, an_update_changes_all_of_a_link_but_its_id_and_its_path) {
@@ -445,15 +371,12 @@ TEST_F(port_manager_test, requests_that_cannot_be_met_are_rejected_and_leave_the
     fake.ports = ports;
     set_port("IDL_A1", 0, 0); // nothing of all that reached the names
     EXPECT_EQ(take_calls(), release_);
-    client_.update("IDL_B1", up, OXMSI_DU_TYPE_2, 7, 0); // a port that never had a link knows it by the id 0
-    EXPECT_EQ(client_.heard(), "UPDATED_CFM 12 IDL_B1 oper 1 encryption 0\n");
 }
 
 TEST_F(port_manager_test, the_loss_of_any_client_releases_every_port) {
     test::topology_manager second = connect("second");
     client_.subscribe("IDL_A1");
     second.subscribe("IDL_A1");
-    second.subscribe("IDL_B1");
     second.add("IDL_A1");
     client_.heard();
     second.heard();
@@ -464,43 +387,26 @@ TEST_F(port_manager_test, the_loss_of_any_client_releases_every_port) {
     EXPECT_EQ(take_calls(), release_);
     // The pending link is not answered; the other client's subscriptions live on.
     EXPECT_EQ(second.heard(), "CHANGE_IND 1 IDL_A1 oper 1 encryption 0\n");
-    EXPECT_EQ(oka::simulation::live().monitors, 1u);
 
     // The count of the released link is stale; no request stumbles over it.
     second.remove("IDL_A1");
-    EXPECT_EQ(second.heard(), "DELETED_CFM 4 IDL_A1 oper 1 encryption 0\n");
     second.remove("IDL_A1");
-    EXPECT_EQ(second.heard(), "DELETED_REJ 5 reason 13\n");
+    EXPECT_EQ(second.heard(), "DELETED_CFM 3 IDL_A1 oper 1 encryption 0\nDELETED_REJ 4 reason 13\n");
     second.add("IDL_A1");
-    report("IDL_A1", succeeded);
-    settle();
-    EXPECT_EQ(second.heard(),
-              "CHANGE_IND 1 IDL_A1 oper 0 encryption 0\nADDED_CFM 6 IDL_A1 oper 1 encryption 1\n");
     take_calls();
     second.close();
     EXPECT_EQ(take_calls(), release_);
-    EXPECT_EQ(second.heard(), "CLOSE_CFM 7\n");
-
-    test::topology_manager third = connect("third");
-    third.add("IDL_A1");
-    EXPECT_EQ(take_calls(), add_ + secure_);
-    third.add("IDL_A1");
-    EXPECT_EQ(third.heard(), "ADDED_REJ 2 reason 11\n");
 }
 
 TEST_F(port_manager_test, subscriptions_are_the_clients_own_and_at_most_32) {
     EXPECT_TRUE(tavu_pm_create_instance("IDL_A2"));
     client_.unsubscribe("IDL_A1");
     client_.subscribe("IDL_X");
-    client_.unsubscribe("IDL_X");
-    test::fail_allocation(1);
     client_.subscribe("IDL_A1");
     client_.subscribe("IDL_A1");
-    client_.subscribe("IDL_A1");
-    EXPECT_EQ(client_.heard(),
-              "UNSUBSCRIBE_CFM 1\nSUBSCRIBE_REJ 2 reason 10\nSUBSCRIBE_REJ 3 reason 10\n"
-              "SUBSCRIBE_REJ 4 reason 4\n"
-              "SUBSCRIBE_CFM 5\nCHANGE_IND 5 IDL_A1 oper 1 encryption 0\nSUBSCRIBE_REJ 6 reason 8\n");
+    EXPECT_EQ(client_.heard(), "UNSUBSCRIBE_CFM 1\nSUBSCRIBE_REJ 2 reason 10\n"
+                               "SUBSCRIBE_CFM 3\nCHANGE_IND 3 IDL_A1 oper 1 encryption 0\n"
+                               "SUBSCRIBE_REJ 4 reason 8\n");
 
     std::vector<std::unique_ptr<test::topology_manager>> others;
     for (int index = 0; index < 11; index++) {
@@ -513,13 +419,9 @@ TEST_F(port_manager_test, subscriptions_are_the_clients_own_and_at_most_32) {
     EXPECT_EQ(last, "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\nSUBSCRIBE_REJ 2 reason 9\n"
                     "SUBSCRIBE_REJ 3 reason 9\n");
     client_.unsubscribe("IDL_A1");
-    EXPECT_EQ(client_.heard(), "UNSUBSCRIBE_CFM 7\n");
+    EXPECT_EQ(client_.heard(), "UNSUBSCRIBE_CFM 5\n");
     others.back()->subscribe("IDL_B1");
     EXPECT_EQ(others.back()->heard(), "SUBSCRIBE_CFM 4\nCHANGE_IND 4 IDL_B1 oper 1 encryption 0\n");
-    others[0]->heard();
-    others.back()->add("IDL_A2");
-    EXPECT_EQ(others[0]->heard(), "CHANGE_IND 3 IDL_A2 oper 0 encryption 0\n");
-    EXPECT_EQ(client_.heard() + others.back()->heard(), "");
 }
 
 TEST_F(port_manager_test, stops_with_every_port_unauthenticated_and_can_start_again) {
@@ -528,23 +430,13 @@ TEST_F(port_manager_test, stops_with_every_port_unauthenticated_and_can_start_ag
     client_.add("IDL_B1");
     report("IDL_B1", failed);
     take_calls();
-    EXPECT_EQ(oka::simulation::live().timers, 1u);
     EXPECT_TRUE(tavu_pm_stop());
     EXPECT_EQ(take_calls(), "unauthenticated IDL_B1\nunauthenticated IDL_A1\nstop\n"); // the newest first
-    EXPECT_EQ(oka::simulation::live().timers, 0u);
-    EXPECT_EQ(get_tavu_pm_global_state(), TAVU_PM_GLOBAL_STATE_INITIALIZED);
-    tavu_pm_state state;
-    EXPECT_FALSE(get_tavu_pm_state("IDL_A1", state));
-
     EXPECT_TRUE(tavu_pm_start());
     EXPECT_TRUE(tavu_pm_create_instance("IDL_A1"));
-    settle();
-    EXPECT_EQ(client_.heard(),
-              "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\n"
-              "CHANGE_IND 1 IDL_A1 oper 0 encryption 0\nADDED_CFM 3 IDL_B1 oper 0 encryption 0\n"
-              "ADDED_CFM 2 IDL_A1 oper 1 encryption 0\n");
     client_.subscribe("IDL_A1"); // nobody is subscribed any more
-    EXPECT_EQ(client_.heard(), "SUBSCRIBE_CFM 4\nCHANGE_IND 4 IDL_A1 oper 1 encryption 0\n");
+    EXPECT_TRUE(client_.heard().ends_with("ADDED_CFM 2 IDL_A1 oper 1 encryption 0\n"
+                                          "SUBSCRIBE_CFM 4\nCHANGE_IND 4 IDL_A1 oper 1 encryption 0\n"));
     EXPECT_TRUE(tavu_pm_stop());
     EXPECT_TRUE(oxmsi_server_stop());
     client_.die();
@@ -555,35 +447,19 @@ TEST_F(port_manager_test, creates_a_port_once_and_only_with_its_kay) {
     EXPECT_FALSE(tavu_pm_create_instance("IDL_A1"));
     fake.kay_create = false;
     EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
-    fake.kay_create = true;
-    test::fail_allocation(1);
-    EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
     tavu_pm_state state;
     EXPECT_FALSE(get_tavu_pm_state("IDL_A2", state));
     // A port whose first role fails is there all the same, and is not tried again by itself.
+    fake.kay_create = true;
     fake.kay_connect = false;
     EXPECT_FALSE(tavu_pm_create_instance("IDL_A2"));
     EXPECT_TRUE(get_tavu_pm_state("IDL_A2", state));
     EXPECT_EQ(oka::simulation::live().timers, 0u);
 }
 
-TEST_F(port_manager_world, starts_only_with_its_kays_and_an_mp_id) {
-    EXPECT_FALSE(tavu_pm_start());
-    fake.kay_init = false;
-    EXPECT_FALSE(tavu_pm_init(root()));
-    fake.kay_init = true;
+TEST(port_manager_start_up, needs_an_mp_id) {
     unsetenv("MPID");
-    EXPECT_FALSE(tavu_pm_init(root()));
-    setenv("MPID", "3", 1);
-    EXPECT_TRUE(tavu_pm_init(root()));
-    EXPECT_FALSE(tavu_pm_stop());
-    EXPECT_FALSE(tavu_pm_create_instance("IDL_A1"));
-    fake.kay_start = false;
-    EXPECT_FALSE(tavu_pm_start());
-    fake.kay_start = true;
-    EXPECT_TRUE(tavu_pm_start());
-    EXPECT_FALSE(tavu_pm_init(root()));
-    fake.kay.handle_kay_state_change_ind("IDL_X", {});
+    EXPECT_FALSE(tavu_pm_init(1));
 }
 
 } // namespace
