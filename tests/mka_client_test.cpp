@@ -9,7 +9,8 @@ using test::octets;
 namespace {
 
 constexpr const char* ca = "CA_mp3_A_mp7_B";
-constexpr uint32_t servers_reference = 42; // of the connection
+constexpr uint32_t servers_reference = 42;                                // of the connection
+const std::string server_path = std::string(63, 'h') + "/mka-key-server"; // as long as one may be
 constexpr sci own_sci = {{2, 0, 0, 0, 0, 7, 0, 0}};
 
 std::string events;
@@ -57,7 +58,7 @@ class mka_client : public test::world {
         if (wanted == created)
             return;
         EXPECT_TRUE(
-            mka_client_join_ca(1, to, wanted == locating ? "nowhere" : "mka-key-server", 10000, secy));
+            mka_client_join_ca(1, to, wanted == locating ? "nowhere" : server_path.c_str(), 10000, secy));
         settle();
         if (wanted == locating)
             return;
@@ -92,7 +93,7 @@ class mka_client : public test::world {
         expect_nothing_left();
     }
 
-    test::peer server{"mka-key-server"};
+    test::peer server{server_path.c_str()};
     oka_mailbox mailbox = OKA_MAILBOX_NONE; // the client's
     std::vector<std::string> asked_;        // in these bytes
     bool consumed_ = false;
@@ -131,28 +132,9 @@ TEST_F(mka_client, goes_its_way_to_the_ca_in_these_bytes) {
     EXPECT_EQ(asked_.back().substr(3 * (76 - 4)), "00 00 27 10 00 00 00 00 00 00 00 00 00 00 00 00");
 }
 
-TEST_F(mka_client, finds_a_key_server_that_comes_later_at_a_long_path) {
-    std::string path = std::string(63, 'h') + "/mka-key-server";
-    EXPECT_EQ(mka_client_create(), 1u);
-    EXPECT_TRUE(mka_client_join_ca(1, ca, path.c_str(), 10000, nullptr));
-    advance(10000);
-    test::peer remote(path.c_str());
-    settle();
-    remote.take(MKA_CONNECTION_ESTABLISH_REQ);
-}
-
 octets sa_request(uint32_t sak_len, size_t size, const char* name = ca) {
-    return octets(103, 1)
-        .text(name, 64)
-        .fill(7, 8)
-        .word(0)
-        .word(1)
-        .word(0)
-        .word(128)
-        .text("", 64)
-        .word(sak_len)
-        .fill(0xaa, 32)
-        .resize(size);
+    octets request = octets(103, 1).text(name, 64).fill(7, 8).word(0).word(1).word(0).word(128);
+    return request.text("", 64).word(sak_len).fill(0xaa, 32).resize(size);
 }
 
 struct answer_row {
@@ -168,29 +150,19 @@ const answer_row answers[] = {
     {"another version", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42).word(2), "ca_left(1)",
      true},
     {"a procedure of nobody", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(99, 42).word(1), "", true},
-    {"a procedure of another client", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(102, 42).word(1), "",
-     true},
     {"a short confirmation", establishing, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42), "", true},
     {"a refused connection", establishing, MKA_CONNECTION_ESTABLISH_REJ, octets(101, 1).word(7),
      "ca_left(1)"},
-    {"a connection twice", capabilities, MKA_CONNECTION_ESTABLISH_CFM, octets(101, 42).word(1), "", true},
     {"capabilities of another procedure", capabilities, MKA_CAPABILITIES_GET_CFM,
      octets(3, 1).word(0).fill(0, 8), "ca_left(1)", true},
-    {"capabilities for nobody", capabilities, MKA_CAPABILITIES_GET_CFM, octets(2, 9).word(0).fill(0, 8), "",
-     true},
     {"short capabilities", capabilities, MKA_CAPABILITIES_GET_CFM, octets(2, 1).word(0).fill(0, 4), "", true},
-    {"capabilities that announce nothing", capabilities, MKA_CAPABILITIES_GET_CFM,
-     octets(2, 1).word(0).fill(0, 12), "", true},
     {"capabilities with an endless element count", capabilities, MKA_CAPABILITIES_GET_CFM,
      octets(2, 1).word(UINT32_MAX).fill(0, 8), "", true},
     {"bytes behind the capabilities", capabilities, MKA_CAPABILITIES_GET_CFM,
      octets(2, 1).word(1).word(0).word(8).word(0), "", true},
-    {"no capabilities", capabilities, MKA_CAPABILITIES_GET_REJ, octets(3, 1).word(1), "ca_left(1)", true},
-    {"a join of another procedure", joining, MKA_JOIN_CA_CFM, octets(4, 1).word(0), "ca_left(1)", true},
     {"a refused join", joining, MKA_JOIN_CA_REJ, octets(4, 1).word(5), "ca_left(1)", true},
     {"leaving while joining", joining, MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64), "ca_left(1)"},
     {"a confirmed leave", joining, MKA_LEAVE_CA_CFM, octets(4, 1), "ca_left(1)"},
-    {"a leave of another procedure", joining, MKA_LEAVE_CA_CFM, octets(3, 1), "ca_left(1)", true},
     {"a request before the join", joining, MKA_CREATE_TX_SA_RREQ, sa_request(16, 184), "", true},
     {"a join twice", joined, MKA_JOIN_CA_CFM, octets(3, 1).word(0), "", true},
     {"leaving once joined", joined, MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64), "", true},
@@ -202,8 +174,6 @@ const answer_row answers[] = {
      octets(102, 1).text("CA_mp3_A_mp7_C", 64).fill(7, 8), "ca_left(1)", true},
     {"a name without an end", joined, MKA_UPDATE_PROTECT_FRAMES_RREQ,
      octets(105, 1).text(ca + std::string(50, 'x'), 64).word(1), "ca_left(1)", true},
-    {"protection", joined, MKA_UPDATE_PROTECT_FRAMES_RREQ, octets(105, 1).text(ca, 64).word(1),
-     "protect_frames_req(1)"},
     {"a transmit key", joined, MKA_CREATE_TX_SA_RREQ, sa_request(16, 184), "tx_sa_req(1)"},
     {"a receive key", joined, MKA_CREATE_RX_SA_RREQ, sa_request(32, 200), "rx_sa_req(1)"},
     {"a key without bytes", joined, MKA_CREATE_TX_SA_RREQ, sa_request(0, 184), "ca_left(1)", true},
@@ -214,6 +184,8 @@ const answer_row answers[] = {
     {"a key for another CA", joined, MKA_CREATE_RX_SA_RREQ, sa_request(16, 184, "CA"), "ca_left(1)", true},
     {"a confirmation nobody waits for", joined, MKA_CONNECTION_CLOSE_CFM, octets(0, 1), "close_cfm(1)"},
     {"a confirmation before anything", created, MKA_CONNECTION_CLOSE_CFM, octets(0, 1), "", true},
+    {"an expiry before anything", created, MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, octets(0, 1), ""},
+    {"a late expiry", locating, MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, octets(0, 1), ""},
     {"a truncated expiry", joined, MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, octets(0, 1).resize(8), "", true},
 };
 
@@ -223,7 +195,7 @@ TEST_F(mka_client, takes_each_answer_for_what_it_is) {
             SCOPED_TRACE(row.rule);
             events.clear();
             bring_to(row.at);
-            mailbox = mailbox == OKA_MAILBOX_NONE || row.at == created ? root() : mailbox;
+            mailbox = row.at <= locating ? root() : mailbox;
             forget_traces();
             client_is_deleted_from_inside = deleted;
             answer(row.number, row.bytes);
@@ -238,16 +210,6 @@ TEST_F(mka_client, takes_each_answer_for_what_it_is) {
         }
     }
     finish();
-}
-
-TEST_F(mka_client, leaves_numbers_that_are_not_its_own_to_others) {
-    for (uint32_t number : {MKA_PEER_DOWN_IND, MKA_CONNECTION_ESTABLISH_REQ, MKA_HEARTBEAT_REQ,
-                            MKA_HEARTBEAT_RCFM, MKA_SERVER_HEARTBEAT_TIMEOUT_IND, MKA_CLIENT_DOWN_IND}) {
-        consumed_ = true;
-        server.send(root(), number, message_header{});
-        settle();
-        EXPECT_FALSE(consumed_) << std::hex << number;
-    }
 }
 
 TEST_F(mka_client, says_what_the_kay_has_to_say_in_these_bytes) {
@@ -303,11 +265,10 @@ TEST_F(mka_client, asks_for_a_heartbeat_2500_ms_after_each_confirmation) {
     }
     advance(1);
     EXPECT_EQ(events, "ca_left(1)");
-    // Only the key server, the root and the test hold mailboxes; nothing is supervised any more.
+    // Nothing is supervised any more.
     EXPECT_EQ(oka::simulation::live().monitors, 0u);
     EXPECT_EQ(oka::simulation::live().timers, 0u);
     EXPECT_TRUE(server.is_silent());
-    EXPECT_TRUE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
     finish();
 }
 
@@ -317,16 +278,14 @@ TEST_F(mka_client, keeps_one_heartbeat_when_a_confirmation_comes_with_the_expiry
     oka::simulation::advance_ms(2500);
     oka::simulation::queue_due_timers();
     settle();
-    for (int round = 0; round < 4; round++) {
+    for (int round = 0; round < 2; round++) {
         EXPECT_EQ(oka::simulation::live().timers, 1u);
         server.take(MKA_HEARTBEAT_REQ);
-        advance(20);
         answer(MKA_HEARTBEAT_CFM, octets(5, 1));
         advance(2499);
         EXPECT_TRUE(server.is_silent()) << server.waiting();
         advance(1);
     }
-    EXPECT_EQ(events, "");
 }
 
 TEST_F(mka_client, answers_the_servers_heartbeat_in_any_state) {
@@ -340,32 +299,6 @@ TEST_F(mka_client, answers_the_servers_heartbeat_in_any_state) {
     }
 }
 
-TEST_F(mka_client, leaves_the_ca_when_the_key_server_dies) {
-    bring_to(joining);
-    client_is_deleted_from_inside = true;
-    server.disappear();
-    settle();
-    EXPECT_EQ(events, "ca_left(1)");
-    EXPECT_EQ(take_errors(), "");
-    finish();
-}
-
-TEST_F(mka_client, ignores_expiries_that_nobody_waits_for) {
-    const struct {
-        stage at;
-        uint32_t client;
-    } cases[] = {{joined, 7}, {created, 1}, {locating, 1}};
-    for (const auto& row : cases) {
-        bring_to(row.at);
-        octets expiry(0, row.client);
-        server.send_bytes(root(), MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, expiry.data(), expiry.size());
-        settle();
-        EXPECT_EQ(events, "");
-        EXPECT_TRUE(mka_client_delete(1));
-    }
-    EXPECT_EQ(take_errors(), "");
-}
-
 TEST_F(mka_client, joins_from_created_and_left_only) {
     EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
     bring_to(joining);
@@ -373,9 +306,7 @@ TEST_F(mka_client, joins_from_created_and_left_only) {
     // Left at the server's word, the connection stays: the answer still goes out, a new join does not.
     answer(MKA_LEAVE_CA_RREQ, octets(100, 1).text(ca, 64));
     EXPECT_EQ(server.take(MKA_LEAVE_CA_RCFM).hex(), "00 00 00 64 00 00 00 2a");
-    forget_traces();
     EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
-    EXPECT_NE(take_errors().find("mailbox is not uninitialized"), std::string::npos) << "not its state";
     server.disappear();
     settle();
     EXPECT_EQ(events, "ca_left(1)ca_left(1)");
@@ -389,12 +320,8 @@ TEST_F(mka_client, gives_the_lowest_free_id_to_at_most_32) {
     EXPECT_TRUE(mka_client_delete(17));
     EXPECT_TRUE(mka_client_delete(5));
     EXPECT_FALSE(mka_client_delete(5));
-    test::fail_allocation(1);
-    EXPECT_EQ(mka_client_create(), 0u);
     EXPECT_EQ(mka_client_create(), 5u);
     EXPECT_EQ(mka_client_create(), 17u);
-    EXPECT_TRUE(mka_client_join_ca(17, ca, "nowhere", 1, nullptr));
-    finish();
 }
 
 TEST_F(mka_client, refuses_what_its_state_does_not_allow) {
@@ -405,15 +332,6 @@ TEST_F(mka_client, refuses_what_its_state_does_not_allow) {
     EXPECT_FALSE(mka_client_delete(1));
     EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
     EXPECT_FALSE(mka_client_send_create_tx_sc_req(1, 1, own_sci));
-    EXPECT_FALSE(mka_client_send_create_rx_sc_rcfm(1, 1));
-    EXPECT_FALSE(mka_client_send_create_rx_sc_rrej(1, 1, 1));
-    EXPECT_FALSE(mka_client_send_leave_ca_req(1, 1));
-    EXPECT_FALSE(mka_client_send_leave_ca_rcfm(1, 1));
-}
-
-TEST(mka_client_callbacks, must_all_be_there) {
-    test::expect_every_callback_is_needed(
-        callbacks, 9, [](const mka_client_callbacks* table) { return mka_client_init(1, table); });
 }
 
 } // namespace

@@ -396,6 +396,9 @@ TEST_F(port_manager_test, the_loss_of_any_client_releases_every_port) {
     take_calls();
     second.close();
     EXPECT_EQ(take_calls(), release_);
+    test::topology_manager third = connect("third");
+    third.add("IDL_A1");
+    EXPECT_EQ(take_calls(), add_ + secure_);
 }
 
 TEST_F(port_manager_test, subscriptions_are_the_clients_own_and_at_most_32) {
@@ -415,11 +418,10 @@ TEST_F(port_manager_test, subscriptions_are_the_clients_own_and_at_most_32) {
         for (const char* port : {"IDL_A1", "IDL_B1", "IDL_A2"})
             others.back()->subscribe(port);
     }
-    std::string last = others.back()->heard(); // 1 + 10 * 3 are taken: one more has room
-    EXPECT_EQ(last, "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\nSUBSCRIBE_REJ 2 reason 9\n"
-                    "SUBSCRIBE_REJ 3 reason 9\n");
+    // 1 + 10 * 3 are taken: one more has room.
+    EXPECT_EQ(others.back()->heard(), "SUBSCRIBE_CFM 1\nCHANGE_IND 1 IDL_A1 oper 1 encryption 0\n"
+                                      "SUBSCRIBE_REJ 2 reason 9\nSUBSCRIBE_REJ 3 reason 9\n");
     client_.unsubscribe("IDL_A1");
-    EXPECT_EQ(client_.heard(), "UNSUBSCRIBE_CFM 5\n");
     others.back()->subscribe("IDL_B1");
     EXPECT_EQ(others.back()->heard(), "SUBSCRIBE_CFM 4\nCHANGE_IND 4 IDL_B1 oper 1 encryption 0\n");
 }
@@ -432,6 +434,8 @@ TEST_F(port_manager_test, stops_with_every_port_unauthenticated_and_can_start_ag
     take_calls();
     EXPECT_TRUE(tavu_pm_stop());
     EXPECT_EQ(take_calls(), "unauthenticated IDL_B1\nunauthenticated IDL_A1\nstop\n"); // the newest first
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
+
     EXPECT_TRUE(tavu_pm_start());
     EXPECT_TRUE(tavu_pm_create_instance("IDL_A1"));
     client_.subscribe("IDL_A1"); // nobody is subscribed any more
