@@ -40,9 +40,7 @@ class unit {
     }
 
     void start() {
-        start_port_control();
-        start_daemon();
-        start_topology();
+        start_all();
         watch.emplace(words{TAVUCTL, "watch", "--json"}, environment());
         ASSERT_TRUE(wait_until([&] { return shows(R"("state":"connected")"); })) << all_output();
     }
@@ -51,7 +49,6 @@ class unit {
                              environment());
     }
     void start_daemon() { daemon.emplace(words{QEL_TAVU}, environment()); }
-
     void start_topology() { topology.emplace(words{IDL_TOPOLOGYD, "--links", links_file()}, environment()); }
     void start_all() {
         start_port_control();
@@ -137,9 +134,12 @@ class node : public testing::Test {
     void secure_link() {
         seven.publish_link();
         three.publish_link();
-        ASSERT_TRUE(wait_until([&] { return three.is_encrypted() && seven.is_encrypted(); }))
-            << three.all_output() << seven.all_output();
+        expect_encrypted();
     }
+    void expect_encrypted() {
+        ASSERT_TRUE(wait_until([&] { return three.is_encrypted() && seven.is_encrypted(); })) << all_output();
+    }
+    std::string all_output() const { return three.all_output() + seven.all_output(); }
 
     test::temporary_folder folder;
     unit three{folder.path(), 3, 7};
@@ -157,12 +157,8 @@ class node : public testing::Test {
     }
 };
 
-TEST_F(node, encrypts_a_published_link_at_both_ends_and_tells_so) {
+TEST_F(node, encrypts_a_published_link_at_both_ends_and_tells_what_it_does) {
     ASSERT_NO_FATAL_FAILURE(start_both());
-    ended status = three.tavuctl({"status"});
-    EXPECT_EQ(status.status, 0);
-    EXPECT_NE(status.output.find("no links"), std::string::npos) << status.output;
-
     ASSERT_NO_FATAL_FAILURE(secure_link());
     const struct {
         const unit& at;
@@ -171,14 +167,9 @@ TEST_F(node, encrypts_a_published_link_at_both_ends_and_tells_so) {
         std::vector<const char*> texts;
     } rows[] = {
         {three, {"status"}, 0, {"IDL_A1", "mp7 IDL_A1", "enabled", "link updated", "connected for"}},
-        {seven, {"status"}, 0, {"IDL_A1", "mp3 IDL_A1", "enabled", "link updated", "connected for"}},
-        {seven,
-         {"status", "--json"},
-         0,
-         {R"("port":"IDL_A1")", R"("remote_mpid":3)", R"("encryption":"enabled")"}},
+        {seven, {"status", "--json"}, 0, {R"("remote_mpid":3)", R"("encryption":"enabled")"}},
         {three, {"link", "set", "IDL_B1", "--status", "down"}, 1, {"IDL_B1"}},
         {three, {"link", "set", "IDL_A1"}, 2, {"--status"}},
-        {three, {"status", "--wrong"}, 2, {"--wrong", "--help"}},
     };
     for (const auto& row : rows) {
         ended result = row.at.tavuctl(row.arguments);
@@ -186,6 +177,18 @@ TEST_F(node, encrypts_a_published_link_at_both_ends_and_tells_so) {
         for (const char* text : row.texts)
             EXPECT_NE(result.output.find(text), std::string::npos) << text << " in:\n" << result.output;
     }
+    // It tells which of its processes is missing, too.
+    three.daemon->kill();
+    EXPECT_TRUE(wait_until([&] { return three.shows(R"("state":"locating")"); })) << three.all_output();
+    ended status = three.tavuctl({"status"});
+    EXPECT_NE(status.output.find("is it running in this unit"), std::string::npos) << status.output;
+    EXPECT_FALSE(three.is_encrypted());
+    EXPECT_EQ(three.tavuctl({"link", "set", "IDL_A1", "--status", "down"}).status, 1);
+
+    three.topology->kill();
+    status = three.tavuctl({"status", "--timeout", "1"});
+    EXPECT_EQ(status.status, 3);
+    EXPECT_NE(status.output.find("is idl-topologyd running"), std::string::npos) << status.output;
 }
 
 TEST_F(node, leaves_a_port_unauthenticated_whose_link_is_deleted_or_down) {
@@ -206,8 +209,7 @@ TEST_F(node, leaves_a_port_unauthenticated_whose_link_is_deleted_or_down) {
     // Both ends as before: the key server takes the re-formed association up again.
     seven.publish_link();
     EXPECT_EQ(three.tavuctl({"link", "set", "IDL_A1", "--status", "file"}).status, 0);
-    EXPECT_TRUE(wait_until([&] { return three.is_encrypted() && seven.is_encrypted(); }))
-        << three.all_output() << seven.all_output();
+    expect_encrypted();
 }
 
 // An init system starts again what died; here the test does. How long a link needs from then on is printed.
@@ -229,7 +231,6 @@ TEST_F(node, comes_back_from_whatever_breaks) {
         {"qel-tavu of the other unit", {&seven}, kill_daemon, &unit::start_daemon},
         {"qel-tavu of both", {&three, &seven}, kill_daemon, &unit::start_daemon},
         {"oxpcsi-server of the key server's unit", {&three}, kill_port_control, &unit::start_port_control},
-        {"oxpcsi-server of the other unit", {&seven}, kill_port_control, &unit::start_port_control},
         {"idl-topologyd of the key server's unit", {&three}, &unit::kill_topology, &unit::start_topology},
         {"idl-topologyd of the other unit", {&seven}, &unit::kill_topology, &unit::start_topology},
         {"idl-topologyd of both", {&three, &seven}, &unit::kill_topology, &unit::start_topology},
@@ -242,38 +243,16 @@ TEST_F(node, comes_back_from_whatever_breaks) {
             row.breaks(*each);
         ASSERT_TRUE(wait_until([&] { return !three.is_secured() && !seven.is_secured(); }))
             << row.what << ":\n"
-            << three.all_output() << seven.all_output();
+            << all_output();
         auto mended = std::chrono::steady_clock::now();
         for (unit* each : row.at)
             row.mends(*each);
-        ASSERT_TRUE(wait_until([&] { return three.is_secured() && seven.is_secured(); }))
-            << row.what << ":\n"
-            << three.all_output() << seven.all_output();
+        ASSERT_TRUE(wait_until([&] { return three.is_secured() && seven.is_secured(); })) << row.what << ":\n"
+                                                                                          << all_output();
         std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - mended;
         printf("    %-45s secured again after %6.1f ms\n", row.what, took.count());
         EXPECT_TRUE(three.is_encrypted() && seven.is_encrypted()) << row.what;
     }
-}
-
-TEST_F(node, tells_which_of_its_processes_is_missing) {
-    ASSERT_NO_FATAL_FAILURE(start_both());
-    ASSERT_NO_FATAL_FAILURE(secure_link());
-
-    three.daemon->kill();
-    EXPECT_TRUE(wait_until([&] { return three.shows(R"("state":"locating")"); })) << three.all_output();
-    ended status = three.tavuctl({"status"});
-    EXPECT_EQ(status.status, 0);
-    EXPECT_NE(status.output.find("is it running in this unit"), std::string::npos) << status.output;
-    EXPECT_FALSE(three.is_encrypted());
-    EXPECT_EQ(three.tavuctl({"link", "set", "IDL_A1", "--status", "down"}).status, 1);
-
-    three.start_daemon();
-    EXPECT_TRUE(wait_until([&] { return three.shows(R"("state":"connected")"); })) << three.all_output();
-
-    three.topology->kill();
-    status = three.tavuctl({"status", "--timeout", "1"});
-    EXPECT_EQ(status.status, 3);
-    EXPECT_NE(status.output.find("is idl-topologyd running"), std::string::npos) << status.output;
 }
 
 TEST_F(node, refuses_to_run_where_it_cannot_work) {

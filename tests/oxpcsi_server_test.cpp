@@ -158,6 +158,7 @@ TEST_F(oxpcsi_server, rejects_what_it_cannot_do_and_drops_what_is_malformed_or_n
         {"served already", init, {1, 1, 2, 2, 2}, nullptr, OXPCSI_REJ_SERVICE_ALREADY_INITIATED},
         {"no version of ours", init, {1, 1, 1, 3, 0}, nullptr, OXPCSI_REJ_SERVICE_INVALID_PV},
         {"no role", subscribe, {3, 1, 0}, "", OXPCSI_REJ_INVALID_PORTROLE},
+        {"a role that nobody knows", subscribe, {3, 1, 9}, "", OXPCSI_REJ_INVALID_PORTROLE},
         {"a port of another role", subscribe, {3, 1, 4}, "IDL_A1", OXPCSI_REJ_INVALID_PORTROLE},
         {"no such port", subscribe, {3, 1, 1}, "IDL_A", OXPCSI_REJ_INVALID_PORTNAME},
         {"an endless name", subscribe, {3, 1, 1}, "IDL_A1IDL_A1IDL_", OXPCSI_REJ_INVALID_PORTNAME},
