@@ -280,8 +280,8 @@ TEST(links_file, that_is_no_file_is_an_error_and_no_hang) {
 
 // --- Towards the daemon.
 
-TEST_F(idl_topologyd, connects_subscribes_and_publishes) {
-    start(link_a1 + "status='down'\n");
+TEST_F(idl_topologyd, connects_subscribes_publishes_and_tells_the_other_end) {
+    start(link_a1);
     daemon.emplace("oxmsi");
     settle();
     EXPECT_EQ(daemon->take(OXMSI_CONNECTION_ESTABLISH_REQ).hex(),
@@ -298,6 +298,17 @@ TEST_F(idl_topologyd, connects_subscribes_and_publishes) {
               "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 07 "
               "00 00 00 00 00 00 00 02 00 00 00 03 73 69 74 65");
     EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
+    other.emplace("site/mp7/idl-topologyd");
+    settle();
+    EXPECT_EQ(other->take(TOPOLOGY_PEER_LINK_IND).hex().substr(0, 191),
+              // reference, version 1, both ports, the other's MP id
+              "00 00 00 01 00 00 00 00 00 00 00 01 49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
+              "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 07 "
+              // a life, none seen, stopping, and no trouble
+              "00 00 03 e9 00 00 00 00 00 00 00 02 00 00 00 00");
+    reply(ADDED + 2, 4, 1, OXMSI_REJ_UNKNOWN_PORT_NAME);
+    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_REFUSED);
+    EXPECT_NE(strstr(told.words.octets, "no port of this name"), nullptr) << told.words.octets;
 }
 
 TEST_F(idl_topologyd, brings_every_change_of_the_file_to_the_daemon) {
@@ -392,21 +403,6 @@ TEST_F(idl_topologyd, drops_what_is_not_the_daemons_answer) {
 }
 
 // --- Towards the other end.
-
-TEST_F(idl_topologyd, tells_the_other_end_the_whole_state_of_a_link) {
-    start_connected(link_a1);
-    other.emplace("site/mp7/idl-topologyd");
-    settle();
-    EXPECT_EQ(other->take(TOPOLOGY_PEER_LINK_IND).hex().substr(0, 191),
-              // reference, version 1, both ports, the other's MP id
-              "00 00 00 01 00 00 00 00 00 00 00 01 49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
-              "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 07 "
-              // a life, none seen, stopping, and no trouble
-              "00 00 03 e9 00 00 00 00 00 00 00 02 00 00 00 00");
-    reject(ADDED, OXMSI_REJ_UNKNOWN_PORT_NAME);
-    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_REFUSED);
-    EXPECT_NE(strstr(told.words.octets, "no port of this name"), nullptr) << told.words.octets;
-}
 
 TEST_F(idl_topologyd, starts_over_when_the_life_of_the_link_ended) {
     struct end {

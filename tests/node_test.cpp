@@ -224,29 +224,23 @@ TEST_F(node, comes_back_from_whatever_breaks) {
     const act kill_port_control = [](unit& of) { of.port_control->kill(); };
     const struct {
         const char* what;
-        std::vector<unit*> at;
+        unit& at;
         act breaks, mends;
     } rows[] = {
-        {"qel-tavu of the key server's unit", {&three}, kill_daemon, &unit::start_daemon},
-        {"qel-tavu of the other unit", {&seven}, kill_daemon, &unit::start_daemon},
-        {"qel-tavu of both", {&three, &seven}, kill_daemon, &unit::start_daemon},
-        {"oxpcsi-server of the key server's unit", {&three}, kill_port_control, &unit::start_port_control},
-        {"idl-topologyd of the key server's unit", {&three}, &unit::kill_topology, &unit::start_topology},
-        {"idl-topologyd of the other unit", {&seven}, &unit::kill_topology, &unit::start_topology},
-        {"idl-topologyd of both", {&three, &seven}, &unit::kill_topology, &unit::start_topology},
-        {"the cable", {&three}, set_cable("down"), set_cable("up")},
-        {"the key server's unit", {&three}, &unit::kill_all, &unit::start_all},
-        {"the other unit", {&seven}, &unit::kill_all, &unit::start_all},
+        {"qel-tavu of the key server's unit", three, kill_daemon, &unit::start_daemon},
+        {"oxpcsi-server of the key server's unit", three, kill_port_control, &unit::start_port_control},
+        {"idl-topologyd of the other unit", seven, &unit::kill_topology, &unit::start_topology},
+        {"the cable", three, set_cable("down"), set_cable("up")},
+        {"the key server's unit", three, &unit::kill_all, &unit::start_all},
+        {"the other unit", seven, &unit::kill_all, &unit::start_all},
     };
     for (const auto& row : rows) {
-        for (unit* each : row.at)
-            row.breaks(*each);
+        row.breaks(row.at);
         ASSERT_TRUE(wait_until([&] { return !three.is_secured() && !seven.is_secured(); }))
             << row.what << ":\n"
             << all_output();
         auto mended = std::chrono::steady_clock::now();
-        for (unit* each : row.at)
-            row.mends(*each);
+        row.mends(row.at);
         ASSERT_TRUE(wait_until([&] { return three.is_secured() && seven.is_secured(); })) << row.what << ":\n"
                                                                                           << all_output();
         std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - mended;
