@@ -306,7 +306,7 @@ TEST_F(idl_topologyd, connects_subscribes_publishes_and_tells_the_other_end) {
               "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 07 "
               // a life, none seen, stopping, and no trouble
               "00 00 03 e9 00 00 00 00 00 00 00 02 00 00 00 00");
-    reply(ADDED + 2, 4, 1, OXMSI_REJ_UNKNOWN_PORT_NAME);
+    reply(ADDED + 2, 4, 2, OXMSI_REJ_UNKNOWN_PORT_NAME);
     EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_REFUSED);
     EXPECT_NE(strstr(told.words.octets, "no port of this name"), nullptr) << told.words.octets;
 }
