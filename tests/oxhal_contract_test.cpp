@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "platform/oxhal.h"
@@ -47,31 +48,34 @@ class oxhal_contract : public testing::Test {
         bool in_use = false;
         return oxhal_macsec_receive_sa_in_use_get(port, of, an, &in_use) ? -1 : in_use;
     }
+    void use_tx(uint8_t an) const {
+        ASSERT_EQ(create_tx(an), 0);
+        ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, an, true), 0);
+    }
+    void use_rx(uint8_t an) const {
+        ASSERT_EQ(create_rx(an), 0);
+        ASSERT_EQ(oxhal_macsec_receive_sa_enable(port, peer, an, true), 0);
+    }
     // One channel of each direction, each with association 1 in use.
     void secure() const {
         ASSERT_EQ(oxhal_macsec_transmit_sc_create(port, own), 0);
         ASSERT_EQ(oxhal_macsec_receive_sc_create(port, peer), 0);
-        ASSERT_EQ(create_rx(1), 0);
-        ASSERT_EQ(oxhal_macsec_receive_sa_enable(port, peer, 1, true), 0);
-        ASSERT_EQ(create_tx(1), 0);
-        ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, 1, true), 0);
+        use_rx(1);
+        use_tx(1);
     }
 
     uint32_t port = 0;
 };
 
 TEST_F(oxhal_contract, lists_its_ports) {
-    oxhal_vport each, earlier;
+    std::set<uint32_t> handles;
+    std::set<std::string> names = {""};
+    oxhal_vport each;
     uint32_t count = 0;
     for (; oxhal_vport_iterate(count, &each) == 0; ++count) {
         ASSERT_LT(count, 16u);
-        EXPECT_NE(memchr(each.name, '\0', sizeof each.name), nullptr);
-        EXPECT_GT(strlen(each.name), 0u);
-        for (uint32_t before = 0; before < count; ++before) {
-            ASSERT_EQ(oxhal_vport_iterate(before, &earlier), 0);
-            EXPECT_NE(earlier.handle, each.handle);
-            EXPECT_STRNE(earlier.name, each.name);
-        }
+        ASSERT_LT(strnlen(each.name, sizeof each.name), sizeof each.name);
+        EXPECT_TRUE(handles.insert(each.handle).second && names.insert(each.name).second) << each.name;
     }
     EXPECT_GT(count, 0u);
 }
@@ -97,35 +101,31 @@ TEST_F(oxhal_contract, can_do_what_the_daemon_asks_of_ieee_802_1ae_2006) {
 
 TEST_F(oxhal_contract, a_transmit_association_takes_over_from_the_one_before) {
     ASSERT_EQ(oxhal_macsec_transmit_sc_create(port, own), 0);
-    for (uint8_t an : std::initializer_list<uint8_t>{1, 2, 3, 0, 1}) {
+    use_tx(0);
+    for (uint8_t an : std::initializer_list<uint8_t>{1, 2, 3, 0}) {
         auto before = static_cast<uint8_t>((an + 3) & 3);
-        bool first = tx(before) == -1;
         ASSERT_EQ(create_tx(an), 0);
         EXPECT_EQ(tx(an), 0);
-        EXPECT_EQ(tx(before), first ? -1 : 1) << "one that is only created changes nothing";
+        EXPECT_EQ(tx(before), 1) << "one that is only created changes nothing";
         ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, an, true), 0);
         EXPECT_EQ(tx(an), 1);
-        if (first)
-            continue;
         EXPECT_EQ(tx(before), 0) << "installed still";
         ASSERT_EQ(oxhal_macsec_transmit_sa_delete(port, own, before), 0);
         EXPECT_EQ(tx(before), -1);
         EXPECT_EQ(tx(an), 1);
     }
-    ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, 1, false), 0);
-    EXPECT_EQ(tx(1), 0);
-    EXPECT_EQ(oxhal_macsec_transmit_sa_delete(port, own, 1), 0);
+    ASSERT_EQ(oxhal_macsec_transmit_sa_enable(port, own, 0, false), 0);
+    EXPECT_EQ(tx(0), 0);
+    EXPECT_EQ(oxhal_macsec_transmit_sa_delete(port, own, 0), 0);
     EXPECT_EQ(oxhal_macsec_transmit_sc_delete(port, own), 0);
 }
 
 TEST_F(oxhal_contract, receive_associations_are_in_use_side_by_side_and_channel_by_channel) {
-    for (const oxhal_macsec_sci& sci : {peer, stranger}) {
+    for (const oxhal_macsec_sci& sci : {peer, stranger})
         ASSERT_EQ(oxhal_macsec_receive_sc_create(port, sci), 0);
-        for (uint8_t an : std::initializer_list<uint8_t>{0, 3})
-            ASSERT_EQ(create_rx(an, sci), 0);
-    }
-    for (uint8_t an : std::initializer_list<uint8_t>{0, 3})
-        ASSERT_EQ(oxhal_macsec_receive_sa_enable(port, peer, an, true), 0);
+    ASSERT_EQ(create_rx(0, stranger), 0);
+    use_rx(0);
+    use_rx(3);
     EXPECT_EQ(rx(0), 1);
     EXPECT_EQ(rx(3), 1);
     EXPECT_EQ(rx(0, stranger), 0);
@@ -175,19 +175,14 @@ TEST_F(oxhal_contract, refuses_what_the_secy_cannot_be_and_changes_nothing) {
             oxhal_macsec_validate_frames_set2(port, static_cast<oxhal_macsec_validate_frames>(3)));
 }
 
-TEST_F(oxhal_contract, delete_all_takes_the_associations_along_and_only_its_direction) {
+TEST_F(oxhal_contract, delete_all_empties_its_direction_and_enabling_the_controlled_port_again_both) {
     secure();
-    ASSERT_EQ(oxhal_macsec_receive_sc_create(port, stranger), 0);
     EXPECT_EQ(oxhal_macsec_receive_sc_delete_all(port), 0);
     EXPECT_EQ(rx(1), -1);
     EXPECT_EQ(tx(1), 1);
     EXPECT_EQ(oxhal_macsec_transmit_sc_delete_all(port), 0);
     EXPECT_EQ(tx(1), -1);
     EXPECT_EQ(oxhal_macsec_transmit_sc_delete_all(port), 0) << "there is none any more";
-    secure();
-}
-
-TEST_F(oxhal_contract, enabling_the_controlled_port_again_empties_the_secy) {
     secure();
     ASSERT_EQ(oxhal_macsec_enable_set(port, true), 0);
     EXPECT_EQ(tx(1), -1);
