@@ -72,16 +72,17 @@ class client {
         mailbox_be_ = welcome.header.sender_be;
         return send_bytes(&attach, sizeof attach);
     }
-    template<class Request>
-    bool ask(uint32_t number, Request request) {
-        static_assert(sizeof request % alignof(oka::frame_header) == 0);
-        request.header = {std::bit_cast<host32>(htobe32(number)), number & 0xff, id_};
+    // A request with these fields behind its header.
+    bool ask(uint32_t number, const void* fields = nullptr, size_t size = 0) {
         struct {
-            oka::frame_header header;
-            Request request;
-        } frame = {oka::make_header(oka::frame_kind::message, 0, 1), request};
+            oka::frame_header header = oka::make_header(oka::frame_kind::message, 0, 1);
+            message_header head;
+            unsigned char fields[sizeof(oxmsi_link_added_req)];
+        } frame = {.head = {std::bit_cast<host32>(htobe32(number)), number & 0xff, id_}, .fields = {}};
         frame.header.receiver_be = mailbox_be_;
-        return send_bytes(&frame, sizeof frame);
+        if (size > 0)
+            memcpy(frame.fields, fields, size);
+        return send_bytes(&frame, offsetof(decltype(frame), fields) + size);
     }
     // The number of the next message, 0 when the connection is closed, or silent for too long.
     uint32_t next() {
@@ -104,29 +105,23 @@ class client {
         return number;
     }
     bool ask_to_connect(uint32_t version = 1) {
-        return ask(OXMSI_CONNECTION_ESTABLISH_REQ, oxmsi_connection_establish_req{{}, 1, version});
+        const be32 versions[] = {1, version};
+        return ask(OXMSI_CONNECTION_ESTABLISH_REQ, versions, sizeof versions);
     }
     // False when the service refuses.
     bool connect() { return greet() && ask_to_connect() && next() == OXMSI_CONNECTION_ESTABLISH_CFM; }
-    void subscribe(const char* port) {
-        oxmsi_subscription_req request = {};
-        request.port.assign(port);
-        ask(OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ, request);
-    }
-    bool ask_bare(uint32_t number) {
-        struct bare {
-            message_header header;
-        };
-        return ask(number, bare{});
+    void subscribe(const char* name) {
+        port_name port;
+        port.assign(name);
+        ask(OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ, &port, sizeof port);
     }
     bool is_answered() {
-        if (ask_bare(OXMSI_CAPABILITIES_GET_REQ)) {
-            while (uint32_t number = next()) {
-                if (number == OXMSI_CAPABILITIES_GET_CFM)
-                    return true;
-            }
-        }
-        return false;
+        ask(OXMSI_CAPABILITIES_GET_REQ);
+        uint32_t number = 0;
+        do
+            number = open_ ? next() : 0;
+        while (number != 0 && number != OXMSI_CAPABILITIES_GET_CFM);
+        return number != 0;
     }
 
     // As the service last told of the port, and how often.
@@ -144,25 +139,28 @@ class link_end : public client {
   public:
     link_end(const std::string& service, const char* port, uint32_t remote_mpid, const char* remote_port)
         : client(service) {
-        request_.link.port.assign(port);
-        request_.link.remote_port.assign(remote_port);
-        request_.link.link_id = 1;
-        request_.link.remote_mpid = remote_mpid;
-        request_.link.du_type = OXMSI_DU_TYPE_3;
-        request_.hunt_path.assign(("mp" + std::to_string(remote_mpid)).c_str());
+        added_.link.port.assign(port);
+        added_.link.remote_port.assign(remote_port);
+        added_.link.link_id = 1;
+        added_.link.remote_mpid = remote_mpid;
+        added_.link.du_type = OXMSI_DU_TYPE_3;
+        added_.hunt_path.assign(("mp" + std::to_string(remote_mpid)).c_str());
         connect();
         subscribe(port);
     }
     void publish(uint32_t status) {
-        request_.link.link_status = status;
+        added_.link.link_status = status;
         if (std::exchange(is_added_, true))
-            ask(OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REQ, oxmsi_link_updated_req{{}, request_.link});
+            ask(OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REQ, &added_.link, sizeof added_.link);
         else
-            ask(OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ, request_);
+            ask(OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ, &added_, sizeof added_);
     }
 
   private:
-    oxmsi_link_added_req request_ = {};
+    struct {
+        oxmsi_link link = {};
+        oka_hunt_path hunt_path = {};
+    } added_;
     bool is_added_ = false;
 };
 
@@ -342,7 +340,7 @@ void connect_subscribe_publish_close(const std::string& service) {
     for (link_end& each : clients)
         each.publish(OXMSI_LTM_LINK_STATUS_UP);
     for (link_end& each : clients)
-        each.ask_bare(OXMSI_CONNECTION_CLOSE_REQ);
+        each.ask(OXMSI_CONNECTION_CLOSE_REQ);
 }
 
 // Half a hundred of them ask for what has an answer, and take none.
