@@ -197,7 +197,7 @@ struct link {
             steady::time_point asked = steady::now();
             if (!first.is_answered() || !second.is_answered())
                 return 0;
-            times.push_back((steady::now() - asked) / 1us);
+            times.push_back(static_cast<long>((steady::now() - asked) / 1us));
         }
         std::sort(times.begin(), times.end());
         return times[times.size() / 2];

@@ -35,7 +35,7 @@ bool is_touched(int page_map, uint64_t begin, size_t size) {
     constexpr uint64_t in_memory_or_swapped = uint64_t{3} << 62;
     uint64_t pages[256] = {};
     auto page_size = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    size_t wanted = std::min<size_t>(sizeof pages, (size / page_size + 1) * sizeof *pages);
+    size_t wanted = std::min(sizeof pages, static_cast<size_t>(size / page_size + 1) * sizeof *pages);
     (void)!pread(page_map, pages, wanted, static_cast<off_t>(begin / page_size * sizeof *pages));
     return std::any_of(std::begin(pages), std::end(pages),
                        [](uint64_t page) { return (page & in_memory_or_swapped) != 0; });
