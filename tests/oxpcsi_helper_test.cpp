@@ -56,12 +56,12 @@ class oxpcsi_helper : public test::world {
                       oxpcsi_init_service_cfm{header(1, servers_connection), version});
         settle();
     }
-    void confirm_ports(const std::vector<oxpcsi_port_entry>& entries) {
+    void confirm_ports(const std::vector<oxpcsi_port_entry>& entries, uint32_t missing = 0) {
         asked_ += server().take(OXPCSI_GET_ETH_PORT_SUPPORT_REQ).hex() + "\n";
         std::vector<uint8_t> bytes(std::max<size_t>(64, 16 + 48 * entries.size()));
         auto& cfm = *reinterpret_cast<oxpcsi_get_eth_port_support_cfm*>(bytes.data());
         cfm.header = header(2);
-        cfm.no_ports = static_cast<uint32_t>(entries.size());
+        cfm.no_ports = static_cast<uint32_t>(entries.size()) + missing;
         if (!entries.empty())
             memcpy(static_cast<void*>(&cfm.first_entry), entries.data(), 48 * entries.size());
         server().send_bytes(client_, OXPCSI_GET_ETH_PORT_SUPPORT_CFM, bytes.data(), bytes.size());
@@ -128,8 +128,7 @@ TEST_F(oxpcsi_helper, keeps_the_ports_of_its_role_newest_first) {
     ASSERT_NE(second, nullptr);
     EXPECT_STREQ(second->port.c_str(), "IDL_A1");
     EXPECT_EQ(oxpcsi_get_next_supported_port(second), nullptr);
-    EXPECT_EQ(second->admin_state, 666u);
-    EXPECT_EQ(second->oper_state, 666u);
+    EXPECT_TRUE(second->admin_state == 666 && second->oper_state == 666);
     EXPECT_EQ(second->votk_id, 9u);
     EXPECT_EQ(second->mac_address[5], 1);
     EXPECT_STREQ(oxpcsi_get_if_name("IDL_A1"), "eth1");
@@ -193,6 +192,14 @@ TEST_F(oxpcsi_helper, a_bad_port_entry_costs_its_own_port_only) {
     EXPECT_EQ(events, "server_up ");
     EXPECT_STREQ(oxpcsi_get_supported_ports_list()->port.c_str(), "IDL_A1");
     EXPECT_EQ(oxpcsi_get_next_supported_port(oxpcsi_get_supported_ports_list()), nullptr);
+}
+
+TEST_F(oxpcsi_helper, a_reply_with_more_entries_than_it_holds_is_dropped) {
+    server();
+    start();
+    confirm_service();
+    confirm_ports({entry(1, "IDL_A1", "eth1", 1)}, 0x10000000); // a count that wraps
+    EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_INITIATED);
 }
 
 TEST_F(oxpcsi_helper, another_version_or_any_reject_ends_the_start) {
