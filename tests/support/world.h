@@ -143,17 +143,4 @@ void fail_allocation(unsigned nth);
 // How many such allocations there were so far.
 unsigned allocations();
 
-// A module takes its table of `count` callbacks only when it is there, with every one of them.
-template<class Callbacks, class Init>
-void expect_every_callback_is_needed(const Callbacks& complete, size_t count, Init init) {
-    EXPECT_EQ(sizeof complete, count * sizeof(void*));
-    EXPECT_FALSE(init(nullptr));
-    for (size_t missing = 0; missing < count; missing++) {
-        Callbacks table = complete;
-        memset(reinterpret_cast<uint8_t*>(&table) + missing * sizeof(void*), 0, sizeof(void*));
-        EXPECT_FALSE(init(&table)) << missing;
-    }
-    EXPECT_TRUE(init(&complete));
-}
-
 } // namespace test
