@@ -45,12 +45,16 @@ start() {
     processes="$processes $!"
 }
 
+start_daemon() { # MPID INTERFACE
+    start "mp$1" "$1" env "MPID=$1" "OXHAL_DRIVER=$hardware" "OXHAL_PORTS=DiPort_A1=$2:sec-a1" \
+        "ZEB_TRACE=error info state-change trace" qel-tavu
+}
+
 # start_unit MPID INTERFACE: the three processes of a unit; it has no link unless one was published before.
 start_unit() {
     [ -e "$work/links-mp$1.toml" ] || echo 'link = []' >"$work/links-mp$1.toml"
     start "mp$1" "$1" oxpcsi-server --port "IDL_A1=$2"
-    start "mp$1" "$1" env "MPID=$1" "OXHAL_DRIVER=$hardware" "OXHAL_PORTS=DiPort_A1=$2:sec-a1" \
-        "ZEB_TRACE=error info state-change trace" qel-tavu
+    start_daemon "$1" "$2"
     start "mp$1" "$1" idl-topologyd --links "$work/links-mp$1.toml"
 }
 
