@@ -10,30 +10,6 @@ namespace {
 
 using mka_messages = test::world;
 
-TEST_F(mka_messages, have_the_names_of_their_numbers) {
-    const struct {
-        uint32_t number;
-        uint32_t own_timer;
-        const char* name;
-    } cases[] = {
-        {0x1b0701, 0, "MKA_CONNECTION_ESTABLISH_REQ"},
-        {0x1b071e, 0, "MKA_UPDATE_PROTECT_FRAMES_RREJ"},
-        {0x1b0722, 0, "MKA_HEARTBEAT_RCFM"},
-        {0x1b0724, 0, "MKA_PEER_DOWN_IND"},
-        {0x1b0725, 0, "<unknown value>"},
-        {0x1b1226, 0, "KEYSRV_MSG_TIMEOUT_IND"},
-        {0x1b1228, 0, "MKA_SERVER_DOWN_IND"},
-        // Each side knows its own timer and nobody else's.
-        {0x1b1222, 0x1b1222, "MKA_CLIENT_HEARTBEAT_TIMEOUT_IND"},
-        {0x1b1222, 0x1b1223, "<unknown value>"},
-        {0x1b1223, 0x1b1223, "MKA_SERVER_HEARTBEAT_TIMEOUT_IND"},
-        {0x1b1225, 0x1b1225, "KEYSRV_KEY_REFRESH_TIMER_IND"},
-        {0x1b1225, 0, "<unknown value>"},
-    };
-    for (const auto& row : cases)
-        EXPECT_STREQ(mka_msg_no_to_str(row.number, row.own_timer), row.name) << std::hex << row.number;
-}
-
 TEST_F(mka_messages, are_searched_for_elements_within_their_bytes_only) {
     constexpr uint32_t offset = 12;
     const struct {

@@ -41,12 +41,6 @@ TEST_F(daemon_world, messages_that_nobody_takes_are_told_and_freed) {
                              "TAVU: Unhandled message, message id: 4242\n");
 }
 
-TEST_F(daemon_world, a_second_initialisation_changes_nothing) {
-    start();
-    EXPECT_FALSE(tavu_main_init());
-    EXPECT_EQ(get_tavu_main_state(), TAVU_MAIN_STATE_STARTED);
-}
-
 TEST_F(link_life, ends_secured_has_its_keys_changed_and_is_let_go) {
     lead();
     EXPECT_TRUE(secured_);
