@@ -220,7 +220,7 @@ void report_backlog(const peer& of) {
 
 // Not yet the end of any peer, since the callers hold on to theirs.
 void make_room(size_t bytes) {
-    while (links.backlog_bytes + bytes > backlogs_limit) {
+    while (links.peers && links.backlog_bytes + bytes > backlogs_limit) {
         peer* longest = links.peers;
         for (peer* each = links.peers; each; each = each->next) {
             if (each->backlog_bytes > longest->backlog_bytes)
