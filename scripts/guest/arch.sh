@@ -18,6 +18,7 @@ guest_arch() {
         qemu_package=qemu-system-arm
         qemu=(qemu-system-arm -machine "virt,accel=tcg,highmem=off" -cpu cortex-a15 -device virtio-rng-pci)
         console=ttyAMA0
+        emulator=qemu-arm-static
         ;;
     *)
         echo "No guest machine of architecture '$arch'; there are amd64 and armhf." >&2
