@@ -12,3 +12,44 @@ foreign_apt() {
         -o APT::Install-Recommends=false)
     "${apt[@]}" update >&2 || echo "Going on with the package lists that could be fetched." >&2
 }
+
+# `run_foreign ARCHITECTURE COMMAND...` runs a command, whose programs of ARCHITECTURE the kernel starts under the
+# user-mode emulator. A host where it does not do that already is left as it is: root gets a user namespace with a
+# binfmt_misc of its own, which Linux has since 6.7.
+run_foreign() {
+    local arch=$1 emulator=qemu-arm handlers=/proc/sys/fs/binfmt_misc
+    shift
+    [ "$arch" = armhf ] || {
+        echo "Programs of armhf are started under emulation, not those of $arch." >&2
+        return 2
+    }
+    need_packages qemu-user-static >&2
+    if [ -e "$handlers/$emulator" ]; then
+        "$@"
+        return
+    fi
+    [ "$(id -u)" -eq 0 ] || {
+        echo "The kernel does not start programs of $arch here; as root: systemctl restart systemd-binfmt" >&2
+        return 1
+    }
+    local mapped pid
+    mapped=$(mktemp -d)
+    mkfifo "$mapped/go"
+    # With process numbers of its own, for /proc within.
+    unshare --user --mount --pid --fork --kill-child bash -c '
+        read -r _ <"$1" && mount -t binfmt_misc binfmt_misc "$2" && cat "/usr/lib/binfmt.d/$3.conf" >"$2/register" || {
+            echo "This kernel knows no binfmt_misc of a namespace: systemctl restart systemd-binfmt, as root" >&2
+            exit 1
+        }
+        shift 3
+        exec "$@"' - "$mapped/go" "$handlers" "$emulator" "$@" &
+    pid=$!
+    while [ "$(readlink "/proc/$pid/ns/user")" = "$(readlink /proc/self/ns/user)" ]; do sleep 0.05; done
+    echo "0 0 65536" >"/proc/$pid/uid_map"
+    echo "0 0 65536" >"/proc/$pid/gid_map"
+    echo >"$mapped/go"
+    local status=0
+    wait "$pid" || status=$?
+    rm -r "$mapped"
+    return $status
+}
