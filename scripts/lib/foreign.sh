@@ -32,9 +32,10 @@ run_foreign() {
         echo "The kernel does not start programs of $arch here; as root: systemctl restart systemd-binfmt" >&2
         return 1
     }
-    local mapped pid
+    local mapped pid go status=0
     mapped=$(mktemp -d)
     mkfifo "$mapped/go"
+    exec {go}<>"$mapped/go"
     # With process numbers of its own, for /proc within.
     unshare --user --mount --pid --fork --kill-child bash -c '
         read -r _ <"$1" && mount -t binfmt_misc binfmt_misc "$2" && cat "/usr/lib/binfmt.d/$3.conf" >"$2/register" || {
@@ -44,12 +45,17 @@ run_foreign() {
         shift 3
         exec "$@"' - "$mapped/go" "$handlers" "$emulator" "$@" &
     pid=$!
+    # Until it is in its namespace, or has ended.
     while [ "$(readlink "/proc/$pid/ns/user")" = "$(readlink /proc/self/ns/user)" ]; do sleep 0.05; done
-    echo "0 0 65536" >"/proc/$pid/uid_map"
-    echo "0 0 65536" >"/proc/$pid/gid_map"
-    echo >"$mapped/go"
-    local status=0
+    if { echo "0 0 65536" >"/proc/$pid/uid_map" && echo "0 0 65536" >"/proc/$pid/gid_map"; } 2>/dev/null; then
+        echo >&"$go"
+    else
+        kill "$pid" 2>/dev/null || true
+        echo "No user namespace is to be had here, so no programs of $arch can be started: on the host itself," \
+            "as root: systemctl restart systemd-binfmt" >&2
+    fi
     wait "$pid" || status=$?
+    exec {go}>&-
     rm -r "$mapped"
     return $status
 }
