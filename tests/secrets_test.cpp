@@ -80,10 +80,12 @@ bool is_in_memory(unsigned first = 0, unsigned end = ~0u) {
             limit - begin > 1ull << 34)
             continue;
         for (unsigned long long at = begin; at < limit; at += piece) {
-            auto wanted = static_cast<size_t>(std::min<unsigned long long>(sizeof buffer, limit - at));
             if (!is_touched(page_map, at, piece))
                 continue;
-            ssize_t size = pread(memory, buffer, wanted, static_cast<off_t>(at));
+            // With the end of the piece before: to read of the next one would touch that.
+            unsigned long long from = at - (at > begin ? told : 0);
+            auto wanted = static_cast<size_t>(std::min<unsigned long long>(sizeof buffer, limit - from));
+            ssize_t size = pread(memory, buffer, wanted, static_cast<off_t>(from));
             found |= size > 0 && tells_key(buffer, static_cast<size_t>(size), first, end);
         }
     }
