@@ -1,7 +1,14 @@
 # Debian packages that a script needs, by name: `need_packages cpio qemu-system-x86` installs those that
 # are missing, as root or through sudo, and says what to type when it can do neither.
 
+packages_lock=$(realpath "${BASH_SOURCE[0]}")
+
+# One at a time: scripts that run beside each other may need the same.
 need_packages() {
+    (flock 8 && install_missing "$@") 8<"$packages_lock"
+}
+
+install_missing() {
     local package missing=()
     for package in "$@"; do
         [ "$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null)" = "install ok installed" ] || missing+=("$package")
