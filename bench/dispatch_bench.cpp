@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/oka/simulation.h"
+#include "platform/oka/simulation/simulation.h"
 #include "platform/oxhal/sim.h"
 #include "platform/zeb.h"
+#include "protocols/mka_messages.h"
 #include "support/unit_services.h"
-#include "tavu/mka_messages.h"
 #include "tavu/tavu_main.h"
 
 using namespace bench;

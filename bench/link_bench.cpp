@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "protocols/message_numbers.h"
+#include "protocols/mka_messages.h"
+#include "protocols/oxmsi_messages.h"
 #include "support/critical_path.h"
 #include "support/measure.h"
 #include "support/unit.h"
-#include "tavu/message_numbers.h"
-#include "tavu/mka_messages.h"
-#include "tavu/oxmsi_messages.h"
 
 namespace {
 

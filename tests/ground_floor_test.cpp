@@ -3,13 +3,13 @@
 #include <string>
 #include <unistd.h>
 
+#include "base/enum_text.h"
+#include "base/record_list.h"
+#include "base/wire.h"
 #include "platform/oxhal/sim.h"
 #include "platform/zeb/zeb_sink.h"
 #include "support/world.h"
-#include "tavu/enum_text.h"
-#include "tavu/record_list.h"
 #include "tavu/tavu_utils.h"
-#include "tavu/wire.h"
 
 using namespace tavu;
 

@@ -22,9 +22,9 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/oka/link_frames.h"
+#include "platform/oka/links/link_frames.h"
+#include "protocols/oxmsi_messages.h"
 #include "support/process.h"
-#include "tavu/oxmsi_messages.h"
 
 #ifndef __has_feature
 #define __has_feature(feature) 0 // clang's; the sanitized build is clang's too

@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "services/common/topology_messages.h"
+#include "protocols/topology_messages.h"
 #include "services/idl-topologyd/links_file.h"
 #include "services/idl-topologyd/topologyd.h"
 #include "support/world.h"

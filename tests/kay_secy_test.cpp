@@ -1,4 +1,4 @@
-#include "tavu/kay_secy.h"
+#include "tavu/kay/kay_secy.h"
 
 #include <algorithm>
 

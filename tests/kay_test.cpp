@@ -1,9 +1,9 @@
-#include "tavu/kay.h"
+#include "tavu/kay/kay.h"
 
 #include "platform/oxhal/sim.h"
 #include "support/world.h"
-#include "tavu/kay_events.h"
-#include "tavu/mka_client.h"
+#include "tavu/kay/kay_events.h"
+#include "tavu/mka/mka_client.h"
 #include "tavu/tavu_utils.h"
 
 using namespace tavu;

@@ -2,7 +2,7 @@
 #include <functional>
 
 #include "support/key_server_world.h"
-#include "tavu/key_server_records.h"
+#include "tavu/key_server/key_server_records.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Joining, announcing, keying and refreshing: how a CA becomes secured and stays so.
 #include "support/key_server_world.h"
-#include "tavu/key_server_records.h"
+#include "tavu/key_server/key_server_records.h"
 
 namespace {
 

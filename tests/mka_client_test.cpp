@@ -1,4 +1,4 @@
-#include "tavu/mka_client.h"
+#include "tavu/mka/mka_client.h"
 
 #include "support/octets.h"
 #include "support/world.h"

@@ -1,4 +1,4 @@
-#include "tavu/mka_messages.h"
+#include "protocols/mka_messages.h"
 
 #include "support/octets.h"
 #include "support/world.h"

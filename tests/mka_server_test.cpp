@@ -1,4 +1,4 @@
-#include "tavu/mka_server.h"
+#include "tavu/mka/mka_server.h"
 
 #include "support/octets.h"
 #include "support/world.h"

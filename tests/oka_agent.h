@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/oka.h"
-#include "platform/oka/simulation.h"
+#include "platform/oka/simulation/simulation.h"
 #include "platform/oka_timer.h"
 #include "support/process.h"
 

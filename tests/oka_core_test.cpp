@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "platform/oka.h"
-#include "platform/oka/oka_watch.h"
-#include "platform/oka/simulation.h"
+#include "platform/oka/simulation/simulation.h"
 #include "platform/oka_timer.h"
+#include "platform/oka_watch.h"
 
 namespace sim = oka::simulation;
 

@@ -1,6 +1,6 @@
 // The MACsec service between clients that are mailboxes of the test and a port manager that only notes what
 // reaches it.
-#include "tavu/oxmsi_server.h"
+#include "tavu/oxmsi/oxmsi_server.h"
 
 #include "support/world.h"
 

@@ -1,4 +1,4 @@
-#include "tavu/oxpcsi_helper.h"
+#include "tavu/oxpcsi/oxpcsi_helper.h"
 
 #include <optional>
 

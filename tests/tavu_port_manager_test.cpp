@@ -1,14 +1,14 @@
 // The port manager under the real MACsec service, whose clients the test plays; KaYs, key server and
 // port-control client are recorders in its place, so that every outcome can be had at will.
-#include "tavu/tavu_port_manager.h"
+#include "tavu/port_manager/port_manager.h"
 
 #include <map>
 
 #include "support/topology_manager.h"
 #include "support/world.h"
-#include "tavu/kay.h"
-#include "tavu/key_server.h"
-#include "tavu/oxmsi_server.h"
+#include "tavu/kay/kay.h"
+#include "tavu/key_server/key_server.h"
+#include "tavu/oxmsi/oxmsi_server.h"
 
 using namespace tavu;
 

@@ -1,6 +1,6 @@
 #include <optional>
 
-#include "platform/oka/simulation.h"
+#include "platform/oka/simulation/simulation.h"
 #include "services/tavuctl/command_line.h"
 #include "services/tavuctl/picture.h"
 #include "services/tavuctl/session.h"

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "tavu/oxmsi_messages.h"
-#include "tavu/oxpcsi_messages.h"
+#include "protocols/oxmsi_messages.h"
+#include "protocols/oxpcsi_messages.h"
 
 namespace bench {
 

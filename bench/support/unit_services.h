@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
+#include "base/wire.h"
 #include "platform/oka.h"
-#include "tavu/wire.h"
 
 namespace bench {
 

@@ -2,18 +2,18 @@
 
 #include <cstdlib>
 
+#include "base/enum_text.h"
+#include "base/trace.h"
 #include "platform/oka_timer.h"
 #include "platform/oxhal.h"
-#include "tavu/enum_text.h"
-#include "tavu/kay.h"
-#include "tavu/key_server.h"
-#include "tavu/mka_client.h"
-#include "tavu/mka_server.h"
-#include "tavu/oxmsi_server.h"
-#include "tavu/oxpcsi_helper.h"
-#include "tavu/tavu_port_manager.h"
+#include "tavu/kay/kay.h"
+#include "tavu/key_server/key_server.h"
+#include "tavu/mka/mka_client.h"
+#include "tavu/mka/mka_server.h"
+#include "tavu/oxmsi/oxmsi_server.h"
+#include "tavu/oxpcsi/oxpcsi_helper.h"
+#include "tavu/port_manager/port_manager.h"
 #include "tavu/tavu_utils.h"
-#include "tavu/trace.h"
 
 namespace tavu {
 

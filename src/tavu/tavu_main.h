@@ -2,7 +2,7 @@
 // callbacks, runs the one event loop, and owns the one way out of the process, with status 1.
 #pragma once
 
-#include "tavu/wire.h"
+#include "base/wire.h"
 
 namespace tavu {
 

@@ -2,9 +2,9 @@
 
 #include <cstring>
 
+#include "base/record_list.h"
+#include "base/trace.h"
 #include "platform/oxhal.h"
-#include "tavu/record_list.h"
-#include "tavu/trace.h"
 
 namespace tavu {
 

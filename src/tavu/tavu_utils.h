@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "tavu/enum_text.h"
-#include "tavu/wire.h"
+#include "base/enum_text.h"
+#include "base/wire.h"
 
 namespace tavu {
 

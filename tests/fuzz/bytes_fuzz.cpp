@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include "fuzz/target.h"
-#include "platform/oka/descriptors.h"
-#include "platform/oka/link.h"
-#include "platform/oka/link_frames.h"
-#include "platform/oka/simulation.h"
+#include "platform/oka/core/descriptors.h"
+#include "platform/oka/links/link.h"
+#include "platform/oka/links/link_frames.h"
+#include "platform/oka/simulation/simulation.h"
 #include "platform/oka_timer.h"
 #include "platform/oxhal/macsec_kernel.h"
 #include "services/idl-topologyd/links_file.h"

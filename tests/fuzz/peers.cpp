@@ -5,10 +5,10 @@
 #include <map>
 #include <vector>
 
-#include "platform/oka/simulation.h"
-#include "tavu/mka_messages.h"
-#include "tavu/oxmsi_messages.h"
-#include "tavu/oxpcsi_messages.h"
+#include "platform/oka/simulation/simulation.h"
+#include "protocols/mka_messages.h"
+#include "protocols/oxmsi_messages.h"
+#include "protocols/oxpcsi_messages.h"
 
 namespace fuzz {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "tavu/oxmsi_messages.h"
+#include "protocols/oxmsi_messages.h"
 
 namespace simulate {
 

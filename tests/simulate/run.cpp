@@ -9,11 +9,11 @@
 #include <sys/wait.h>
 #include <utility>
 
+#include "protocols/oxmsi_messages.h"
 #include "simulate/checks.h"
 #include "simulate/ports.h"
 #include "simulate/stage.h"
 #include "support/process.h"
-#include "tavu/oxmsi_messages.h"
 
 namespace simulate {
 

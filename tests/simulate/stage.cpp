@@ -12,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tavu/message_numbers.h"
+#include "protocols/message_numbers.h"
 
 namespace simulate {
 

@@ -12,8 +12,8 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "platform/oka/conductor_frames.h"
-#include "platform/oka/core.h"
+#include "platform/oka/core/core.h"
+#include "platform/oka/simulation/conductor_frames.h"
 #include "platform/oxhal/sim_report.h"
 #include "simulate/chance.h"
 

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "platform/oxhal/sim.h"
+#include "protocols/oxmsi_messages.h"
+#include "protocols/oxpcsi_messages.h"
 #include "support/key_server_world.h"
 #include "support/world.h"
-#include "tavu/oxmsi_messages.h"
-#include "tavu/oxpcsi_messages.h"
 #include "tavu/tavu_main.h"
 
 namespace test {

@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "protocols/mka_messages.h"
 #include "support/world.h"
-#include "tavu/key_server.h"
-#include "tavu/mka_messages.h"
-#include "tavu/mka_server.h"
+#include "tavu/key_server/key_server.h"
+#include "tavu/mka/mka_server.h"
 
 namespace test {
 

@@ -1,8 +1,8 @@
 // A client of the MACsec service as a test plays it: what it asks for in one line, and what it is told.
 #pragma once
 
+#include "protocols/oxmsi_messages.h"
 #include "support/world.h"
-#include "tavu/oxmsi_messages.h"
 
 namespace test {
 

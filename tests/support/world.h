@@ -11,11 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include "base/wire.h"
 #include "platform/oka.h"
-#include "platform/oka/simulation.h"
+#include "platform/oka/simulation/simulation.h"
 #include "platform/oka_timer.h"
 #include "platform/zeb.h"
-#include "tavu/wire.h"
 
 namespace test {
 

@@ -5,13 +5,13 @@
 #include <sys/random.h>
 #include <unistd.h>
 
-#include "platform/oka/conductor.h"
-#include "platform/oka/core_internal.h"
-#include "platform/oka/linux_clock.h"
-#include "platform/oka/names.h"
-#include "platform/oka/oka_trace.h"
-#include "platform/oka/tipc_transport.h"
-#include "platform/oka/unix_transport.h"
+#include "platform/oka/core/core_internal.h"
+#include "platform/oka/core/linux_clock.h"
+#include "platform/oka/core/names.h"
+#include "platform/oka/core/oka_trace.h"
+#include "platform/oka/simulation/conductor.h"
+#include "platform/oka/tipc/tipc_transport.h"
+#include "platform/oka/unix/unix_transport.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 // when its message waited already.
 #pragma once
 
+#include "base/wire.h"
 #include "platform/oka_timer.h"
-#include "tavu/wire.h"
 
 namespace services {
 

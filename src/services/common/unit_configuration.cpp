@@ -10,7 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/oka/names.h"
+#include "platform/oka/core/names.h"
 
 namespace services {
 

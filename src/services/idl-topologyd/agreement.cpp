@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "base/trace.h"
 #include "services/idl-topologyd/link_life.h"
-#include "tavu/trace.h"
 
 namespace topologyd {
 

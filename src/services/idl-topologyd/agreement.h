@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-#include "services/common/topology_messages.h"
+#include "protocols/topology_messages.h"
 
 namespace topologyd {
 

@@ -4,15 +4,15 @@
 #include <optional>
 #include <string>
 
+#include "base/trace.h"
+#include "protocols/topology_messages.h"
 #include "services/common/one_shot.h"
 #include "services/common/options.h"
-#include "services/common/topology_messages.h"
 #include "services/idl-topologyd/clock.h"
 #include "services/idl-topologyd/internal_numbers.h"
 #include "services/idl-topologyd/links_follower.h"
 #include "services/idl-topologyd/oxmsi_client.h"
 #include "services/idl-topologyd/topology.h"
-#include "tavu/trace.h"
 
 namespace topologyd {
 

@@ -23,7 +23,7 @@
 #define TOML_UNREACHABLE __builtin_unreachable()
 #include <toml++/toml.h>
 
-#include "services/common/topology_messages.h"
+#include "protocols/topology_messages.h"
 
 namespace topologyd {
 

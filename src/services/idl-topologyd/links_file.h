@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tavu/oxmsi_messages.h"
+#include "protocols/oxmsi_messages.h"
 
 namespace topologyd {
 

@@ -8,10 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/oka/oka_watch.h"
+#include "base/trace.h"
+#include "platform/oka_watch.h"
 #include "services/common/one_shot.h"
 #include "services/idl-topologyd/internal_numbers.h"
-#include "tavu/trace.h"
 
 namespace topologyd {
 

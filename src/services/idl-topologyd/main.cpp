@@ -2,7 +2,7 @@
 
 #include "platform/oka_timer.h"
 #include "platform/zeb.h"
-#include "services/common/topology_messages.h"
+#include "protocols/topology_messages.h"
 #include "services/idl-topologyd/command_line.h"
 #include "services/idl-topologyd/links_file.h"
 #include "services/idl-topologyd/topologyd.h"

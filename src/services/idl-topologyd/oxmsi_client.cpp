@@ -1,10 +1,10 @@
 #include "services/idl-topologyd/oxmsi_client.h"
 
+#include "base/enum_text.h"
+#include "base/trace.h"
 #include "services/common/one_shot.h"
 #include "services/idl-topologyd/clock.h"
 #include "services/idl-topologyd/internal_numbers.h"
-#include "tavu/enum_text.h"
-#include "tavu/trace.h"
 
 namespace topologyd {
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "base/trace.h"
 #include "services/common/options.h"
 #include "services/idl-topologyd/internal_numbers.h"
-#include "tavu/trace.h"
 
 namespace topologyd {
 

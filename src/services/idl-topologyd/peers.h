@@ -6,7 +6,7 @@
 // no more of them than hunt paths that a links file ever named.
 #pragma once
 
-#include "services/common/topology_messages.h"
+#include "protocols/topology_messages.h"
 
 namespace topologyd {
 

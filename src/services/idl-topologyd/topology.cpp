@@ -2,15 +2,15 @@
 
 #include <algorithm>
 
+#include "base/trace.h"
+#include "protocols/topology_messages.h"
 #include "services/common/one_shot.h"
-#include "services/common/topology_messages.h"
 #include "services/idl-topologyd/clock.h"
 #include "services/idl-topologyd/internal_numbers.h"
 #include "services/idl-topologyd/link_talk.h"
 #include "services/idl-topologyd/oxmsi_client.h"
 #include "services/idl-topologyd/peers.h"
 #include "services/idl-topologyd/trouble.h"
-#include "tavu/trace.h"
 
 namespace topologyd {
 

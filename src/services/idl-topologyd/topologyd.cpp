@@ -1,9 +1,9 @@
 #include "services/idl-topologyd/topologyd.h"
 
+#include "base/trace.h"
 #include "services/idl-topologyd/control_server.h"
 #include "services/idl-topologyd/links_follower.h"
 #include "services/idl-topologyd/topology.h"
-#include "tavu/trace.h"
 
 namespace topologyd {
 

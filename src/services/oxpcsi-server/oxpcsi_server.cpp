@@ -6,10 +6,10 @@
 #include <cstring>
 #include <string>
 
+#include "base/trace.h"
 #include "platform/oka_timer.h"
 #include "services/common/options.h"
 #include "services/common/unit_configuration.h"
-#include "tavu/trace.h"
 
 namespace oxpcsi {
 

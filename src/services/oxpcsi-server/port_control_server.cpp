@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "tavu/record_list.h"
-#include "tavu/trace.h"
+#include "base/record_list.h"
+#include "base/trace.h"
 
 namespace oxpcsi {
 

@@ -8,8 +8,8 @@
 // was restarted.
 #pragma once
 
+#include "protocols/oxpcsi_messages.h"
 #include "services/oxpcsi-server/port_facts.h"
-#include "tavu/oxpcsi_messages.h"
 
 namespace oxpcsi {
 

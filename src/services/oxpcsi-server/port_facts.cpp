@@ -15,10 +15,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/oka/oka_watch.h"
+#include "base/trace.h"
 #include "platform/oka_timer.h"
+#include "platform/oka_watch.h"
 #include "services/oxpcsi-server/link_messages.h"
-#include "tavu/trace.h"
 
 namespace oxpcsi {
 

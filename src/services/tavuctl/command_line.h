@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-#include "services/common/topology_messages.h"
+#include "protocols/topology_messages.h"
 
 namespace tavuctl {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "services/common/topology_messages.h"
+#include "protocols/topology_messages.h"
 
 namespace tavuctl {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "platform/oka/core.h"
+#include "platform/oka_clock.h"
 #include "services/common/one_shot.h"
 #include "services/tavuctl/picture.h"
 
@@ -39,7 +39,7 @@ struct {
 } self;
 
 uint64_t now_ms() {
-    return oka::now_ns() / 1000000;
+    return oka_now_ms();
 }
 
 void finish(exit_status status) {

@@ -1,0 +1,309 @@
+#include "platform/oka/unix/unix_directory.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "platform/oka/core/oka_trace.h"
+
+namespace {
+
+constexpr char default_directory[] = "/run/oka";
+constexpr size_t temporary_name_size = 18;
+
+struct {
+    char root[3072] = "";
+    size_t root_length = 0;
+    char own_unit[256] = "";
+} directory;
+
+// Closes at the end of its scope.
+class scoped_fd {
+  public:
+    explicit scoped_fd(int fd) : fd_(fd) {}
+    ~scoped_fd() {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    scoped_fd(const scoped_fd&) = delete;
+    scoped_fd& operator=(const scoped_fd&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    explicit operator bool() const { return fd_ >= 0; }
+
+  private:
+    int fd_;
+};
+
+// A socket address holds 108 bytes and our paths may be longer, so it goes through the open folder.
+bool address_in(int folder, const char* name, sockaddr_un& address) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    int length = snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", folder, name);
+    return length > 0 && static_cast<size_t>(length) < sizeof address.sun_path;
+}
+
+int connect_in(int folder, const char* name, int socket) {
+    sockaddr_un address;
+    if (!address_in(folder, name, address)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+int new_socket() {
+    return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+}
+
+// Below the messaging directory, folders are for those that it is for: this user, or a group.
+mode_t mode_of_new_folder(const char* path) {
+    struct stat root;
+    bool for_group = strlen(path) > directory.root_length && stat(directory.root, &root) == 0 &&
+                     (root.st_mode & S_ISGID) && (root.st_mode & S_IXGRP);
+    return for_group ? 0770 : 0700;
+}
+
+// The group, and that it passes on, come from the folder above.
+bool make_directory(const char* path) {
+    mode_t umask_before = umask(0);
+    bool made = mkdir(path, mode_of_new_folder(path)) == 0;
+    int error = errno;
+    umask(umask_before);
+    errno = error;
+    return made;
+}
+
+// Creates what is missing of the path.
+bool make_directories(const char* path) {
+    char part[sizeof(oka::unit_folder::path)];
+    snprintf(part, sizeof part, "%s", path);
+    for (char* slash = strchr(part + 1, '/');; slash = strchr(slash + 1, '/')) {
+        if (slash)
+            *slash = '\0';
+        if (!make_directory(part) && errno != EEXIST)
+            return false;
+        if (!slash)
+            return true;
+        *slash = '/';
+    }
+}
+
+// Missing when someone removed it since the start.
+int open_own_folder(oka::unit_folder& folder) {
+    if (!oka::folder_of("", folder))
+        return -1;
+    int fd = open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT && make_directories(folder.path))
+        fd = open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return fd;
+}
+
+// No more rights than the folder's group needs, and those only when the folder is open to its group. The
+// mode is the socket's before it has a name, so that there is no moment with more.
+bool bind_in(int folder, const char* name, int socket) {
+    struct stat folder_status;
+    sockaddr_un address;
+    if (fstat(folder, &folder_status) < 0 || !address_in(folder, name, address))
+        return false;
+    bool for_group = folder_status.st_mode & S_IXGRP;
+    if (fchmod(socket, 0600) < 0 ||
+        bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
+        return false;
+    if (for_group &&
+        fchownat(folder, name, static_cast<uid_t>(-1), folder_status.st_gid, AT_SYMLINK_NOFOLLOW) == 0)
+        (void)fchmodat(folder, name, 0660, 0);
+    return true;
+}
+
+// Whether nobody listens behind the name any more. Anything that is not a socket is not ours to replace.
+bool is_stale(int folder, const char* name) {
+    struct stat status;
+    if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) < 0)
+        return errno == ENOENT;
+    scoped_fd probe(new_socket());
+    return S_ISSOCK(status.st_mode) && probe && connect_in(folder, name, probe.get()) < 0 &&
+           errno == ECONNREFUSED;
+}
+
+// Locks the folder against others who replace a stale socket in it. They hold the lock for a moment only;
+// one who does not is not waited for.
+bool lock_folder(int folder) {
+    constexpr int attempts = 100;
+    constexpr timespec pause = {.tv_sec = 0, .tv_nsec = 1'000'000};
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (flock(folder, LOCK_EX | LOCK_NB) == 0)
+            return true;
+        nanosleep(&pause, nullptr);
+    }
+    return false;
+}
+
+// Gives the bound and listening socket its name: from here on it can be found, and connected to at once.
+bool move_into_place(int folder, const char* temporary, const char* name) {
+    if (renameat2(folder, temporary, folder, name, RENAME_NOREPLACE) == 0)
+        return true;
+    // EINVAL comes from file systems that cannot rename so.
+    if ((errno != EEXIST && errno != EINVAL) || !lock_folder(folder))
+        return false;
+    bool moved = is_stale(folder, name) && renameat(folder, temporary, folder, name) == 0;
+    flock(folder, LOCK_UN);
+    if (!moved)
+        errno = EADDRINUSE;
+    return moved;
+}
+
+bool listen_under(int folder, const char* name, int socket, oka::published_socket& published) {
+    uint64_t number;
+    char temporary[temporary_name_size];
+    if (getrandom(&number, sizeof number, 0) != sizeof number)
+        return false;
+    snprintf(temporary, sizeof temporary, ".%016llx", static_cast<unsigned long long>(number));
+    struct stat status;
+    if (bind_in(folder, temporary, socket) && listen(socket, SOMAXCONN) == 0 &&
+        fstatat(folder, temporary, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        move_into_place(folder, temporary, name)) {
+        published.device = status.st_dev;
+        published.inode = status.st_ino;
+        return true;
+    }
+    int error = errno;
+    unlinkat(folder, temporary, 0);
+    errno = error;
+    return false;
+}
+
+bool is_in_place(int folder, const char* name, const oka::published_socket& published) {
+    struct stat status;
+    return fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && status.st_dev == published.device &&
+           status.st_ino == published.inode;
+}
+
+bool in_group(int socket, gid_t group) {
+    socklen_t size = 0;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size) == 0 || errno != ERANGE)
+        return false;
+    auto* groups = static_cast<gid_t*>(malloc(size));
+    bool found = false;
+    if (groups && getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups, &size) == 0) {
+        for (size_t index = 0; index < size / sizeof *groups; ++index)
+            found |= groups[index] == group;
+    }
+    free(groups);
+    return found;
+}
+
+} // namespace
+
+namespace oka {
+
+int set_messaging_directory(const char* own_unit) {
+    const char* chosen = getenv("OKA_DIR");
+    if (!chosen || !*chosen)
+        chosen = default_directory;
+    size_t length = strlen(chosen);
+    while (length > 1 && chosen[length - 1] == '/')
+        --length;
+    if (chosen[0] != '/' || length < 2 || length >= sizeof directory.root) {
+        OKA_ERROR("OKA: OKA_DIR '%.200s' is not an absolute path of a directory", chosen);
+        return EINVAL;
+    }
+    memcpy(directory.root, chosen, length);
+    directory.root[length] = '\0';
+    directory.root_length = length;
+    snprintf(directory.own_unit, sizeof directory.own_unit, "%s", own_unit);
+    if (access("/proc/self/fd", X_OK) < 0) {
+        OKA_ERROR("OKA: Messaging over AF_UNIX needs /proc: %s", strerror(errno));
+        return errno;
+    }
+    unit_folder folder;
+    scoped_fd opened(open_own_folder(folder));
+    if (opened)
+        return 0;
+    int error = errno;
+    OKA_ERROR("OKA: The messaging directory '%.500s' cannot be used: %s", folder.path, strerror(error));
+    return error;
+}
+
+bool folder_of(const char* unit, unit_folder& folder) {
+    int length =
+        snprintf(folder.path, sizeof folder.path, "%s/%s", directory.root, *unit ? unit : directory.own_unit);
+    return length > 0 && static_cast<size_t>(length) < sizeof folder.path;
+}
+
+size_t messaging_directory_length() {
+    return directory.root_length;
+}
+
+int publish_socket(const char* name, published_socket& published) {
+    unit_folder folder;
+    scoped_fd opened(open_own_folder(folder));
+    scoped_fd socket(opened ? new_socket() : -1);
+    if (!socket || !listen_under(opened.get(), name, socket.get(), published)) {
+        int error = errno;
+        OKA_ERROR("OKA: Mailbox '%s' cannot be published in '%.500s': %s", name, folder.path,
+                  error == EADDRINUSE ? "the name is taken" : strerror(error));
+        return error;
+    }
+    published.fd = socket.release();
+    return 0;
+}
+
+bool socket_in_place(const char* name, const published_socket& published) {
+    unit_folder folder;
+    scoped_fd opened(folder_of("", folder) ? open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
+    return opened && is_in_place(opened.get(), name, published);
+}
+
+void unpublish_socket(const char* name, const published_socket& published) {
+    unit_folder folder;
+    scoped_fd opened(folder_of("", folder) ? open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
+    if (opened && is_in_place(opened.get(), name, published))
+        unlinkat(opened.get(), name, 0);
+}
+
+int connect_socket(const unit_folder& folder, const char* name, uint32_t& pid) {
+    scoped_fd opened(open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    scoped_fd socket(opened ? new_socket() : -1);
+    if (!socket)
+        return -1;
+    if (connect_in(opened.get(), name, socket.get()) < 0) {
+        // The socket of a dead process is not a mailbox.
+        if (errno == ECONNREFUSED || errno == ENOTDIR)
+            errno = ENOENT;
+        return -1;
+    }
+    if (!peer_allowed(socket.get(), folder, pid)) {
+        errno = EPERM;
+        return -1;
+    }
+    return socket.release();
+}
+
+bool peer_allowed(int socket, const unit_folder& folder, uint32_t& pid) {
+    ucred peer;
+    socklen_t size = sizeof peer;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) < 0)
+        return false;
+    pid = static_cast<uint32_t>(peer.pid);
+    if (peer.uid == geteuid() || peer.uid == 0)
+        return true;
+    struct stat status;
+    return stat(folder.path, &status) == 0 && (status.st_mode & S_IXGRP) &&
+           (peer.gid == status.st_gid || in_group(socket, status.st_gid));
+}
+
+} // namespace oka

@@ -1,0 +1,283 @@
+#include "tavu/kay/kay.h"
+
+#include "base/enum_text.h"
+#include "tavu/kay/kay_events.h"
+#include "tavu/kay/kay_records.h"
+#include "tavu/kay/kay_secy.h"
+#include "tavu/kay/kay_status.h"
+#include "tavu/mka/mka_client.h"
+#include "tavu/tavu_utils.h"
+
+namespace tavu {
+
+using namespace kay_internal;
+
+namespace {
+
+enum global_state : uint32_t {
+    GLOBAL_STATE_UNINITIALIZED = 0,
+    GLOBAL_STATE_INITIALIZED = 1,
+    GLOBAL_STATE_READY = 2,
+};
+
+struct {
+    global_state state = GLOBAL_STATE_UNINITIALIZED;
+    kay_callbacks callbacks = {};
+    record_list<kay_record> kays;
+} self;
+
+constexpr enum_text global_state_names[] = {
+    ENUM_TEXT(GLOBAL_STATE_UNINITIALIZED),
+    ENUM_TEXT(GLOBAL_STATE_INITIALIZED),
+    ENUM_TEXT(GLOBAL_STATE_READY),
+};
+
+constexpr enum_text role_names[] = {
+    ENUM_TEXT(MACSEC_ROLE_UNAUTHENTICATED),
+    ENUM_TEXT(MACSEC_ROLE_SECURED),
+};
+
+constexpr enum_text cp_oper_state_names[] = {
+    ENUM_TEXT(KAY_CP_OPER_DISABLED),
+    ENUM_TEXT(KAY_CP_OPER_ENABLED),
+};
+
+constexpr enum_text encryption_state_names[] = {
+    ENUM_TEXT(MACSEC_ENCRYPTION_DISABLED),
+    ENUM_TEXT(MACSEC_ENCRYPTION_ENABLED),
+};
+
+const char* global_state_to_str(global_state state) {
+    return enum_to_str(global_state_names, state);
+}
+
+void change_global_state(global_state state) {
+    TAVU_FUNCTION();
+    TRACE_STATE_CHANGE("TAVU: KaY changing global state: '%s' -> '%s'", global_state_to_str(self.state),
+                       global_state_to_str(state));
+    self.state = state;
+}
+
+void delete_all_kays() {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Deleting KaYs for all ports");
+    while (kay_record* kay = self.kays.first()) {
+        ignore_result(clear_kay_data(*kay));
+        self.kays.remove(*kay);
+    }
+}
+
+void handle_connect_unauthenticated(kay_record& kay) {
+    TAVU_FUNCTION();
+    if (kay.state != KAY_STATE_CREATED && kay.role == MACSEC_ROLE_UNAUTHENTICATED) {
+        TRACE("TAVU: KaY for port '%s' has already MACsec role '%s'", kay.port.c_str(),
+              kay_macsec_role_to_str(kay.role));
+        return;
+    }
+    change_role(kay, MACSEC_ROLE_UNAUTHENTICATED);
+    bool cleared = clear_kay_data(kay);
+    update_kay_data(kay, cleared ? KAY_STATE_UNAUTHENTICATED : KAY_STATE_FAILED);
+}
+
+bool create_mka_client(kay_record& kay, const char* ca) {
+    TAVU_FUNCTION();
+    kay.mka_client_id = mka_client_create();
+    if (kay.mka_client_id == 0)
+        TRACE_ERROR("TAVU: Could not create MKA client instance for CA '%s' on port '%s'", ca,
+                    kay.port.c_str());
+    return kay.mka_client_id != 0;
+}
+
+bool join_ca(kay_record& kay, const char* ca, const char* key_server_name) {
+    TAVU_FUNCTION();
+    if (!create_mka_client(kay, ca))
+        return false;
+    kay.ca.assign(ca);
+    kay.key_server_name.assign(key_server_name);
+    if (mka_client_join_ca(kay.mka_client_id, kay.ca.c_str(), key_server_name, kay.options.mka_port_speed,
+                           kay.macsec_supported ? &kay.capabilities : nullptr))
+        return true;
+    TRACE_ERROR("TAVU: Could not join CA '%s' for port '%s'", kay.ca.c_str(), kay.port.c_str());
+    return false;
+}
+
+void handle_connect_secured(kay_record& kay, const char* ca, const char* key_server_name,
+                            const kay_configuration_options& options) {
+    TAVU_FUNCTION();
+    if (kay.role == MACSEC_ROLE_SECURED) {
+        TRACE("TAVU: KaY for port '%s' has already MACsec role '%s' and runtime reconfiguration of MACsec "
+              "configuration options is not supported.",
+              kay.port.c_str(), kay_macsec_role_to_str(kay.role));
+        return;
+    }
+    kay.options = options;
+    change_role(kay, MACSEC_ROLE_SECURED);
+    if (apply_macsec_configuration(kay) && join_ca(kay, ca, key_server_name))
+        update_kay_data(kay, KAY_STATE_CA_JOIN_PENDING);
+    else
+        handle_failure(kay);
+}
+
+// A KaY that carries its first decision out already, or false.
+bool bring_up(kay_record& kay) {
+    if (!kay_secy_get_capabilities(kay) || !enable_macsec_cp(kay))
+        return false;
+    handle_connect_unauthenticated(kay);
+    if (kay.state != KAY_STATE_FAILED)
+        return true;
+    ignore_result(clear_kay_data(kay));
+    return false;
+}
+
+} // namespace
+
+kay_record* kay_internal::find_kay_by_port_name(const char* name) {
+    TAVU_FUNCTION();
+    kay_record* found = self.kays.find([&](const kay_record& kay) { return kay.port == name; });
+    if (!found)
+        TRACE("TAVU: Could not find KaY with port name '%s'", name);
+    return found;
+}
+
+kay_record* kay_internal::find_kay_by_mka_client_id(uint32_t client_id) {
+    TAVU_FUNCTION();
+    kay_record* found = self.kays.find([&](const kay_record& kay) { return kay.mka_client_id == client_id; });
+    if (!found)
+        TRACE("TAVU: Could not find KaY with MKA client id %u", client_id);
+    return found;
+}
+
+void kay_internal::fire_handle_kay_state_change_ind(const kay_record& kay) {
+    TAVU_FUNCTION();
+    kay_state_change_ind indication;
+    fill_kay_state_change_ind(kay, indication);
+    TRACE("TAVU: Firing handle_kay_state_change_ind port = '%s', error = '%s', port_valid = '%s', "
+          "cp_oper_state = '%s'",
+          kay.port.c_str(), bool_to_str(indication.error), bool_to_str(indication.port_valid),
+          cp_oper_state_to_str(indication.oper_state));
+    self.callbacks.handle_kay_state_change_ind(kay.port.c_str(), indication);
+}
+
+const char* kay_macsec_role_to_str(macsec_role role) {
+    return enum_to_str(role_names, role);
+}
+const char* cp_oper_state_to_str(kay_cp_oper_state state) {
+    return enum_to_str(cp_oper_state_names, state);
+}
+const char* macsec_encryption_state_to_str(macsec_encryption_state state) {
+    return enum_to_str(encryption_state_names, state);
+}
+
+bool kay_init(oka_mailbox parent, const kay_callbacks* callbacks) {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.state, GLOBAL_STATE_UNINITIALIZED, global_state_to_str))
+        return false;
+    if (!callbacks || !callbacks->handle_kay_state_change_ind) {
+        TRACE_ERROR("TAVU: Callbacks parameter or a callback function is NULL");
+        return false;
+    }
+    if (!mka_client_init(parent, &kay_mka_event_handlers)) {
+        TRACE_ERROR("TAVU: Could not initialize MKA client");
+        return false;
+    }
+    if (!kay_secy_macsec_init())
+        return false;
+    self.callbacks = *callbacks;
+    self.kays.clear();
+    change_global_state(GLOBAL_STATE_INITIALIZED);
+    return true;
+}
+
+bool kay_start() {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.state, GLOBAL_STATE_INITIALIZED, global_state_to_str))
+        return false;
+    if (!mka_client_start()) {
+        TRACE_ERROR("TAVU: Could not start MKA client");
+        return false;
+    }
+    change_global_state(GLOBAL_STATE_READY);
+    return true;
+}
+
+bool kay_stop() {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
+        return false;
+    bool stopped = mka_client_stop();
+    if (!stopped)
+        TRACE_ERROR("TAVU: Could not stop MKA client");
+    delete_all_kays();
+    change_global_state(GLOBAL_STATE_INITIALIZED);
+    return stopped;
+}
+
+bool kay_create_instance(const char* name) {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
+        return false;
+    TRACE("TAVU: Creating a KaY instance for port '%s'", name);
+    if (find_kay_by_port_name(name)) {
+        TRACE_ERROR("TAVU: KaY with port name '%s' already exists", name);
+        return false;
+    }
+    uint32_t port_handle;
+    if (!idl_port_name_to_port_handle(name, port_handle)) {
+        TRACE_ERROR("TAVU: Could not get port handle for port '%s'", name);
+        return false;
+    }
+    kay_record* kay = self.kays.add();
+    if (!kay)
+        return false;
+    kay->port.assign(name);
+    kay->port_handle = port_handle;
+    if (!bring_up(*kay)) {
+        self.kays.remove(*kay);
+        return false;
+    }
+    TRACE("TAVU: KaY for port '%s' is created", name);
+    return true;
+}
+
+bool kay_connect_unauthenticated(const char* name, kay_state_change_ind& indication) {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
+        return false;
+    kay_record* kay = find_kay_by_port_name(name);
+    if (!kay) {
+        TRACE_ERROR("TAVU: Could not find KaY with port name '%s'", name);
+        return false;
+    }
+    TRACE("TAVU: Port '%s' will have unauthenticated role", name);
+    handle_connect_unauthenticated(*kay);
+    fill_kay_state_change_ind(*kay, indication);
+    return true;
+}
+
+bool kay_connect_secured(const char* name, const char* ca, const char* key_server_name,
+                         const kay_configuration_options& options) {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
+        return false;
+    kay_record* kay = find_kay_by_port_name(name);
+    if (!kay) {
+        TRACE_ERROR("TAVU: Could not find KaY with port name '%s'", name);
+        return false;
+    }
+    TRACE("TAVU: Port '%s' will have secured role by using CA '%s' and key server '%s'", name, ca,
+          key_server_name);
+    handle_connect_secured(*kay, ca, key_server_name, options);
+    return true;
+}
+
+bool kay_dispatch_message(const oka_message* message) {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
+        return false;
+    if (message->number != KAY_SA_DISPOSAL_TIMEOUT_IND)
+        return false;
+    kay_handle_sa_disposal_timeout(message);
+    return true;
+}
+
+} // namespace tavu

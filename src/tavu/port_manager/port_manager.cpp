@@ -1,0 +1,208 @@
+#include "tavu/port_manager/port_manager.h"
+
+#include "base/enum_text.h"
+#include "base/trace.h"
+#include "protocols/message_numbers.h"
+#include "tavu/port_manager/port_manager_records.h"
+
+namespace tavu {
+
+namespace port_manager {
+
+module_data self;
+
+namespace {
+
+constexpr enum_text global_state_names[] = {
+    ENUM_TEXT(TAVU_PM_GLOBAL_STATE_UNINITIALIZED),
+    ENUM_TEXT(TAVU_PM_GLOBAL_STATE_INITIALIZED),
+    ENUM_TEXT(TAVU_PM_GLOBAL_STATE_READY),
+};
+
+constexpr enum_text state_names[] = {
+    ENUM_TEXT(TAVU_PM_STATE_INITIAL),    ENUM_TEXT(TAVU_PM_STATE_UNAUTHENTICATED),
+    ENUM_TEXT(TAVU_PM_STATE_CA_JOINING), ENUM_TEXT(TAVU_PM_STATE_CA_JOINED),
+    ENUM_TEXT(TAVU_PM_STATE_FAILED),
+};
+
+constexpr enum_text user_data_type_names[] = {
+    ENUM_TEXT(USER_DATA_NONE),
+    ENUM_TEXT(USER_DATA_IDL),
+};
+
+constexpr enum_text request_type_names[] = {
+    ENUM_TEXT(REQUEST_LINK_ADD),
+    ENUM_TEXT(REQUEST_LINK_UPDATE),
+    ENUM_TEXT(REQUEST_LINK_DELETE),
+};
+
+void change_global_state(tavu_pm_global_state state) {
+    TAVU_FUNCTION();
+    TRACE_STATE_CHANGE("TAVU: Port manager changing state: '%s' -> '%s'",
+                       global_state_to_str(self.global_state), global_state_to_str(state));
+    self.global_state = state;
+}
+
+// A new record, or null after an error trace.
+tavu_pm_data* create_tavu_pm_data_element(const char* name) {
+    TAVU_FUNCTION();
+    if (find_tavu_pm_data(name)) {
+        TRACE_ERROR("TAVU: Port with name '%s' already exists", name);
+        return nullptr;
+    }
+    tavu_pm_data* port = self.ports.add();
+    if (port)
+        port->port.assign(name);
+    return port;
+}
+
+void clear_data() {
+    TAVU_FUNCTION();
+    for (subscriber_record& subscriber : self.subscribers)
+        delete_subscriber(subscriber);
+    for (tavu_pm_data& port : self.ports) {
+        TRACE_DETAIL("TAVU: Removing port '%s'", port.port.c_str());
+        stop_retry_timer(port);
+        self.ports.remove(port);
+    }
+}
+
+} // namespace
+
+const char* global_state_to_str(tavu_pm_global_state state) {
+    return enum_to_str(global_state_names, state);
+}
+const char* state_to_str(tavu_pm_state state) {
+    return enum_to_str(state_names, state);
+}
+const char* user_data_type_to_str(user_data_type type) {
+    return enum_to_str(user_data_type_names, type);
+}
+const char* request_type_to_str(request_type type) {
+    return enum_to_str(request_type_names, type);
+}
+
+bool is_ready(const char* operation, const char* file, int line) {
+    return is_in_state(self.global_state, TAVU_PM_GLOBAL_STATE_READY, global_state_to_str, "TAVU", operation,
+                       file, line);
+}
+
+tavu_pm_data* find_tavu_pm_data(const char* name) {
+    TAVU_FUNCTION();
+    tavu_pm_data* port =
+        self.ports.find([&](const tavu_pm_data& candidate) { return candidate.port == name; });
+    if (!port)
+        TRACE("TAVU: Could not find port with name '%s'", name);
+    return port;
+}
+
+tavu_pm_data* find_port_or_complain(const char* name) {
+    tavu_pm_data* port = find_tavu_pm_data(name);
+    if (!port)
+        TRACE_ERROR("TAVU: Could not find port with name '%s'", name);
+    return port;
+}
+
+bool read_port_data(const char* name, oxpcsi_port_data& port_data) {
+    if (oxpcsi_get_port_data(name, port_data))
+        return true;
+    TRACE_ERROR("TAVU: Could not find port data with name '%s'", name);
+    return false;
+}
+
+} // namespace port_manager
+
+using namespace port_manager;
+
+bool tavu_pm_init(oka_mailbox root) {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.global_state, TAVU_PM_GLOBAL_STATE_UNINITIALIZED, global_state_to_str))
+        return false;
+    self.ports.clear();
+    self.subscribers.clear();
+    const kay_callbacks callbacks = {handle_kay_state_change_ind};
+    if (!kay_init(root, &callbacks)) {
+        TRACE_ERROR("TAVU: Could not initialize KaY");
+        return false;
+    }
+    if (!set_own_mp_id()) {
+        TRACE_ERROR("TAVU: Set own mp id failed");
+        return false;
+    }
+    change_global_state(TAVU_PM_GLOBAL_STATE_INITIALIZED);
+    return true;
+}
+
+bool tavu_pm_start() {
+    TAVU_FUNCTION();
+    if (!is_in_state(self.global_state, TAVU_PM_GLOBAL_STATE_INITIALIZED, global_state_to_str))
+        return false;
+    if (!kay_start()) {
+        TRACE_ERROR("TAVU: Could not start KaY");
+        return false;
+    }
+    change_global_state(TAVU_PM_GLOBAL_STATE_READY);
+    return true;
+}
+
+bool tavu_pm_stop() {
+    TAVU_FUNCTION();
+    if (!is_ready())
+        return false;
+    set_port_roles(MACSEC_ROLE_UNAUTHENTICATED);
+    clear_data();
+    // Whatever the KaYs have left behind is traced by them; this module is stopped all the same.
+    (void)kay_stop();
+    change_global_state(TAVU_PM_GLOBAL_STATE_INITIALIZED);
+    return true;
+}
+
+bool tavu_pm_create_instance(const char* name) {
+    TAVU_FUNCTION();
+    if (!is_ready())
+        return false;
+    tavu_pm_data* port = create_tavu_pm_data_element(name);
+    if (!port)
+        return false;
+    if (!kay_create_instance(port->port.c_str())) {
+        self.ports.remove(*port);
+        return false;
+    }
+    TRACE("TAVU: TAVU PM is created for port '%s'", port->port.c_str());
+    return set_port_role(*port, MACSEC_ROLE_UNAUTHENTICATED);
+}
+
+bool tavu_pm_dispatch_message(const oka_message* message) {
+    TAVU_FUNCTION();
+    if (!is_ready())
+        return false;
+    if (message->number != TAVU_PM_RETRY_TIMEOUT_IND)
+        return false;
+    tavu_pm_handle_retry_timeout(message);
+    return true;
+}
+
+void tavu_pm_handle_oxpcsi_port_state_change(const oxpcsi_port_data& port_data) {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Received oxpcsi_port_state_change for port '%s'", port_data.port.c_str());
+    if (!is_ready())
+        return;
+    if (tavu_pm_data* port = find_port_or_complain(port_data.port.c_str()))
+        update_state_and_role(*port, port_data);
+}
+
+tavu_pm_global_state get_tavu_pm_global_state() {
+    TAVU_FUNCTION();
+    return self.global_state;
+}
+
+bool get_tavu_pm_state(const char* name, tavu_pm_state& state) {
+    TAVU_FUNCTION();
+    const tavu_pm_data* port = find_port_or_complain(name);
+    if (!port)
+        return false;
+    state = port->state;
+    return true;
+}
+
+} // namespace tavu
