@@ -120,10 +120,15 @@ TEST_F(ground_floor, a_group_that_is_off_formats_nothing) {
 }
 
 TEST_F(ground_floor, trace_groups_are_chosen_by_name) {
-    EXPECT_EQ(zeb::mask_from_text("none"), 0u);
-    EXPECT_EQ(zeb::mask_from_text("error,info state-change"), 0x2u | 0x10u | 0x4000u);
-    EXPECT_EQ(zeb::mask_from_text("all"),
-              0x2u | 0x4 | 0x8 | 0x10 | 0x20 | 0x100 | 0x4000 | 0x20000 | 0x40000);
+    uint32_t mask = 1;
+    char wrong[64];
+    EXPECT_TRUE(zeb::read_mask("none", mask, wrong, sizeof wrong));
+    EXPECT_EQ(mask, 0u);
+    EXPECT_FALSE(zeb::read_mask("error,loud info state-change", mask, wrong, sizeof wrong));
+    EXPECT_EQ(mask, 0x2u | 0x10u | 0x4000u);
+    EXPECT_TRUE(std::string(wrong).starts_with("there is no 'loud'; write some of: error enter")) << wrong;
+    EXPECT_TRUE(zeb::read_mask("all", mask, wrong, sizeof wrong));
+    EXPECT_EQ(mask & 0x6413e, 0x6413eu);
 }
 
 // Traces go to a pipe that the test reads.

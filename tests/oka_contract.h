@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "oka_agent.h"
+#include "platform/oka/core/linux_clock.h"
 
 namespace oka_tests {
 
 struct arrangement {
     const char* name;
-    const char* transports;              // OKA_TRANSPORTS
+    const char* transports;              // OKA_TRANSPORTS; null: none, this process is alone
     const char* agent_unit;              // null: the agent lives in this process
     const char* prefix;                  // of the paths of its mailboxes
     const char* agent_network = nullptr; // the network namespace that it lives in; null: ours
@@ -28,7 +29,10 @@ class oka_contract : public testing::TestWithParam<arrangement> {
     explicit oka_contract(int agent_processes = 1) : agent_processes_(agent_processes) {}
 
     void SetUp() override {
-        setenv("OKA_TRANSPORTS", GetParam().transports, 1);
+        if (GetParam().transports)
+            setenv("OKA_TRANSPORTS", GetParam().transports, 1);
+        else
+            oka::plug_clock(&oka::linux_clock);
         setenv("OKA_UNIT", "here", 1);
         for (int count = 0; GetParam().agent_unit && count < agent_processes_; ++count)
             processes.emplace_back(GetParam().agent_unit, GetParam().agent_network);

@@ -9,7 +9,7 @@ constexpr arrangement over_unix[] = {
     {.name = "unix_two_units", .transports = "unix", .agent_unit = "over/there", .prefix = "over/there/"},
 };
 constexpr arrangement alone[] = {
-    {.name = "one_process", .transports = "none", .agent_unit = nullptr, .prefix = ""},
+    {.name = "one_process", .transports = nullptr, .agent_unit = nullptr, .prefix = ""},
     {.name = "one_process_over_unix", .transports = "unix", .agent_unit = nullptr, .prefix = "here/"},
 };
 

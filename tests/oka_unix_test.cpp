@@ -404,6 +404,9 @@ TEST_F(unix_test, an_environment_that_makes_no_sense_is_reported) {
         std::string value;
     } rows[] = {
         {"OKA_TRANSPORTS", "unix pigeon"},
+        {"OKA_TRANSPORTS", "none"},
+        {"OKA_TRANSPORTS", ","},
+        {"OKA_TRANSPORTS", "unix,unix"},
         {"OKA_UNIT", "here/../there"},
         {"OKA_UNIT", "/here"},
         {"OKA_DIR", "run/oka"},

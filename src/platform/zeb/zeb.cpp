@@ -2,16 +2,22 @@
 // ZEB_STAMP=yes the monotonic time before each, for consoles that keep none.
 #include "platform/zeb.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <poll.h>
+#include <string_view>
 #include <unistd.h>
+#include <utility>
 
+#include "platform/words.h"
 #include "platform/zeb/zeb_sink.h"
+#include "platform/zeb_names.h"
 
 namespace {
 
@@ -22,30 +28,30 @@ constexpr uint32_t bit(uint32_t group) {
 constexpr uint32_t default_mask = bit(ZEB_GROUP_ERROR) | bit(ZEB_GROUP_INFO) | bit(ZEB_GROUP_STATE_CHANGE);
 
 struct group_row {
-    uint32_t group;
-    const char* name;
+    uint32_t mask;
+    const char* name;     // in ZEB_TRACE and in the line
     int journal_priority; // as in sd-daemon: 3 error, 5 notice, 6 information, 7 debug
 };
 
 constexpr group_row groups[] = {
-    {ZEB_GROUP_ERROR, "error", 3},
-    {ZEB_GROUP_ENTER, "enter", 7},
-    {ZEB_GROUP_RETURN, "return", 7},
-    {ZEB_GROUP_INFO, "info", 6},
-    {ZEB_GROUP_TRACE, "trace", 7},
-    {ZEB_GROUP_DETAIL, "detail", 7},
-    {ZEB_GROUP_STATE_CHANGE, "state-change", 5},
-    {ZEB_GROUP_RECEIVE_SIGNAL, "receive", 7},
-    {ZEB_GROUP_SEND_SIGNAL, "send", 7},
+    {bit(ZEB_GROUP_ERROR), "error", 3},
+    {bit(ZEB_GROUP_ENTER), "enter", 7},
+    {bit(ZEB_GROUP_RETURN), "return", 7},
+    {bit(ZEB_GROUP_INFO), "info", 6},
+    {bit(ZEB_GROUP_TRACE), "trace", 7},
+    {bit(ZEB_GROUP_DETAIL), "detail", 7},
+    {bit(ZEB_GROUP_STATE_CHANGE), "state-change", 5},
+    {bit(ZEB_GROUP_RECEIVE_SIGNAL), "receive", 7},
+    {bit(ZEB_GROUP_SEND_SIGNAL), "send", 7},
+    {UINT32_MAX, "all", 7},
+    {0, "none", 7},
 };
 
 const group_row& row_of(uint32_t group) {
     static constexpr group_row unknown = {0, "?", 7};
-    for (const group_row& row : groups) {
-        if (row.group == group)
-            return row;
-    }
-    return unknown;
+    const auto* row = std::find_if(std::begin(groups), std::end(groups),
+                                   [=](const group_row& each) { return each.mask == bit(group); });
+    return row == std::end(groups) ? unknown : *row;
 }
 
 constexpr size_t text_size = 1024;
@@ -113,39 +119,35 @@ void set_sink(sink new_sink) {
     current_sink = new_sink ? new_sink : write_to_stderr;
 }
 
-uint32_t mask_from_text(const char* text) {
-    uint32_t mask = 0;
-    while (*text) {
-        size_t length = strcspn(text, ", ");
-        bool found = length == 0 || (length == 4 && !strncmp(text, "none", 4));
-        for (const group_row& row : groups) {
-            bool wanted = (length == 3 && !strncmp(text, "all", 3)) ||
-                          (length == strlen(row.name) && !strncmp(text, row.name, length));
-            if (wanted) {
-                mask |= bit(row.group);
-                found = true;
-            }
-        }
-        if (!found) {
-            fprintf(stderr, "ZEB_TRACE: no trace group '%.*s'; the groups are:", static_cast<int>(length),
-                    text);
-            for (const group_row& row : groups)
-                fprintf(stderr, " %s", row.name);
-            fprintf(stderr, ", or 'all' or 'none'\n");
-        }
-        text += length;
-        text += strspn(text, ", ");
+bool read_mask(std::string_view text, uint32_t& mask, char* wrong, size_t size) {
+    bool all_known = true;
+    mask = 0;
+    for (std::string_view word = platform::next_word(text); !word.empty(); word = platform::next_word(text)) {
+        const auto* row = std::find_if(std::begin(groups), std::end(groups),
+                                       [=](const group_row& each) { return each.name == word; });
+        if (row != std::end(groups))
+            mask |= row->mask;
+        else if (std::exchange(all_known, false))
+            platform::describe_unknown(
+                word, std::size(groups), [](size_t index) { return groups[index].name; }, wrong, size);
     }
-    return mask;
+    return all_known;
 }
 
 } // namespace zeb
 
+bool zeb_check_trace_groups(const char* value, char* wrong, size_t size) {
+    uint32_t mask = 0;
+    return zeb::read_mask(value, mask, wrong, size);
+}
+
 int zeb_init(void) {
     const char* chosen = getenv("ZEB_TRACE");
+    char wrong[256];
+    if (chosen && !zeb::read_mask(chosen, procInfo.trace_group_mask, wrong, sizeof wrong))
+        fprintf(stderr, "ZEB_TRACE is '%.80s'; %s\n", chosen, wrong);
     const char* stamp = getenv("ZEB_STAMP");
     stamped = stamp && strcmp(stamp, "yes") == 0;
-    procInfo.trace_group_mask = chosen ? zeb::mask_from_text(chosen) : default_mask;
     return 0;
 }
 

@@ -2,7 +2,9 @@
 // prefix that the journal understands; a test plugs in its own to read what a module traced.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace zeb {
 
@@ -18,8 +20,8 @@ using sink = void (*)(const record&);
 // Replaces the sink; null restores the default one.
 void set_sink(sink new_sink);
 
-// The mask for a list of group names separated by commas or blanks ("error info"), "all" or "none".
-// A name that is not known is reported on stderr and left out.
-uint32_t mask_from_text(const char* text);
+// The mask for a value of ZEB_TRACE, without the names that are not known. Whether all were; when not,
+// `wrong` says which is not, and what there is.
+bool read_mask(std::string_view text, uint32_t& mask, char* wrong, size_t size);
 
 } // namespace zeb

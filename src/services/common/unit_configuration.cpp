@@ -10,7 +10,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/oka/core/names.h"
+#include "platform/oka_names.h"
+#include "platform/zeb_names.h"
 
 namespace services {
 
@@ -66,7 +67,7 @@ std::string check_mpid(const std::string& value) {
 }
 
 std::string check_unit(const std::string& value) {
-    return oka::valid_unit(value.c_str())
+    return oka_valid_unit_path(value.c_str())
                ? ""
                : "write the name under which other units find this one, such as mp3; no '.' begins it";
 }
@@ -75,13 +76,10 @@ std::string check_path(const std::string& value) {
     return value.size() > 1 && value[0] == '/' ? "" : "write an absolute path, such as /run/oka";
 }
 
-std::string check_words(std::string_view value, word_list known) {
-    for (std::string_view rest = value, word = next_word(rest, " ,"); !word.empty();
-         word = next_word(rest, " ,")) {
-        if (!contains(known, word))
-            return "there is no '" + std::string(word) + "'; write some of: " + list(known);
-    }
-    return "";
+template<bool (*check)(const char* value, char* wrong, size_t size)>
+std::string ask_platform(const std::string& value) {
+    char wrong[256];
+    return check(value.c_str(), wrong, sizeof wrong) ? "" : wrong;
 }
 
 std::string check_one_word(const std::string& value, word_list known) {
@@ -122,10 +120,7 @@ const struct known_variable {
     {"OXHAL_PORTS", check_ports},
     {"OKA_UNIT", check_unit},
     {"OKA_DIR", check_path},
-    {"OKA_TRANSPORTS",
-     [](const std::string& value) {
-         return check_words(value, {"unix", "tipc", "none"});
-     }},
+    {"OKA_TRANSPORTS", ask_platform<oka_check_transports>},
     {"OKA_TIPC_CLEAR",
      [](const std::string& value) {
          return check_one_word(value, {"yes", "no"});
@@ -138,11 +133,7 @@ const struct known_variable {
      [](const std::string& value) {
          return check_one_word(value, {"macsec", "sim"});
      }},
-    {"ZEB_TRACE",
-     [](const std::string& value) {
-         return check_words(value, {"error", "enter", "return", "info", "trace", "detail", "state-change",
-                                    "receive", "send", "all", "none"});
-     }},
+    {"ZEB_TRACE", ask_platform<zeb_check_trace_groups>},
     {"ZEB_STAMP",
      [](const std::string& value) {
          return check_one_word(value, {"yes", "no"});

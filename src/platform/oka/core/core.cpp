@@ -58,7 +58,7 @@ struct {
     const oka::transport* transports[oka::transports_at_once] = {};
     size_t transport_count = 0;
     bool started = false;
-    char own_unit[oka::unit_path_size] = "";
+    char own_unit[OKA_UNIT_PATH_SIZE] = "";
 
     oka_mailbox root = OKA_MAILBOX_NONE;
     oka::id_table<mailbox, 256> mailboxes;
@@ -287,7 +287,7 @@ void withdraw(oka_mailbox mailbox) {
 bool may_create(const char* name) {
     if (!core.started)
         OKA_ERROR("OKA: Mailbox '%s' cannot be created: the messaging service is not up", name);
-    else if (!oka::valid_name(name))
+    else if (!oka_valid_mailbox_name(name))
         OKA_ERROR("OKA: '%.100s' is no name for a mailbox", name);
     else
         return true;

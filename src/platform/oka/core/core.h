@@ -11,16 +11,13 @@
 #include <cstdint>
 
 #include "platform/oka.h"
+#include "platform/oka_names.h"
 
 namespace oka {
 
 constexpr uint64_t never_ns = UINT64_MAX;
 
 constexpr size_t transports_at_once = 2;
-
-// Unit paths and mailbox names, NUL included.
-constexpr size_t unit_path_size = 256;
-constexpr size_t mailbox_name_size = 80;
 
 // A message with what the service knows about it. The message itself follows the head room, so that a
 // transport writes its frame header in front of it and sends both in one piece.

@@ -2,29 +2,30 @@
 
 #include <cstring>
 
-namespace oka {
-
-bool valid_name(const char* name) {
-    size_t length = strnlen(name, mailbox_name_size);
-    return length > 0 && length < mailbox_name_size && name[0] != '.' && !strchr(name, '/');
+bool oka_valid_mailbox_name(const char* name) {
+    size_t length = strnlen(name, OKA_MAILBOX_NAME_SIZE);
+    return length > 0 && length < OKA_MAILBOX_NAME_SIZE && name[0] != '.' && !strchr(name, '/');
 }
 
-bool valid_unit(const char* unit) {
-    if (strnlen(unit, unit_path_size) == unit_path_size)
+bool oka_valid_unit_path(const char* path) {
+    if (strnlen(path, OKA_UNIT_PATH_SIZE) == OKA_UNIT_PATH_SIZE)
         return false;
     for (;;) {
-        size_t length = strcspn(unit, "/");
-        if (length == 0 || unit[0] == '.')
+        size_t length = strcspn(path, "/");
+        if (length == 0 || path[0] == '.')
             return false;
-        if (unit[length] == '\0')
+        if (path[length] == '\0')
             return true;
-        unit += length + 1;
+        path += length + 1;
     }
 }
 
+namespace oka {
+
 bool split_path(const char* text, path& result) {
     result.unit[0] = '\0';
-    if (strnlen(text, unit_path_size + mailbox_name_size) == unit_path_size + mailbox_name_size)
+    if (strnlen(text, OKA_UNIT_PATH_SIZE + OKA_MAILBOX_NAME_SIZE) ==
+        OKA_UNIT_PATH_SIZE + OKA_MAILBOX_NAME_SIZE)
         return false;
     const char* name = text;
     if (const char* slash = strrchr(text, '/')) {
@@ -33,11 +34,11 @@ bool split_path(const char* text, path& result) {
             return false;
         memcpy(result.unit, text, length);
         result.unit[length] = '\0';
-        if (!valid_unit(result.unit))
+        if (!oka_valid_unit_path(result.unit))
             return false;
         name = slash + 1;
     }
-    if (!valid_name(name))
+    if (!oka_valid_mailbox_name(name))
         return false;
     strcpy(result.name, name);
     return true;

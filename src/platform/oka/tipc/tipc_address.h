@@ -13,7 +13,7 @@ tipc_service_addr service_of(const char* unit, const char* name);
 
 // The first packet of a connection: whom it is for. `size` bytes are sent, the names with their NULs.
 struct wanted_packet {
-    unsigned char bytes[8 + unit_path_size + mailbox_name_size];
+    unsigned char bytes[8 + OKA_UNIT_PATH_SIZE + OKA_MAILBOX_NAME_SIZE];
     size_t size;
 };
 wanted_packet make_wanted(const char* unit, const char* name);

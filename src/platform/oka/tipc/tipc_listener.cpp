@@ -28,7 +28,7 @@ struct listener {
     descriptor watched;
     oka_mailbox mailbox;
     wanted_packet wanted;
-    char name[mailbox_name_size];
+    char name[OKA_MAILBOX_NAME_SIZE];
 };
 
 // A connection until its first packet is there.
@@ -39,7 +39,7 @@ struct arrival {
 };
 
 struct {
-    char unit[unit_path_size] = {};
+    char unit[OKA_UNIT_PATH_SIZE] = {};
     listener* all = nullptr;
     arrival* doorstep = nullptr; // the newest first
     size_t on_doorstep = 0;

@@ -43,7 +43,7 @@ struct search {
 void hear_topology(void* context, uint32_t events);
 
 struct {
-    char own_unit[unit_path_size] = {};
+    char own_unit[OKA_UNIT_PATH_SIZE] = {};
     search* all = nullptr;
     descriptor topology = {.fd = -1, .ready = hear_topology, .context = nullptr};
     uint32_t reconnect_timer = 0;

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include "platform/oka/core/descriptors.h"
-#include "platform/oka/core/names.h"
 #include "platform/oka/core/oka_trace.h"
 #include "platform/oka/links/link.h"
 #include "platform/oka/unix/folder_watch.h"
@@ -31,7 +30,7 @@ struct listener {
     descriptor watched;
     oka_mailbox mailbox;
     published_socket socket;
-    char name[mailbox_name_size];
+    char name[OKA_MAILBOX_NAME_SIZE];
 };
 
 void socket_removed(const char* name);

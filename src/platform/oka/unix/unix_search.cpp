@@ -7,7 +7,6 @@
 #include <sys/inotify.h>
 
 #include "platform/oka/core/core.h"
-#include "platform/oka/core/names.h"
 #include "platform/oka/core/oka_trace.h"
 #include "platform/oka/links/link.h"
 #include "platform/oka/unix/folder_watch.h"
@@ -27,7 +26,7 @@ struct search {
     search* next;
     uint32_t locate;
     unit_folder* folder;
-    char name[mailbox_name_size];
+    char name[OKA_MAILBOX_NAME_SIZE];
     bool changed;  // since the last attempt began
     bool reported; // what keeps it from finding
     uint32_t retry_timer;
