@@ -1,5 +1,6 @@
 /* What units and mailboxes may be called, and what the environment may say about messaging: for programs
- * that check a name or a configuration before messaging uses it. A contract, like oka.h; callable at any time.
+ * that check a name or a configuration before messaging uses it. A contract, like oka.h; callable at any
+ * time.
  */
 #ifndef QEL_TAVU_PLATFORM_OKA_NAMES_H
 #define QEL_TAVU_PLATFORM_OKA_NAMES_H
