@@ -7,8 +7,10 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <unistd.h>
 
 #include "platform/oxhal.h"
+#include "platform/oxhal_view.h"
 
 namespace {
 
@@ -22,9 +24,10 @@ class oxhal_contract : public testing::Test {
   protected:
     void SetUp() override {
         setenv("OXHAL_DRIVER", "sim", 0);
+        shown = testing::TempDir() + "oxhal_view." + std::to_string(getpid());
+        setenv("OXHAL_SIM_VIEW", shown.c_str(), 1);
         ASSERT_EQ(oxhal_init(), 0);
         ASSERT_EQ(oxhal_macsec_init(), 0);
-        oxhal_vport first;
         ASSERT_EQ(oxhal_vport_iterate(0, &first), 0);
         port = first.handle;
         ASSERT_EQ(oxhal_macsec_enable_set(port, true), 0);
@@ -33,8 +36,14 @@ class oxhal_contract : public testing::Test {
     void TearDown() override {
         EXPECT_EQ(oxhal_macsec_transmit_sc_delete_all(port), 0);
         EXPECT_EQ(oxhal_macsec_receive_sc_delete_all(port), 0);
+        unlink(shown.c_str());
     }
 
+    oxhal_view view() const {
+        oxhal_view seen;
+        EXPECT_EQ(oxhal_view_get(first.name, &seen), 0);
+        return seen;
+    }
     int create_tx(uint8_t an) const { return oxhal_macsec_transmit_sa_create(port, own, an, 128, true, key); }
     int create_rx(uint8_t an, oxhal_macsec_sci of = peer) const {
         return oxhal_macsec_receive_sa_create2(port, of, an, 128, key);
@@ -64,7 +73,9 @@ class oxhal_contract : public testing::Test {
         use_tx(1);
     }
 
+    oxhal_vport first = {};
     uint32_t port = 0;
+    std::string shown;
 };
 
 TEST_F(oxhal_contract, lists_its_ports) {
@@ -218,6 +229,46 @@ TEST_F(oxhal_contract, takes_settings_in_any_order_with_or_without_the_controlle
         EXPECT_EQ(oxhal_macsec_replay_window_set(port, 0), 0);
         EXPECT_EQ(oxhal_macsec_replay_protect_set2(port, false), 0);
     }
+}
+
+bool same_key(const oxhal_view_association& one, const oxhal_view_association& other) {
+    return one.installed && other.installed &&
+           !memcmp(one.fingerprint, other.fingerprint, sizeof one.fingerprint);
+}
+
+TEST_F(oxhal_contract, shows_what_is_installed_and_by_which_key_but_no_key) {
+    secure();
+    uint8_t next_key[16] = {7};
+    ASSERT_EQ(oxhal_macsec_receive_sa_create2(port, peer, 2, 500, {next_key, 16}), 0);
+    ASSERT_EQ(oxhal_macsec_replay_protect_set2(port, true), 0);
+    ASSERT_EQ(oxhal_macsec_validate_frames_set2(port, OXHAL_MACSEC_VALIDATE_FRAMES_STRICT), 0);
+    ASSERT_EQ(oxhal_macsec_protect_frames_set2(port, true), 0);
+    oxhal_view seen = view();
+    EXPECT_TRUE(seen.enabled && seen.protect_frames && seen.confidentiality && seen.replay_protect);
+    EXPECT_EQ(seen.validate_frames, OXHAL_MACSEC_VALIDATE_FRAMES_STRICT);
+    EXPECT_EQ(memcmp(&seen.transmit.sci, &own, sizeof own), 0);
+    ASSERT_EQ(seen.receive_channels, 1u);
+    const oxhal_view_receive_channel& from_peer = seen.receive[0];
+    EXPECT_EQ(memcmp(&from_peer.sci, &peer, sizeof peer), 0);
+    EXPECT_TRUE(seen.transmit.associations[1].active && from_peer.associations[1].active);
+    EXPECT_TRUE(from_peer.associations[2].installed);
+    EXPECT_FALSE(from_peer.associations[2].active || from_peer.associations[3].installed);
+    EXPECT_EQ(from_peer.associations[2].next_packet_number, 500u);
+    EXPECT_TRUE(same_key(seen.transmit.associations[1], from_peer.associations[1]))
+        << "installed with one key";
+    EXPECT_FALSE(same_key(from_peer.associations[1], from_peer.associations[2]));
+    EXPECT_EQ(memmem(&seen, sizeof seen, next_key, 8), nullptr);
+
+    ASSERT_EQ(oxhal_macsec_transmit_sa_delete(port, own, 1), 0);
+    ASSERT_EQ(oxhal_macsec_receive_sc_delete_all(port), 0);
+    seen = view();
+    EXPECT_FALSE(seen.transmit.associations[1].installed);
+    EXPECT_EQ(seen.receive_channels, 0u);
+    ASSERT_EQ(oxhal_macsec_enable_set(port, false), 0);
+    oxhal_view none;
+    (void)oxhal_view_get(first.name, &none);
+    EXPECT_FALSE(none.enabled);
+    EXPECT_NE(oxhal_view_get("DiPort_Z9", &none), 0);
 }
 
 TEST_F(oxhal_contract, makes_keys_that_differ_and_stay_within_their_length) {

@@ -5,7 +5,7 @@
 build_programs() {
     local programs=(qel-tavu oxpcsi-server idl-topologyd tavuctl) program binary preset=release
     case ${1-amd64} in
-    amd64) need_packages cmake ninja-build g++ libmnl-dev libtomlplusplus-dev ;;
+    amd64) need_packages cmake ninja-build g++ libmbedtls-dev libmnl-dev libtomlplusplus-dev ;;
     armhf)
         preset=armhf
         scripts/prepare-cross armhf

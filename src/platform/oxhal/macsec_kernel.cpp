@@ -6,7 +6,8 @@
 #include <linux/if_link.h>
 #include <linux/if_macsec.h>
 #include <linux/rtnetlink.h>
-#include <sys/random.h>
+
+#include "platform/oxhal/fingerprint.h"
 
 namespace oxhal::kernel {
 namespace {
@@ -220,11 +221,11 @@ int delete_receive_channel(unsigned index, const oxhal_macsec_sci& sci) {
 
 int create_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, uint32_t packet_number,
                        const uint8_t (&key)[key_size]) {
-    // The kernel wants a name for the key that it can show; anything that tells nothing about the key will
-    // do.
+    // The kernel wants a name for the key, which it shows to everybody: what one end sends with is recognised
+    // by it at the other.
+    static_assert(MACSEC_KEYID_LEN == fingerprint_size);
     uint8_t key_id[MACSEC_KEYID_LEN];
-    if (getrandom(key_id, sizeof key_id, GRND_NONBLOCK) != sizeof key_id)
-        return errno;
+    fingerprint_of(key, key_size, key_id);
     return talk_association(index, MACSEC_CMD_ADD_TXSA, MACSEC_CMD_ADD_RXSA, sci, an, [&](nlmsghdr* message) {
         mnl_attr_put_u32(message, MACSEC_SA_ATTR_PN, packet_number);
         mnl_attr_put_u8(message, MACSEC_SA_ATTR_ACTIVE, 0);
@@ -246,8 +247,12 @@ int delete_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an) 
 int read_contents(unsigned index, contents& found) {
     found = {};
     found.index = index;
+    return dump_secys(hear_contents, &found);
+}
+
+int dump_secys(netlink::answer heard, void* context) {
     begin_generic(sockets.family, MACSEC_CMD_GET_TXSC, 0, NLM_F_DUMP);
-    return sockets.generic.talk(hear_contents, &found);
+    return sockets.generic.talk(heard, context);
 }
 
 } // namespace oxhal::kernel

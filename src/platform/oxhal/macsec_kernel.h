@@ -51,5 +51,7 @@ int create_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, 
 int activate_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, bool active);
 int delete_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an);
 int read_contents(unsigned index, contents& found);
+// Every SecY of the machine, an answer each.
+int dump_secys(netlink::answer heard, void* context);
 
 } // namespace oxhal::kernel

@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/oxhal/fingerprint.h"
 #include "platform/oxhal/sim_report.h"
+#include "platform/oxhal/sim_view.h"
 
 namespace {
 
@@ -74,11 +76,17 @@ hardware& hardware_of(const port& on) {
     return sim.ports[&on - ports().ports];
 }
 
-port& port_by_name(const char* name) {
-    for (uint32_t i = 0; i < ports().count; ++i) {
+port* find_port(const char* name) {
+    for (uint32_t i = 0; name && i < ports().count; ++i) {
         if (!strcmp(ports().ports[i].name, name))
-            return ports().ports[i];
+            return &ports().ports[i];
     }
+    return nullptr;
+}
+
+port& port_by_name(const char* name) {
+    if (port* found = find_port(name))
+        return *found;
     fprintf(stderr, "oxhal_sim: no port '%s'; is oxhal_init called?\n", name);
     abort();
 }
@@ -203,7 +211,44 @@ int generate_key(uint32_t length, uint8_t* key) {
     return 0;
 }
 
+void show_association(const association& from, const uint8_t (&key)[key_size], oxhal_view_association& to) {
+    if (!from.installed)
+        return;
+    to.installed = true;
+    to.active = from.in_use;
+    to.next_packet_number = from.packet_number;
+    fingerprint_of(key, key_size, to.fingerprint);
+}
+
+void show(port& on) {
+    oxhal_view view = {};
+    view.enabled = on.enabled;
+    view.protect_frames = on.wanted.protect_frames;
+    view.replay_protect = on.wanted.replay_protect;
+    view.replay_window = on.wanted.replay_window;
+    view.validate_frames = on.wanted.validate_frames;
+    view.transmit.sci = on.transmit.sci;
+    for (uint32_t an = 0; an < associations_per_channel; ++an) {
+        const association& each = on.transmit.associations[an];
+        show_association(each, hardware_of(on).transmit.keys[an], view.transmit.associations[an]);
+        view.confidentiality |= each.in_use && each.confidentiality;
+    }
+    for (const channel& each : on.receive) {
+        if (!each.exists)
+            continue;
+        oxhal_view_receive_channel& next = view.receive[view.receive_channels++];
+        next.sci = each.sci;
+        next.active = true;
+        for (uint32_t an = 0; an < associations_per_channel; ++an)
+            show_association(each.associations[an], keys_of(on, direction::receive, each).keys[an],
+                             next.associations[an]);
+    }
+    oxhal_sim::show_view(on, view);
+}
+
 void after(const call& what, int result) {
+    if (port* on = oxhal_sim::shows_views() ? find_port(what.port_name) : nullptr)
+        show(*on);
     if (oxhal_sim::reports()) {
         oxhal_sim::tell_ended(what, result, sim.reported_key);
         explicit_bzero(sim.reported_key, sizeof sim.reported_key);
