@@ -3,7 +3,7 @@
 # host.
 
 build_programs() {
-    local programs=(qel-tavu oxpcsi-server idl-topologyd tavuctl) program binary preset=release
+    local programs=(qel-tavu oxpcsi-server idl-topologyd tavuctl oka-tipc-key) program binary preset=release
     case ${1-amd64} in
     amd64) need_packages cmake ninja-build g++ libmbedtls-dev libmnl-dev libtomlplusplus-dev ;;
     armhf)
