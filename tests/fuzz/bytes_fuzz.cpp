@@ -99,11 +99,11 @@ void do_step(reader& input) {
         send_packet(fd, raw.data(), raw.size());
         break;
     case 8:
-        oka::accept_link(new_connection(), 1 + input.octet() % 2, link.mailbox);
+        oka::accept_link(new_connection(), 1 + input.octet() % 2, link.mailbox, nullptr);
         break;
     case 9:
         if (!link.search.busy())
-            oka::begin_link(link.search, new_connection(), 1 + input.octet() % 2);
+            oka::begin_link(link.search, new_connection(), 1 + input.octet() % 2, true);
         break;
     case 10:
         oka::cancel_link(link.search);
@@ -145,7 +145,7 @@ void fuzz_link(reader& input) {
         do_step(input);
     settle();
     // A new process that means well is served. Its number is one that the input does not know.
-    oka::accept_link(new_connection(), 99, link.mailbox);
+    oka::accept_link(new_connection(), 99, link.mailbox, nullptr);
     settle();
     const unsigned before = accepted;
     send_frame(link.ends[3], oka::frame_kind::hello, 0, 0, hello(stranger));

@@ -336,6 +336,10 @@ int start_core(const char* own_unit) {
     return 0;
 }
 
+const char* own_unit() {
+    return core.own_unit;
+}
+
 bool is_local(oka_mailbox mailbox) {
     return find_local(mailbox);
 }

@@ -72,6 +72,7 @@ void plug_transport(const transport* plugged);
 
 // What a transport calls. None of it calls back, but that answer_locate ends with cancel_locate.
 
+const char* own_unit();
 bool is_local(oka_mailbox mailbox);
 uint64_t now_ns();
 // A mailbox of another process became known, under an id that it keeps until remove_remote. Messages for it

@@ -10,21 +10,23 @@
 // in order with the news that the mailbox is gone.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "platform/oka/core/core.h"
-#include "platform/oka/core/descriptors.h"
 
 namespace oka {
 
 struct connection;
 struct peer;
 
-// One search for a mailbox behind a connected socket; embedded in the transport's own record of it.
+// One search for a mailbox behind a connected socket; embedded in the record of whoever searches.
 struct link_search {
     // Either is called once for every begin_link, unless cancel_link comes first.
     void (*found)(link_search& search, oka_mailbox mailbox) = nullptr;
     void (*failed)(link_search& search) = nullptr;
+    // Sends what comes before the hello; false when that fails. Null when there is nothing.
+    bool (*introduce)(link_search& search, int fd) = nullptr;
 
     bool busy() const { return greeting || asked; }
 
@@ -35,8 +37,11 @@ struct link_search {
     link_search* next_asking = nullptr;
 };
 
-// Once for each transport. `room_again` is called when a connection was closed, for a transport that stopped
-// accepting.
+// Whether the first packet of a connection names the mailbox that it came to.
+using admits_packet = bool (*)(oka_mailbox mailbox, uint32_t pid, const void* packet, size_t size);
+
+// Once for each transport. `room_again` is called when a connection was closed, for a listener that stopped
+// accepting. False, with errno, when there are no random numbers.
 bool start_links(void (*room_again)());
 void stop_links();
 
@@ -44,9 +49,11 @@ void stop_links();
 bool room_for_link();
 // A socket that was accepted on behalf of a mailbox of this process. Owns the socket. `pid` is the process
 // that the kernel says is behind it, between hosts its machine: nobody joins the connections of another one.
-void accept_link(int fd, uint32_t pid, oka_mailbox mailbox);
-// A socket that was connected to what should be the wanted mailbox. Owns the socket. May fail at once.
-void begin_link(link_search& search, int fd, uint32_t pid);
+// `admits` is null when connections begin with the hello.
+void accept_link(int fd, uint32_t pid, oka_mailbox mailbox, admits_packet admits);
+// A socket that is connected, or still connecting, to what should be the wanted mailbox. Owns the socket. May
+// fail at once.
+void begin_link(link_search& search, int fd, uint32_t pid, bool connected);
 void cancel_link(link_search& search);
 
 // Tells all peers that a mailbox of this process is gone.

@@ -1,6 +1,7 @@
 // What travels on a link: one frame a packet, every integer big-endian.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <endian.h>
 
@@ -24,7 +25,8 @@ struct frame_header {
     uint32_t receiver_be;
     uint32_t sender_be;
 };
-static_assert(sizeof(frame_header) == 12);
+static_assert(offsetof(frame_header, kind_be) == 0 && offsetof(frame_header, receiver_be) == 4 &&
+              offsetof(frame_header, sender_be) == 8 && sizeof(frame_header) == 12);
 
 constexpr uint32_t link_version = 1;
 
@@ -38,7 +40,8 @@ struct greeting_frame { // hello and welcome
     uint32_t version_be;
     process_id process;
 };
-static_assert(sizeof(greeting_frame) == 32);
+static_assert(offsetof(greeting_frame, version_be) == 12 && offsetof(greeting_frame, process) == 16 &&
+              sizeof(greeting_frame) == 32);
 
 constexpr size_t largest_frame = sizeof(frame_header) + OKA_MESSAGE_SIZE_MAX;
 

@@ -1,16 +1,13 @@
 #include "platform/oka/tipc/tipc_address.h"
 
-#include <cstring>
-#include <initializer_list>
 #include <sys/socket.h>
 
-namespace oka {
+namespace oka::af_tipc {
 
 namespace {
 
 // Service types below are the kernel's own.
 constexpr uint32_t first_free_type = TIPC_RESERVED_TYPES;
-constexpr char wanted_magic[8] = {'o', 'k', 'a', '-', 't', 'i', 'p', 'c'};
 
 // FNV-1a: spreads names well, and is the same everywhere. Nothing rests on it being hard to invert.
 uint32_t hash(const char* text) {
@@ -22,25 +19,9 @@ uint32_t hash(const char* text) {
 
 } // namespace
 
-tipc_service_addr service_of(const char* unit, const char* name) {
-    uint32_t type = hash(unit);
-    return {.type = type < first_free_type ? type + first_free_type : type, .instance = hash(name)};
-}
-
-wanted_packet make_wanted(const char* unit, const char* name) {
-    wanted_packet made = {};
-    memcpy(made.bytes, wanted_magic, sizeof wanted_magic);
-    made.size = sizeof wanted_magic;
-    for (const char* text : {unit, name}) {
-        size_t length = strlen(text) + 1;
-        memcpy(made.bytes + made.size, text, length);
-        made.size += length;
-    }
-    return made;
-}
-
-bool is_wanted(const wanted_packet& expected, const void* bytes, size_t size) {
-    return size == expected.size && !memcmp(bytes, expected.bytes, size);
+tipc_service_addr service_of(const mailbox_address& mailbox) {
+    uint32_t type = hash(mailbox.unit);
+    return {.type = type < first_free_type ? type + first_free_type : type, .instance = hash(mailbox.name)};
 }
 
 int tipc_socket() {
@@ -59,4 +40,12 @@ uint32_t other_node(int fd) {
     return getpeername(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0 ? address.addr.id.node : 0;
 }
 
-} // namespace oka
+uint64_t place_of(const tipc_socket_addr& socket) {
+    return uint64_t{socket.node} << 32 | socket.ref;
+}
+
+tipc_socket_addr socket_at(uint64_t place) {
+    return {.ref = static_cast<uint32_t>(place), .node = static_cast<uint32_t>(place >> 32)};
+}
+
+} // namespace oka::af_tipc

@@ -1,23 +1,16 @@
-// How a mailbox is addressed in a TIPC cluster, and what a connection to it begins with.
+// How a mailbox is addressed in a TIPC cluster.
 #pragma once
 
+#include <cstdint>
 #include <linux/tipc.h>
 
-#include "platform/oka/core/core.h"
+#include "platform/oka/links/family.h"
 
-namespace oka {
+namespace oka::af_tipc {
 
 // 64 bits of the names: the service type from the unit's path, the instance from the mailbox's name. The same
 // on every machine.
-tipc_service_addr service_of(const char* unit, const char* name);
-
-// The first packet of a connection: whom it is for. `size` bytes are sent, the names with their NULs.
-struct wanted_packet {
-    unsigned char bytes[8 + OKA_UNIT_PATH_SIZE + OKA_MAILBOX_NAME_SIZE];
-    size_t size;
-};
-wanted_packet make_wanted(const char* unit, const char* name);
-bool is_wanted(const wanted_packet& expected, const void* bytes, size_t size);
+tipc_service_addr service_of(const mailbox_address& mailbox);
 
 // A socket of TIPC's, not blocking; -1 with errno.
 int tipc_socket();
@@ -25,4 +18,8 @@ int tipc_socket();
 uint32_t own_node(int fd);
 uint32_t other_node(int fd);
 
-} // namespace oka
+// A socket as a place of a search.
+uint64_t place_of(const tipc_socket_addr& socket);
+tipc_socket_addr socket_at(uint64_t place);
+
+} // namespace oka::af_tipc

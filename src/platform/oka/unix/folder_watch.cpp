@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace oka {
+namespace oka::af_unix {
 
 namespace {
 
@@ -112,4 +112,4 @@ void close_folder_watch(folder_watch& watch) {
     watch.inotify.fd = -1;
 }
 
-} // namespace oka
+} // namespace oka::af_unix

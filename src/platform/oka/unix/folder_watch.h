@@ -6,7 +6,7 @@
 #include "platform/oka/core/descriptors.h"
 #include "platform/oka/unix/unix_directory.h"
 
-namespace oka {
+namespace oka::af_unix {
 
 struct folder_watch {
     // For every change: the name that it is about, or null when a folder went away or changes were lost.
@@ -23,4 +23,4 @@ bool watch_folder(folder_watch& watch, const unit_folder& folder, uint32_t event
 // Ends all watches.
 void close_folder_watch(folder_watch& watch);
 
-} // namespace oka
+} // namespace oka::af_unix

@@ -14,6 +14,9 @@
 #include <unistd.h>
 
 #include "platform/oka/core/oka_trace.h"
+#include "platform/oka_names.h"
+
+namespace oka::af_unix {
 
 namespace {
 
@@ -23,7 +26,6 @@ constexpr size_t temporary_name_size = 18;
 struct {
     char root[3072] = "";
     size_t root_length = 0;
-    char own_unit[256] = "";
 } directory;
 
 // Closes at the end of its scope.
@@ -89,7 +91,7 @@ bool make_directory(const char* path) {
 
 // Creates what is missing of the path.
 bool make_directories(const char* path) {
-    char part[sizeof(oka::unit_folder::path)];
+    char part[sizeof(unit_folder::path)];
     snprintf(part, sizeof part, "%s", path);
     for (char* slash = strchr(part + 1, '/');; slash = strchr(slash + 1, '/')) {
         if (slash)
@@ -103,9 +105,7 @@ bool make_directories(const char* path) {
 }
 
 // Missing when someone removed it since the start.
-int open_own_folder(oka::unit_folder& folder) {
-    if (!oka::folder_of("", folder))
-        return -1;
+int open_and_keep(const unit_folder& folder) {
     int fd = open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT && make_directories(folder.path))
         fd = open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -166,7 +166,7 @@ bool move_into_place(int folder, const char* temporary, const char* name) {
     return moved;
 }
 
-bool listen_under(int folder, const char* name, int socket, oka::published_socket& published) {
+bool listen_under(int folder, const char* name, int socket, published_socket& published) {
     uint64_t number;
     char temporary[temporary_name_size];
     if (getrandom(&number, sizeof number, 0) != sizeof number)
@@ -176,8 +176,8 @@ bool listen_under(int folder, const char* name, int socket, oka::published_socke
     if (bind_in(folder, temporary, socket) && listen(socket, SOMAXCONN) == 0 &&
         fstatat(folder, temporary, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         move_into_place(folder, temporary, name)) {
-        published.device = status.st_dev;
-        published.inode = status.st_ino;
+        published.identity[0] = status.st_dev;
+        published.identity[1] = status.st_ino;
         return true;
     }
     int error = errno;
@@ -186,10 +186,14 @@ bool listen_under(int folder, const char* name, int socket, oka::published_socke
     return false;
 }
 
-bool is_in_place(int folder, const char* name, const oka::published_socket& published) {
+bool is_file_of(const published_socket& published, int folder, const char* name) {
     struct stat status;
-    return fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && status.st_dev == published.device &&
-           status.st_ino == published.inode;
+    return fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           status.st_dev == published.identity[0] && status.st_ino == published.identity[1];
+}
+
+int open_path(const unit_folder& folder) {
+    return open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
 bool in_group(int socket, gid_t group) {
@@ -208,9 +212,7 @@ bool in_group(int socket, gid_t group) {
 
 } // namespace
 
-namespace oka {
-
-int set_messaging_directory(const char* own_unit) {
+int use_messaging_directory(const char* own_unit) {
     const char* chosen = getenv("OKA_DIR");
     if (!chosen || !*chosen)
         chosen = default_directory;
@@ -224,37 +226,36 @@ int set_messaging_directory(const char* own_unit) {
     memcpy(directory.root, chosen, length);
     directory.root[length] = '\0';
     directory.root_length = length;
-    snprintf(directory.own_unit, sizeof directory.own_unit, "%s", own_unit);
     if (access("/proc/self/fd", X_OK) < 0) {
         OKA_ERROR("OKA: Messaging over AF_UNIX needs /proc: %s", strerror(errno));
         return errno;
     }
-    unit_folder folder;
-    scoped_fd opened(open_own_folder(folder));
-    if (opened)
+    unit_folder folder = folder_of(own_unit);
+    if (scoped_fd(open_and_keep(folder)))
         return 0;
     int error = errno;
     OKA_ERROR("OKA: The messaging directory '%.500s' cannot be used: %s", folder.path, strerror(error));
     return error;
 }
 
-bool folder_of(const char* unit, unit_folder& folder) {
-    int length =
-        snprintf(folder.path, sizeof folder.path, "%s/%s", directory.root, *unit ? unit : directory.own_unit);
-    return length > 0 && static_cast<size_t>(length) < sizeof folder.path;
+unit_folder folder_of(const char* unit) {
+    static_assert(sizeof directory.root + OKA_UNIT_PATH_SIZE <= sizeof(unit_folder::path));
+    unit_folder folder;
+    snprintf(folder.path, sizeof folder.path, "%s/%s", directory.root, unit);
+    return folder;
 }
 
 size_t messaging_directory_length() {
     return directory.root_length;
 }
 
-int publish_socket(const char* name, published_socket& published) {
-    unit_folder folder;
-    scoped_fd opened(open_own_folder(folder));
+int publish(const mailbox_address& at, published_socket& published) {
+    unit_folder folder = folder_of(at.unit);
+    scoped_fd opened(open_and_keep(folder));
     scoped_fd socket(opened ? new_socket() : -1);
-    if (!socket || !listen_under(opened.get(), name, socket.get(), published)) {
+    if (!socket || !listen_under(opened.get(), at.name, socket.get(), published)) {
         int error = errno;
-        OKA_ERROR("OKA: Mailbox '%s' cannot be published in '%.500s': %s", name, folder.path,
+        OKA_ERROR("OKA: Mailbox '%s' cannot be published in '%.500s': %s", at.name, folder.path,
                   error == EADDRINUSE ? "the name is taken" : strerror(error));
         return error;
     }
@@ -262,21 +263,19 @@ int publish_socket(const char* name, published_socket& published) {
     return 0;
 }
 
-bool socket_in_place(const char* name, const published_socket& published) {
-    unit_folder folder;
-    scoped_fd opened(folder_of("", folder) ? open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
-    return opened && is_in_place(opened.get(), name, published);
+bool is_in_place(const mailbox_address& at, const published_socket& published) {
+    scoped_fd folder(open_path(folder_of(at.unit)));
+    return folder && is_file_of(published, folder.get(), at.name);
 }
 
-void unpublish_socket(const char* name, const published_socket& published) {
-    unit_folder folder;
-    scoped_fd opened(folder_of("", folder) ? open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
-    if (opened && is_in_place(opened.get(), name, published))
-        unlinkat(opened.get(), name, 0);
+void unpublish(const mailbox_address& at, const published_socket& published) {
+    scoped_fd folder(open_path(folder_of(at.unit)));
+    if (folder && is_file_of(published, folder.get(), at.name))
+        unlinkat(folder.get(), at.name, 0);
 }
 
 int connect_socket(const unit_folder& folder, const char* name, uint32_t& pid) {
-    scoped_fd opened(open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    scoped_fd opened(open_path(folder));
     scoped_fd socket(opened ? new_socket() : -1);
     if (!socket)
         return -1;
@@ -306,4 +305,4 @@ bool peer_allowed(int socket, const unit_folder& folder, uint32_t& pid) {
            (peer.gid == status.st_gid || in_group(socket, status.st_gid));
 }
 
-} // namespace oka
+} // namespace oka::af_unix

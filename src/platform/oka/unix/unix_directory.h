@@ -4,33 +4,26 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <sys/types.h>
 
-namespace oka {
+#include "platform/oka/links/family.h"
 
-// Set once, before anything else. Reports and returns an error number when the path cannot be used.
-int set_messaging_directory(const char* own_unit);
+namespace oka::af_unix {
 
-// The folder of a unit, "" being the own one.
+// Once, before anything else. Returns 0, or an error number that it has reported when the path cannot be
+// used.
+int use_messaging_directory(const char* own_unit);
+
 struct unit_folder {
     char path[4096];
 };
-bool folder_of(const char* unit, unit_folder& folder);
+unit_folder folder_of(const char* unit);
 // Without what folder_of adds.
 size_t messaging_directory_length();
 
-// A socket that listens under its name in the own unit's folder.
-struct published_socket {
-    int fd = -1;
-    dev_t device = 0;
-    ino_t inode = 0;
-};
-// Returns 0 or an error number that it has reported: EADDRINUSE when the name is taken.
-int publish_socket(const char* name, published_socket& published);
-// Whether the file is there and still that socket's.
-bool socket_in_place(const char* name, const published_socket& published);
-// Removes the file, if it is still that socket's.
-void unpublish_socket(const char* name, const published_socket& published);
+// As in the table of a family. A published socket is known by its file.
+int publish(const mailbox_address& at, published_socket& published);
+void unpublish(const mailbox_address& at, const published_socket& published);
+bool is_in_place(const mailbox_address& at, const published_socket& published);
 
 // The connected, non-blocking socket and the process behind it, or -1 with errno: ENOENT when there is no
 // such mailbox now, EPERM when the process behind it is none that we talk to.
@@ -40,4 +33,4 @@ int connect_socket(const unit_folder& folder, const char* name, uint32_t& pid);
 // root, or a member of the folder's group when the folder is open to its group.
 bool peer_allowed(int socket, const unit_folder& folder, uint32_t& pid);
 
-} // namespace oka
+} // namespace oka::af_unix

@@ -2,32 +2,119 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include "platform/oka/core/oka_trace.h"
-#include "platform/oka/links/link.h"
+#include "platform/oka/links/stream_transport.h"
+#include "platform/oka/unix/folder_watch.h"
 #include "platform/oka/unix/unix_directory.h"
-#include "platform/oka/unix/unix_listener.h"
-#include "platform/oka/unix/unix_search.h"
+
+namespace oka::af_unix {
+
+extern const family sockets;
 
 namespace {
 
-int start(const char* own_unit) {
-    if (int error = oka::set_messaging_directory(own_unit))
-        return error;
-    if (oka::start_links(oka::listen_again))
-        return 0;
+// There is one place to look at: the file of that name.
+constexpr uint64_t the_file = 0;
+
+void note_removed(const char* name);
+void note_changed(const char* name);
+void look_at_changed();
+
+folder_watch own_folder = {.changed = note_removed, .settled = [] {}};
+folder_watch searched_folders = {.changed = note_changed, .settled = look_at_changed};
+
+// --- Listening
+
+void watch_own_folder() {
+    unit_folder folder = folder_of(own_unit());
+    if (!watch_folder(own_folder, folder, IN_DELETE))
+        OKA_ERROR("OKA: '%.500s' cannot be watched: %s", folder.path, strerror(errno));
+}
+
+void note_removed(const char* name) {
+    if (!name || is_listening(name))
+        restore_listeners();
+}
+
+bool may_connect(int fd, const mailbox_address& to, uint32_t& peer) {
+    if (peer_allowed(fd, folder_of(to.unit), peer))
+        return true;
+    OKA_ERROR("OKA: Process %u may not connect to '%s': it is another user's", peer, to.name);
+    return false;
+}
+
+// --- Searching
+
+void look(search& of) {
+    add_place(of, the_file);
+}
+
+bool is_on_the_way_to(const mailbox_address& wanted, const char* changed) {
+    if (!strcmp(wanted.name, changed))
+        return true;
+    unit_folder folder = folder_of(wanted.unit);
+    size_t length = strlen(changed);
+    for (const char* part = folder.path; part; part = strchr(part, '/')) {
+        ++part;
+        if (!strncmp(part, changed, length) && (part[length] == '/' || part[length] == '\0'))
+            return true;
+    }
+    return false;
+}
+
+void note_changed(const char* name) {
+    for (search* each = next_search(sockets, nullptr); each; each = next_search(sockets, each)) {
+        if (!name || is_on_the_way_to(each->wanted(), name))
+            add_place(*each, the_file);
+    }
+}
+
+void look_at_changed() {
+    try_places(sockets);
+}
+
+// Most mailboxes exist when they are searched. Only for those that do not are the folders watched, since
+// giving such a watch up again makes the kernel wait for several milliseconds.
+int connect_watched(const search& of, uint64_t, uint32_t& peer) {
+    unit_folder folder = folder_of(of.unit);
+    int fd = connect_socket(folder, of.name, peer);
+    if (fd >= 0 || errno != ENOENT)
+        return fd;
+    bool is_watched = watch_folder(searched_folders, folder, IN_CREATE | IN_MOVED_TO);
     int error = errno;
-    OKA_ERROR("OKA: No random numbers: %s", strerror(error));
-    return error;
+    fd = connect_socket(folder, of.name, peer); // it may have appeared meanwhile
+    if (fd < 0 && errno == ENOENT && !is_watched)
+        errno = error;
+    return fd;
+}
+
+void stop_looking(const search&) {
+    // With the last search go all watches, also those that earlier ones left.
+    if (!next_search(sockets, nullptr))
+        close_folder_watch(searched_folders);
 }
 
 } // namespace
 
-const oka::transport oka::unix_transport = {.name = "unix",
-                                            .between_hosts = false,
-                                            .start = start,
-                                            .stop = stop_links,
-                                            .announce = announce_listener,
-                                            .withdraw = withdraw_listener,
-                                            .locate = start_search,
-                                            .cancel_locate = cancel_search};
+constexpr family sockets = {.name = "unix",
+                            .between_hosts = false,
+                            .start = use_messaging_directory,
+                            .stop = [] { close_folder_watch(own_folder); },
+                            .publish = publish,
+                            .withdraw = unpublish,
+                            .is_in_place = is_in_place,
+                            .watch_places = watch_own_folder,
+                            .may_connect = may_connect,
+                            .admits = nullptr,
+                            .look = look,
+                            .stop_looking = stop_looking,
+                            .connect = connect_watched,
+                            .connects_later = false,
+                            .introduce = nullptr};
+
+} // namespace oka::af_unix
+
+const oka::transport oka::unix_transport = oka::stream_transport<oka::af_unix::sockets>;
