@@ -34,7 +34,7 @@ TEST(tipc_key, is_read_as_the_kernel_is_to_have_it) {
 }
 
 TEST(tipc_key, is_refused_where_it_is_none_or_no_secret) {
-    for (size_t octets : {20, 28, 36})
+    for (size_t octets : {20u, 28u, 36u})
         EXPECT_EQ(why_not("0x" + std::string(2 * octets, 'a')), "") << octets;
     struct {
         const char* rule;
