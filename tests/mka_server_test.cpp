@@ -194,7 +194,8 @@ TEST_F(mka_server, says_what_the_key_server_has_to_say_in_these_bytes) {
     const std::string sci_octets = " 02 00 00 00 00 07 00 01";
     const uint8_t sak[] = {0xa0, 0xa1, 0xa2, 0xa3, 0xa4};
     const std::string sak_octets = " a0 a1 a2 a3 a4";
-    mka_sa_parameters key = {0, 1, 3, 128, {}, sizeof sak, sak};
+    mka_sa_parameters key = {0, 1, 3, 128, {}, sizeof sak, {}};
+    memcpy(key.sak.refill(), sak, sizeof sak);
     key.key_name.assign("CA");
     const std::string references = "00 00 00 66 00 00 00 07";
     const std::string sa_octets = references + name_octets + sci_octets +

@@ -1,17 +1,14 @@
-// What the key server's files share: its records and what each file does for the others.
-//   key_server.cpp          life cycle, dispatch, and all that ends a membership
-//   key_server_members.cpp  the lists of CAs and members, their states, dropping
-//   key_server_joining.cpp  how a client becomes a member and its channels are made known
-//   key_server_keys.cpp     SAKs and their distribution
-//   key_server_steps.cpp    what is done when members have confirmed, and when keys have grown old
-//   key_server_send.cpp     what is sent to members
-//   key_server_waiting.cpp  requests whose confirmation is awaited
+// The key server's state, all of it: the CAs that this unit hosts, their members and SAKs, and where the
+// module stands. The rooms above it, each built on those before:
+//   key_server_requests   what is sent to members, and the requests whose confirmation is awaited
+//   key_server_ending     all that ends a membership
+//   key_server_admission  how a client becomes a member and its channels are made known
+//   key_server_keying     SAKs, the steps of their distribution, and their refresh
+//   key_server            life cycle and dispatch
 //
 // Dropping a CA's members frees them, their channels and their waiting messages; the CA itself stays.
 // Deleting the CA frees it with its SAK records.
 #pragma once
-
-#include <cstring>
 
 #include "base/enum_text.h"
 #include "base/record_list.h"
@@ -72,38 +69,11 @@ constexpr uint32_t key_refresh_state_changes[] = {
 constexpr sci null_sci = {{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}};
 constexpr uint32_t number_of_ans = 4;
 
-// The octets of a SAK. They are wiped before others take their place and when their record ends.
-class secret_key {
-  public:
-    secret_key() = default;
-    ~secret_key() { wipe(); }
-    secret_key(const secret_key&) = delete;
-    secret_key& operator=(const secret_key& other) {
-        if (this != &other)
-            memcpy(refill(), other.octets_, sizeof octets_);
-        return *this;
-    }
-
-    const uint8_t* octets() const { return octets_; }
-    // Room for sak_len_max new octets.
-    uint8_t* refill() {
-        wipe();
-        return octets_;
-    }
-    void wipe() { explicit_bzero(octets_, sizeof octets_); }
-
-  private:
-    uint8_t octets_[sak_len_max] = {};
-};
-
 // One SAK per announced SCI. The record outlives the membership: when the CA is formed again, its owner takes
 // it up where it was left, so that an AN is not used for two keys in a row.
 struct sak_record {
-    uint32_t key_len; // in bytes
-    secret_key key;
-    sak_name key_name;
     sci identifier; // of the transmitting member
-    uint32_t an;
+    mka_sa_parameters sa;
     bool tx_configured; // the key's requests were sent
     bool rx_configured;
     bool taken_up; // its owner is a member that has its receive channel
@@ -116,28 +86,20 @@ struct connectivity_association {
     key_refresh_state refresh_state;
     record_list<sak_record> saks{"KEYSRV"};
     uint32_t cipher;
-    uint32_t ca_parameter; // always 0
 };
 
-// An association of a member's channel, as it was last asked for.
-struct secure_association {
-    uint32_t an;
-    bool confirmed;
-    bool in_use; // receive associations only
-    bool configured;
-    uint32_t key_len;
-    secret_key key;
-    sak_name key_name;
-    uint32_t packet_number;
+// Whether the associations of a channel are confirmed, by AN; the current one is that of the newest key.
+struct channel_associations {
+    uint32_t current_an;
+    bool confirmed[number_of_ans];
+
+    bool& current_confirmed() { return confirmed[current_an]; }
 };
 
 struct rx_sc {
     sci identifier; // of the peer that transmits
     bool confirmed;
-    uint32_t current_an;
-    secure_association sas[number_of_ans];
-
-    secure_association& current_sa() { return sas[current_an]; }
+    channel_associations sas;
 };
 
 struct ca_member {
@@ -145,35 +107,33 @@ struct ca_member {
     sci identifier;     // the null SCI until announced
     ca_name ca;
     ca_member_state state;
-    uint32_t port_speed;
-    bool protect_frames_confirmed; // false while a request is outstanding
-    bool protect_frames;
-    uint32_t current_tx_an;
-    secure_association tx_sas[number_of_ans];
-    record_list<rx_sc> rx_scs{"KEYSRV"};
-    uint32_t num_of_rx_scs;
-    uint32_t num_of_rx_sas;
     uint32_t standard;
-    uint32_t cipher;
-    uint32_t key_len;
-    bool replay_protection_supported;
-    bool confidentiality_offset_supported;
-    bool confidentiality_supported;
-
-    secure_association& current_tx_sa() { return tx_sas[current_tx_an]; }
+    uint32_t key_len; // in octets
+    uint32_t num_of_rx_scs;
+    record_list<rx_sc> rx_scs{"KEYSRV"};
+    channel_associations tx_sas;
+    bool protect_frames_confirmed; // false while a request is outstanding
 };
 
-// --- key_server.cpp
+// A request whose confirmation is awaited.
+struct waiting_msg {
+    uint32_t client_id;
+    uint32_t procedure_reference;
+    uint32_t message_number;
+    oka_timer_ref timer;
+};
 
-// The gate of the operations that need the key server READY; traces the name of its caller.
-[[nodiscard]] bool is_ready(const char* operation = __builtin_FUNCTION(), const char* file = __builtin_FILE(),
-                            int line = __builtin_LINE());
-// `key_len` new random octets. False, after an error trace, when there are none.
-[[nodiscard]] bool generate_sak(uint32_t key_len, uint8_t* key);
-const char* ks_msg_no_to_str(uint32_t number);
-void trace_received(const oka_message* message);
+struct key_server_state {
+    keysrv_global_state state = KEYSRV_GLOBAL_STATE_UNINITIALIZED;
+    key_server_callbacks callbacks = {};
+    record_list<connectivity_association> cas{"KEYSRV"};
+    record_list<ca_member> members{"KEYSRV"};
+    record_list<waiting_msg> waiting_msgs{"KEYSRV"};
+    uint32_t key_name_counter = 0; // goes into every key's name, of all CAs; never starts anew
+};
+extern key_server_state self;
 
-// --- key_server_members.cpp
+// --- Look-ups
 
 // The members of one CA, the newest first.
 class members_of {
@@ -199,12 +159,22 @@ class members_of {
     };
 
     explicit members_of(const connectivity_association& ca) : ca_(ca.name) {}
-    iterator begin() const;
+    iterator begin() const { return iterator(self.members, ca_); }
     std::nullptr_t end() const { return nullptr; }
 
   private:
     const ca_name& ca_;
 };
+
+// Whether the condition holds for every member of the CA.
+template<class Condition>
+bool all_members(const connectivity_association& ca, Condition holds) {
+    for (ca_member& member : members_of(ca)) {
+        if (!holds(member))
+            return false;
+    }
+    return true;
+}
 
 connectivity_association* find_ca_by_name(const ca_name& name);
 ca_member* find_ca_member_by_client_id(uint32_t client_id);
@@ -213,81 +183,36 @@ rx_sc* find_rx_sc_by_sci(ca_member& member, const sci& identifier);
 uint32_t get_rx_sc_number(const ca_member& member);
 uint32_t get_announced_member_in_ca(const connectivity_association& ca);
 
-[[nodiscard]] bool add_ca(const ca_name& name);
-// A zero-filled member, or null when memory is short.
-[[nodiscard]] ca_member* add_ca_member();
-[[nodiscard]] bool delete_ca(const ca_name& name);
-void delete_all_ca();
-// Tells all members to leave and frees them. `ca` may be the name in one of them.
-void drop_all_ca_members(const ca_name& ca);
-
-void change_ca_state(connectivity_association& ca, ca_state state);
-void change_ca_member_state(ca_member& member, ca_member_state state);
-
 // The SCI as eight two-digit octets.
 text<24> sci_to_str(const sci& identifier);
 
-// --- key_server_joining.cpp
+// --- States
 
-// In octets; 0, after an error trace, for a cipher suite that there is not.
-uint32_t verify_sak_len(uint32_t cipher);
+// The gate of the operations that need the key server READY; traces the name of its caller.
+[[nodiscard]] bool is_ready(const char* operation = __builtin_FUNCTION(), const char* file = __builtin_FILE(),
+                            int line = __builtin_LINE());
+const char* state_to_str(keysrv_global_state state);
+void change_ks_state(keysrv_global_state state);
+void change_ca_state(connectivity_association& ca, ca_state state);
+void change_ca_member_state(ca_member& member, ca_member_state state);
+void change_key_refresh_state(connectivity_association& ca, key_refresh_state state);
+const char* key_refresh_state_to_str(key_refresh_state state);
 
-void handle_ks_ca_member_join_ca_req(uint32_t client_id, const oka_message* message);
-void handle_ks_ca_member_create_tx_sc_req(uint32_t client_id, const oka_message* message);
+// --- CAs and members
 
-// --- key_server_keys.cpp
-
-// The SAK record of a member whose first receive channel is there: a new one, or the one that it had when the
-// CA was formed before. False when the member has one already or memory is short.
-[[nodiscard]] bool create_sak(connectivity_association& ca, const ca_member& owner);
-void delete_saks(connectivity_association& ca);
+[[nodiscard]] bool add_ca(const ca_name& name);
+// A zero-filled member, or null when memory is short.
+[[nodiscard]] ca_member* add_ca_member();
+void remove_ca_members(connectivity_association& ca);
 // The members are gone, and their keys with them; the records stay, to be taken up again.
 void set_saks_aside(connectivity_association& ca);
-// A new key in every SAK record; false when there is none to be had.
-[[nodiscard]] bool update_keys_in_ca(connectivity_association& ca);
-void configure_rx_sas_in_ca(connectivity_association& ca);
-void configure_tx_sas_in_ca(connectivity_association& ca);
-void set_protect_frames_of_ca(const connectivity_association& ca);
 
-// --- key_server_steps.cpp
-
-void change_key_refresh_state(connectivity_association& ca, key_refresh_state state);
+void start_key_refresh_timer(connectivity_association& ca);
 void stop_key_refresh_timer(connectivity_association& ca);
 
-void handle_ks_ca_member_create_rx_sc_rcfm(uint32_t client_id, const oka_message* message);
-void handle_ks_ca_member_create_rx_sa_rcfm(uint32_t client_id, const oka_message* message);
-void handle_ks_ca_member_create_tx_sa_rcfm(uint32_t client_id, const oka_message* message);
-void handle_mka_client_update_protect_frames_rcfm(uint32_t client_id, const oka_message* message);
-void handle_key_refresh_timeout_ind(const oka_message* message);
+// --- What is received
 
-// --- key_server_send.cpp
-
-// True when the message was sent and, for requests that await a confirmation, the wait was recorded.
-[[nodiscard]] bool ks_send_join_ca_cfm(const ca_member& member, uint32_t procedure_reference,
-                                       uint32_t standard);
-[[nodiscard]] bool ks_send_join_ca_rej_by_client_id(uint32_t client_id, uint32_t procedure_reference,
-                                                    uint32_t reason);
-[[nodiscard]] bool ks_send_leave_ca_rreq(const ca_member& member, uint32_t procedure_reference);
-[[nodiscard]] bool ks_send_leave_ca_cfm(const ca_member& member, uint32_t procedure_reference);
-[[nodiscard]] bool ks_send_create_tx_sc_cfm(const ca_member& member, uint32_t procedure_reference);
-[[nodiscard]] bool ks_send_create_tx_sc_rej(const ca_member& member, uint32_t procedure_reference,
-                                            uint32_t reason);
-[[nodiscard]] bool ks_send_create_rx_sc_rreq(const ca_member& member, const sci& peer,
-                                             uint32_t procedure_reference);
-[[nodiscard]] bool ks_send_create_rx_sa_rreq(ca_member& member, const sci& peer, uint32_t an,
-                                             uint32_t procedure_reference);
-[[nodiscard]] bool ks_send_create_tx_sa_rreq(ca_member& member, uint32_t an, uint32_t procedure_reference);
-[[nodiscard]] bool ks_send_update_protect_rreq(const ca_member& member, bool protect_frames,
-                                               uint32_t procedure_reference);
-
-// --- key_server_waiting.cpp
-
-// False when the record cannot be allocated.
-[[nodiscard]] bool create_timeout_on_msg(const ca_member& member, uint32_t message_number,
-                                         uint32_t procedure_reference);
-void delete_timeout_on_msg(uint32_t client_id, uint32_t procedure_reference);
-void delete_all_waiting_msg_for_ca(const connectivity_association& ca);
-void delete_all_waiting_msg();
-void handle_msg_timeout_ind(const oka_message* message);
+const char* ks_msg_no_to_str(uint32_t number);
+void trace_received(const oka_message* message);
 
 } // namespace tavu::keysrv

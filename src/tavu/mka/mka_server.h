@@ -3,6 +3,7 @@
 // All that concerns CAs goes up to the key server through a table of callbacks.
 #pragma once
 
+#include "base/secret_octets.h"
 #include "base/wire.h"
 #include "protocols/mka_messages.h"
 
@@ -29,15 +30,15 @@ struct mka_server_callbacks {
     void (*handle_heartbeat_timeout_ind)(uint32_t client_id);
 };
 
-// What an SA request says of the key, in host byte order. The SAK stays the caller's.
+// What an SA request says of a key, and the key itself.
 struct mka_sa_parameters {
     uint32_t ca_parameter; // always 0
     uint32_t cipher_suite;
     uint32_t an;
     uint32_t packet_number;
     sak_name key_name;
-    uint32_t sak_len; // in bytes
-    const uint8_t* sak;
+    uint32_t sak_len; // in octets
+    secret_octets<sak_len_max> sak;
 };
 
 // `server_name` is the mailbox by which clients find the server, at most 31 characters.

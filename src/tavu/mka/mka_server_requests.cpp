@@ -68,7 +68,7 @@ bool request_sa(uint32_t client_id, uint32_t number, uint32_t procedure_referenc
     message->key_name.assign(parameters.key_name);
     message->sak_len = parameters.sak_len;
     if (parameters.sak_len > 0)
-        memcpy(message.extra(), parameters.sak, parameters.sak_len);
+        memcpy(message.extra(), parameters.sak.octets(), parameters.sak_len);
     send(*to, message, procedure_reference);
     return true;
 }

@@ -1,15 +1,17 @@
 #include "tavu/key_server/key_server_records.h"
 
-#include <tuple>
-
 namespace tavu::keysrv {
+
+key_server_state self;
 
 namespace {
 
-struct {
-    record_list<connectivity_association> cas{"KEYSRV"};
-    record_list<ca_member> members{"KEYSRV"};
-} self;
+constexpr enum_text global_state_names[] = {
+    ENUM_TEXT(KEYSRV_GLOBAL_STATE_UNINITIALIZED),
+    ENUM_TEXT(KEYSRV_GLOBAL_STATE_INITIAL),
+    ENUM_TEXT(KEYSRV_GLOBAL_STATE_STARTED),
+    ENUM_TEXT(KEYSRV_GLOBAL_STATE_READY),
+};
 
 constexpr enum_text ca_state_names[] = {
     ENUM_TEXT(CA_EMPTY),
@@ -24,6 +26,12 @@ constexpr enum_text ca_member_state_names[] = {
     ENUM_TEXT(CA_MEMBER_STATE_FAILED),
 };
 
+constexpr enum_text key_refresh_state_names[] = {
+    ENUM_TEXT(KEY_REFRESH_STOPPED),
+    ENUM_TEXT(KEY_REFRESH_IDLE),
+    ENUM_TEXT(KEY_REFRESH_ONGOING),
+};
+
 const char* ca_state_to_str(ca_state state) {
     return enum_to_str(ca_state_names, state);
 }
@@ -34,10 +42,6 @@ const char* member_state_to_str(ca_member_state state) {
 } // namespace
 
 // --- Look-ups
-
-members_of::iterator members_of::begin() const {
-    return iterator(self.members, ca_);
-}
 
 connectivity_association* find_ca_by_name(const ca_name& name) {
     KEYSRV_FUNCTION();
@@ -86,6 +90,21 @@ text<24> sci_to_str(const sci& identifier) {
 
 // --- States
 
+bool is_ready(const char* operation, const char* file, int line) {
+    return is_in_state(self.state, KEYSRV_GLOBAL_STATE_READY, state_to_str, "KEYSRV", operation, file, line);
+}
+
+const char* state_to_str(keysrv_global_state state) {
+    return enum_to_str(global_state_names, state);
+}
+
+void change_ks_state(keysrv_global_state state) {
+    KEYSRV_FUNCTION();
+    TRACE_STATE_CHANGE("KEYSRV:  change_ks_state: changing state: '%s' -> '%s'", state_to_str(self.state),
+                       state_to_str(state));
+    self.state = state;
+}
+
 void change_ca_state(connectivity_association& ca, ca_state state) {
     KEYSRV_FUNCTION();
     if (state != ca.state && !(ca_state_changes[ca.state] & to(state))) {
@@ -112,12 +131,24 @@ void change_ca_member_state(ca_member& member, ca_member_state state) {
     member.state = state;
 }
 
-// --- CAs and members
-
-ca_member* add_ca_member() {
-    KEYSRV_FUNCTION();
-    return self.members.add();
+const char* key_refresh_state_to_str(key_refresh_state state) {
+    return enum_to_str(key_refresh_state_names, state);
 }
+
+void change_key_refresh_state(connectivity_association& ca, key_refresh_state state) {
+    KEYSRV_FUNCTION();
+    if (state != ca.refresh_state && !(key_refresh_state_changes[ca.refresh_state] & to(state))) {
+        TRACE_ERROR("KEYSRV: Invalid key refresh state change issued: not applied in wrong state: current: "
+                    "'%s', expected: '%s'",
+                    key_refresh_state_to_str(ca.refresh_state), key_refresh_state_to_str(state));
+        return;
+    }
+    TRACE_STATE_CHANGE("KEYSRV: ca %s changing state: '%s' -> '%s'", ca.name.c_str(),
+                       key_refresh_state_to_str(ca.refresh_state), key_refresh_state_to_str(state));
+    ca.refresh_state = state;
+}
+
+// --- CAs and members
 
 bool add_ca(const ca_name& name) {
     KEYSRV_FUNCTION();
@@ -133,25 +164,10 @@ bool add_ca(const ca_name& name) {
     return true;
 }
 
-bool delete_ca(const ca_name& name) {
+ca_member* add_ca_member() {
     KEYSRV_FUNCTION();
-    TRACE("KEYSRV: Deleting CA '%s'", name.c_str());
-    connectivity_association* ca = find_ca_by_name(name);
-    if (!ca)
-        return false;
-    delete_saks(*ca);
-    drop_all_ca_members(ca->name);
-    self.cas.remove(*ca);
-    return true;
+    return self.members.add();
 }
-
-void delete_all_ca() {
-    KEYSRV_FUNCTION();
-    while (const connectivity_association* ca = self.cas.first())
-        std::ignore = delete_ca(ca->name);
-}
-
-// --- Dropping
 
 namespace {
 
@@ -165,27 +181,69 @@ void delete_all_rx_sc_of_member(ca_member& member) {
 
 } // namespace
 
-void drop_all_ca_members(const ca_name& name) {
+void remove_ca_members(connectivity_association& ca) {
     KEYSRV_FUNCTION();
-    connectivity_association* ca = find_ca_by_name(name);
-    if (!ca) {
-        TRACE_ERROR("KEYSRV: Could not find CA '%s'", name.c_str());
-        return;
-    }
-    stop_key_refresh_timer(*ca);
-    for (const ca_member& member : members_of(*ca)) {
-        if (!ks_send_leave_ca_rreq(member, PROC_REF_LEAVE_CA))
-            TRACE_ERROR("KEYSRV: Leave don't send to member.client_id %d", member.client_id);
-    }
-    delete_all_waiting_msg_for_ca(*ca);
-    TRACE("KEYSRV: Removing members from ca %s", ca->name.c_str());
-    for (ca_member& member : members_of(*ca)) {
+    TRACE("KEYSRV: Removing members from ca %s", ca.name.c_str());
+    for (ca_member& member : members_of(ca)) {
         TRACE_DETAIL("KEYSRV: Removing member '%s'", sci_to_str(member.identifier).c_str());
         delete_all_rx_sc_of_member(member);
         self.members.remove(member);
     }
-    set_saks_aside(*ca);
-    change_ca_state(*ca, CA_EMPTY);
+}
+
+void set_saks_aside(connectivity_association& ca) {
+    KEYSRV_FUNCTION();
+    for (sak_record& sak : ca.saks) {
+        sak.sa.sak.wipe();
+        sak.rx_configured = false;
+        sak.tx_configured = false;
+        sak.taken_up = false;
+    }
+}
+
+// --- The refresh timer
+
+namespace {
+
+void cancel_running_key_refresh_timer(connectivity_association& ca) {
+    TRACE("KEYSRV: Stopping running key_refresh timer for port '%s'", ca.name.c_str());
+    oka_timer_cancel(ca.key_refresh_timer);
+    ca.key_refresh_timer = 0;
+}
+
+} // namespace
+
+void start_key_refresh_timer(connectivity_association& ca) {
+    KEYSRV_FUNCTION();
+    if (ca.key_refresh_timer != 0)
+        cancel_running_key_refresh_timer(ca);
+    outgoing<keysrv_key_refresh_timer_ind> message(KEYSRV_KEY_REFRESH_TIMER_IND);
+    message->ca = ca.name;
+    ca.key_refresh_timer = oka_timer_request_sig(key_refresh_ms, message.prepared());
+}
+
+// A CA whose first keying was interrupted has no timer, and keeps its refresh state for the next keying.
+void stop_key_refresh_timer(connectivity_association& ca) {
+    KEYSRV_FUNCTION();
+    if (ca.key_refresh_timer == 0) {
+        TRACE("KEYSRV: No key_refresh timer running for port '%s'", ca.name.c_str());
+        return;
+    }
+    cancel_running_key_refresh_timer(ca);
+    ca.refresh_state = KEY_REFRESH_STOPPED;
+}
+
+// --- What is received
+
+const char* ks_msg_no_to_str(uint32_t number) {
+    return mka_msg_no_to_str(number, KEYSRV_KEY_REFRESH_TIMER_IND);
+}
+
+void trace_received(const oka_message* message) {
+    const auto& header = as<message_header>(message);
+    TRACE_RECEIVE(message, "KEYSRV: %s connection reference=%u, procedure reference=%u",
+                  ks_msg_no_to_str(header.number), uint32_t{header.connection_reference},
+                  uint32_t{header.procedure_reference});
 }
 
 } // namespace tavu::keysrv

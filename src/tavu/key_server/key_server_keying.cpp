@@ -1,6 +1,9 @@
-#include "tavu/key_server/key_server_records.h"
+#include "tavu/key_server/key_server_keying.h"
 
 #include <tuple>
+
+#include "tavu/key_server/key_server_ending.h"
+#include "tavu/key_server/key_server_requests.h"
 
 namespace tavu::keysrv {
 
@@ -8,66 +11,130 @@ namespace {
 
 constexpr uint32_t least_configured_members = 2;
 
-constexpr enum_text key_refresh_state_names[] = {
-    ENUM_TEXT(KEY_REFRESH_STOPPED),
-    ENUM_TEXT(KEY_REFRESH_IDLE),
-    ENUM_TEXT(KEY_REFRESH_ONGOING),
-};
+// --- SAKs
 
-const char* key_refresh_state_to_str(key_refresh_state state) {
-    return enum_to_str(key_refresh_state_names, state);
+// Makes the SAK record of a member whose first receive channel is there: a new one, or the one that it had
+// when the CA was formed before. False when the member has one already or memory is short.
+bool create_sak(connectivity_association& ca, const ca_member& owner) {
+    KEYSRV_FUNCTION();
+    sak_record* sak =
+        ca.saks.find([&](const sak_record& candidate) { return candidate.identifier == owner.identifier; });
+    if (sak && sak->taken_up) {
+        TRACE_ERROR("KEYSRV: sci %s already existing", sci_to_str(owner.identifier).c_str());
+        return false;
+    }
+    if (!sak)
+        sak = ca.saks.add();
+    if (!sak)
+        return false;
+    sak->identifier = owner.identifier;
+    sak->sa.sak_len = owner.key_len;
+    sak->sa.cipher_suite = ca.cipher;
+    sak->sa.packet_number = sa_packet_number;
+    sak->taken_up = true;
+    return true;
 }
 
-} // namespace
-
-void change_key_refresh_state(connectivity_association& ca, key_refresh_state state) {
+// `key_len` new random octets. False, after an error trace, when there are none.
+bool generate_sak(uint32_t key_len, uint8_t* key) {
     KEYSRV_FUNCTION();
-    if (state != ca.refresh_state && !(key_refresh_state_changes[ca.refresh_state] & to(state))) {
-        TRACE_ERROR("KEYSRV: Invalid key refresh state change issued: not applied in wrong state: current: "
-                    "'%s', expected: '%s'",
-                    key_refresh_state_to_str(ca.refresh_state), key_refresh_state_to_str(state));
+    if (!key) {
+        TRACE_ERROR("KEYSRV: Output buffer is NULL");
+        return false;
+    }
+    if (!self.callbacks.generate_sak(key_len, key)) {
+        TRACE_ERROR("KEYSRV: Could not generate new SAK");
+        return false;
+    }
+    return true;
+}
+
+// A new key in every SAK record; false when there is none to be had.
+bool update_keys_in_ca(connectivity_association& ca) {
+    KEYSRV_FUNCTION();
+    for (sak_record& sak : ca.saks) {
+        sak.rx_configured = false;
+        sak.tx_configured = false;
+        if (!generate_sak(sak.sa.sak_len, sak.sa.sak.refill()))
+            return false;
+        sak.sa.an = (sak.sa.an + 1) % number_of_ans;
+        char name[128];
+        snprintf(name, sizeof name, "%s-%s-%d", ca.name.c_str(), sci_to_str(sak.identifier).c_str(),
+                 self.key_name_counter++);
+        sak.sa.key_name.assign(name);
+        TRACE("KEYSRV: sci %s: key_name %s", sci_to_str(sak.identifier).c_str(), sak.sa.key_name.c_str());
+    }
+    return true;
+}
+
+void configure_rx_sa(const sak_record& sak, const ca_member& member, rx_sc& channel) {
+    channel.sas.current_an = sak.sa.an;
+    TRACE_DETAIL("KEYSRV: rx_sci: %s, key_len=%d, key_name=%s", sci_to_str(sak.identifier).c_str(),
+                 sak.sa.sak_len, sak.sa.key_name.c_str());
+    if (!ks_send_create_rx_sa_rreq(member, sak, PROC_REF_RX_SA_CREATE))
+        return;
+    channel.sas.current_confirmed() = false;
+    TRACE("KEYSRV: ks_send_create_rx_sa_rreq succeed: member %d (rx_sc.sci: %s, curr_sa %d)",
+          member.client_id, sci_to_str(channel.identifier).c_str(), channel.sas.current_an);
+}
+
+// A request that cannot be sent is passed over: its member is going, or its wait runs out.
+void configure_rx_sas_in_ca(connectivity_association& ca) {
+    KEYSRV_FUNCTION();
+    for (sak_record& sak : ca.saks) {
+        for (ca_member& member : members_of(ca)) {
+            if (rx_sc* channel = find_rx_sc_by_sci(member, sak.identifier))
+                configure_rx_sa(sak, member, *channel);
+        }
+        sak.rx_configured = true;
+    }
+}
+
+void configure_tx_sa(const connectivity_association& ca, const sak_record& sak, ca_member& member) {
+    member.tx_sas.current_an = sak.sa.an;
+    TRACE_DETAIL("KEYSRV: tx_sci: %s, key_len=%d, key_name=%s", sci_to_str(sak.identifier).c_str(),
+                 sak.sa.sak_len, sak.sa.key_name.c_str());
+    if (!ks_send_create_tx_sa_rreq(member, sak, PROC_REF_TX_SA_CREATE)) {
+        TRACE_ERROR("KEYSRV: ks_send_create_tx_sa_rreq failed: member %d push out of ca %s", member.client_id,
+                    ca.name.c_str());
+        change_ca_member_state(member, CA_MEMBER_STATE_FAILED);
         return;
     }
-    TRACE_STATE_CHANGE("KEYSRV: ca %s changing state: '%s' -> '%s'", ca.name.c_str(),
-                       key_refresh_state_to_str(ca.refresh_state), key_refresh_state_to_str(state));
-    ca.refresh_state = state;
+    member.tx_sas.current_confirmed() = false;
+    TRACE("KEYSRV: ks_send_create_tx_sa_rreq succeed: member %d (curr_sa %d)", member.client_id,
+          member.tx_sas.current_an);
 }
 
-// --- The refresh timer
-
-namespace {
-
-void cancel_running_key_refresh_timer(connectivity_association& ca) {
-    TRACE("KEYSRV: Stopping running key_refresh timer for port '%s'", ca.name.c_str());
-    oka_timer_cancel(ca.key_refresh_timer);
-    ca.key_refresh_timer = 0;
-}
-
-void start_key_refresh_timer(connectivity_association& ca) {
+// Its receivers have a key before its owner gets it, and its owner gets it once: installed anew, it would
+// start again at the first packet number and use every nonce twice (IEEE 802.1AE-2018, 14.5). A confirmation
+// that was not asked for must not bring that about. Nobody needs the key from here afterwards.
+void configure_tx_sas_in_ca(connectivity_association& ca) {
     KEYSRV_FUNCTION();
-    if (ca.key_refresh_timer != 0)
-        cancel_running_key_refresh_timer(ca);
-    outgoing<keysrv_key_refresh_timer_ind> message(KEYSRV_KEY_REFRESH_TIMER_IND);
-    message->ca = ca.name;
-    ca.key_refresh_timer = oka_timer_request_sig(key_refresh_ms, message.prepared());
-}
-
-} // namespace
-
-// A CA whose first keying was interrupted has no timer, and keeps its refresh state for the next keying.
-void stop_key_refresh_timer(connectivity_association& ca) {
-    KEYSRV_FUNCTION();
-    if (ca.key_refresh_timer == 0) {
-        TRACE("KEYSRV: No key_refresh timer running for port '%s'", ca.name.c_str());
-        return;
+    for (sak_record& sak : ca.saks) {
+        if (!sak.rx_configured || sak.tx_configured)
+            continue;
+        for (ca_member& member : members_of(ca)) {
+            if (member.identifier == sak.identifier)
+                configure_tx_sa(ca, sak, member);
+        }
+        sak.tx_configured = true;
+        sak.sa.sak.wipe();
     }
-    cancel_running_key_refresh_timer(ca);
-    ca.refresh_state = KEY_REFRESH_STOPPED;
+}
+
+void set_protect_frames(ca_member& member, bool protect_frames) {
+    KEYSRV_FUNCTION();
+    if (ks_send_update_protect_rreq(member, protect_frames, PROC_REF_PROTECT_FRAMES))
+        member.protect_frames_confirmed = false;
+}
+
+void set_protect_frames_of_ca(const connectivity_association& ca) {
+    KEYSRV_FUNCTION();
+    for (ca_member& member : members_of(ca))
+        set_protect_frames(member, true);
 }
 
 // --- What has been confirmed
-
-namespace {
 
 void update_rx_sc_state(ca_member& member) {
     KEYSRV_FUNCTION();
@@ -78,18 +145,17 @@ void update_rx_sc_state(ca_member& member) {
 
 void update_rx_sa_state(ca_member& member) {
     KEYSRV_FUNCTION();
-    rx_sc* channel = member.rx_scs.find([](rx_sc& candidate) { return !candidate.current_sa().confirmed; });
+    rx_sc* channel = member.rx_scs.find([](rx_sc& candidate) { return !candidate.sas.current_confirmed(); });
     if (channel)
-        channel->current_sa().confirmed = true;
+        channel->sas.current_confirmed() = true;
 }
 
 void update_tx_sa_state(ca_member& member) {
     KEYSRV_FUNCTION();
-    secure_association& sa = member.current_tx_sa();
-    if (sa.confirmed)
+    if (member.tx_sas.current_confirmed())
         TRACE_ERROR("KEYSRV: update_tx_sa_state: Unexpected msg for client id = %u, CA name = '%s'",
                     member.client_id, member.ca.c_str());
-    sa.confirmed = true;
+    member.tx_sas.current_confirmed() = true;
 }
 
 // False when no confirmation was outstanding.
@@ -106,38 +172,26 @@ bool update_protect_frames_state(ca_member& member) {
 
 bool check_all_rx_sc_confirmed(const connectivity_association& ca) {
     KEYSRV_FUNCTION();
-    for (ca_member& member : members_of(ca)) {
-        if (member.rx_scs.find([](const rx_sc& channel) { return !channel.confirmed; }))
-            return false;
-    }
-    return true;
+    return all_members(ca, [](ca_member& member) {
+        return !member.rx_scs.find([](const rx_sc& channel) { return !channel.confirmed; });
+    });
 }
 
 bool check_all_rx_sa_confirmed(const connectivity_association& ca) {
     KEYSRV_FUNCTION();
-    for (ca_member& member : members_of(ca)) {
-        if (member.rx_scs.find([](rx_sc& channel) { return !channel.current_sa().confirmed; }))
-            return false;
-    }
-    return true;
+    return all_members(ca, [](ca_member& member) {
+        return !member.rx_scs.find([](rx_sc& channel) { return !channel.sas.current_confirmed(); });
+    });
 }
 
 bool check_all_tx_sa_confirmed(const connectivity_association& ca) {
     KEYSRV_FUNCTION();
-    for (ca_member& member : members_of(ca)) {
-        if (!member.current_tx_sa().confirmed)
-            return false;
-    }
-    return true;
+    return all_members(ca, [](ca_member& member) { return member.tx_sas.current_confirmed(); });
 }
 
 bool check_all_protect_frames_confirmed(const connectivity_association& ca) {
     KEYSRV_FUNCTION();
-    for (const ca_member& member : members_of(ca)) {
-        if (!member.protect_frames_confirmed)
-            return false;
-    }
-    return true;
+    return all_members(ca, [](const ca_member& member) { return member.protect_frames_confirmed; });
 }
 
 bool eval_retrigger_key_refresh_in_multidu(const connectivity_association& ca) {

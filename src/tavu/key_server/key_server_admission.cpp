@@ -1,6 +1,9 @@
-#include "tavu/key_server/key_server_records.h"
+#include "tavu/key_server/key_server_admission.h"
 
 #include <tuple>
+
+#include "tavu/key_server/key_server_ending.h"
+#include "tavu/key_server/key_server_requests.h"
 
 namespace tavu::keysrv {
 
@@ -54,6 +57,7 @@ bool parse_standard(uint32_t value) {
     return true;
 }
 
+// Of what it says it can do, only its room for receive channels is used later.
 ca_member* create_ca_member(uint32_t client_id, const mka_join_ca_req& request,
                             const mka_802_1ae_2006_capabilities& capabilities) {
     KEYSRV_FUNCTION();
@@ -66,20 +70,10 @@ ca_member* create_ca_member(uint32_t client_id, const mka_join_ca_req& request,
     member->identifier = null_sci;
     member->ca.assign(request.ca);
     member->state = CA_MEMBER_STATE_INITIAL;
-    member->port_speed = request.port_speed;
-    member->protect_frames_confirmed = true;
-    for (uint32_t an = 0; an < number_of_ans; an++) {
-        member->tx_sas[an].an = an;
-        member->tx_sas[an].packet_number = sa_packet_number;
-    }
-    member->num_of_rx_scs = capabilities.num_of_rx_scs;
-    member->num_of_rx_sas = capabilities.num_of_rx_sas;
     member->standard = capabilities.head.type;
-    member->cipher = MKA_CIPHER_GCM_AES_128;
-    member->key_len = verify_sak_len(member->cipher);
-    member->replay_protection_supported = capabilities.replay_protection_supported != 0;
-    member->confidentiality_offset_supported = capabilities.confidentiality_offset_supported != 0;
-    member->confidentiality_supported = capabilities.confidentiality_supported != 0;
+    member->key_len = verify_sak_len(MKA_CIPHER_GCM_AES_128);
+    member->num_of_rx_scs = capabilities.num_of_rx_scs;
+    member->protect_frames_confirmed = true;
     return member;
 }
 
@@ -162,13 +156,6 @@ rx_sc* create_rx_sc(ca_member& member, const sci& identifier) {
     if (!channel)
         return nullptr;
     channel->identifier = identifier;
-    for (uint32_t an = 0; an < number_of_ans; an++) {
-        secure_association& sa = channel->sas[an];
-        sa.an = an;
-        sa.in_use = true;
-        sa.key_len = member.key_len;
-        sa.packet_number = sa_packet_number;
-    }
     return channel;
 }
 
