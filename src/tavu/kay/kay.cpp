@@ -14,50 +14,6 @@ using namespace kay_internal;
 
 namespace {
 
-enum global_state : uint32_t {
-    GLOBAL_STATE_UNINITIALIZED = 0,
-    GLOBAL_STATE_INITIALIZED = 1,
-    GLOBAL_STATE_READY = 2,
-};
-
-struct {
-    global_state state = GLOBAL_STATE_UNINITIALIZED;
-    kay_callbacks callbacks = {};
-    record_list<kay_record> kays;
-} self;
-
-constexpr enum_text global_state_names[] = {
-    ENUM_TEXT(GLOBAL_STATE_UNINITIALIZED),
-    ENUM_TEXT(GLOBAL_STATE_INITIALIZED),
-    ENUM_TEXT(GLOBAL_STATE_READY),
-};
-
-constexpr enum_text role_names[] = {
-    ENUM_TEXT(MACSEC_ROLE_UNAUTHENTICATED),
-    ENUM_TEXT(MACSEC_ROLE_SECURED),
-};
-
-constexpr enum_text cp_oper_state_names[] = {
-    ENUM_TEXT(KAY_CP_OPER_DISABLED),
-    ENUM_TEXT(KAY_CP_OPER_ENABLED),
-};
-
-constexpr enum_text encryption_state_names[] = {
-    ENUM_TEXT(MACSEC_ENCRYPTION_DISABLED),
-    ENUM_TEXT(MACSEC_ENCRYPTION_ENABLED),
-};
-
-const char* global_state_to_str(global_state state) {
-    return enum_to_str(global_state_names, state);
-}
-
-void change_global_state(global_state state) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: KaY changing global state: '%s' -> '%s'", global_state_to_str(self.state),
-                       global_state_to_str(state));
-    self.state = state;
-}
-
 void delete_all_kays() {
     TAVU_FUNCTION();
     TRACE("TAVU: Deleting KaYs for all ports");
@@ -118,7 +74,8 @@ void handle_connect_secured(kay_record& kay, const char* ca, const char* key_ser
         handle_failure(kay);
 }
 
-// A KaY that carries its first decision out already, or false.
+// Enables the controlled port and takes the unauthenticated role. False when the SecY refuses; nothing is
+// left in it then.
 bool bring_up(kay_record& kay) {
     if (!kay_secy_get_capabilities(kay) || !enable_macsec_cp(kay))
         return false;
@@ -130,43 +87,6 @@ bool bring_up(kay_record& kay) {
 }
 
 } // namespace
-
-kay_record* kay_internal::find_kay_by_port_name(const char* name) {
-    TAVU_FUNCTION();
-    kay_record* found = self.kays.find([&](const kay_record& kay) { return kay.port == name; });
-    if (!found)
-        TRACE("TAVU: Could not find KaY with port name '%s'", name);
-    return found;
-}
-
-kay_record* kay_internal::find_kay_by_mka_client_id(uint32_t client_id) {
-    TAVU_FUNCTION();
-    kay_record* found = self.kays.find([&](const kay_record& kay) { return kay.mka_client_id == client_id; });
-    if (!found)
-        TRACE("TAVU: Could not find KaY with MKA client id %u", client_id);
-    return found;
-}
-
-void kay_internal::fire_handle_kay_state_change_ind(const kay_record& kay) {
-    TAVU_FUNCTION();
-    kay_state_change_ind indication;
-    fill_kay_state_change_ind(kay, indication);
-    TRACE("TAVU: Firing handle_kay_state_change_ind port = '%s', error = '%s', port_valid = '%s', "
-          "cp_oper_state = '%s'",
-          kay.port.c_str(), bool_to_str(indication.error), bool_to_str(indication.port_valid),
-          cp_oper_state_to_str(indication.oper_state));
-    self.callbacks.handle_kay_state_change_ind(kay.port.c_str(), indication);
-}
-
-const char* kay_macsec_role_to_str(macsec_role role) {
-    return enum_to_str(role_names, role);
-}
-const char* cp_oper_state_to_str(kay_cp_oper_state state) {
-    return enum_to_str(cp_oper_state_names, state);
-}
-const char* macsec_encryption_state_to_str(macsec_encryption_state state) {
-    return enum_to_str(encryption_state_names, state);
-}
 
 bool kay_init(oka_mailbox parent, const kay_callbacks* callbacks) {
     TAVU_FUNCTION();

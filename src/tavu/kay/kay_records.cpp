@@ -4,9 +4,34 @@
 #include "platform/oxhal.h"
 #include "tavu/tavu_utils.h"
 
-namespace tavu::kay_internal {
+namespace tavu {
+
+namespace kay_internal {
+
+kay_module self;
 
 namespace {
+
+constexpr enum_text global_state_names[] = {
+    ENUM_TEXT(GLOBAL_STATE_UNINITIALIZED),
+    ENUM_TEXT(GLOBAL_STATE_INITIALIZED),
+    ENUM_TEXT(GLOBAL_STATE_READY),
+};
+
+constexpr enum_text role_names[] = {
+    ENUM_TEXT(MACSEC_ROLE_UNAUTHENTICATED),
+    ENUM_TEXT(MACSEC_ROLE_SECURED),
+};
+
+constexpr enum_text cp_oper_state_names[] = {
+    ENUM_TEXT(KAY_CP_OPER_DISABLED),
+    ENUM_TEXT(KAY_CP_OPER_ENABLED),
+};
+
+constexpr enum_text encryption_state_names[] = {
+    ENUM_TEXT(MACSEC_ENCRYPTION_DISABLED),
+    ENUM_TEXT(MACSEC_ENCRYPTION_ENABLED),
+};
 
 constexpr enum_text state_names[] = {
     ENUM_TEXT(KAY_STATE_CREATED),         ENUM_TEXT(KAY_STATE_UNAUTHENTICATED),
@@ -53,6 +78,9 @@ const char* object_name::c_str() const {
     return text_;
 }
 
+const char* global_state_to_str(global_state state) {
+    return enum_to_str(global_state_names, state);
+}
 const char* state_to_str(kay_state state) {
     return enum_to_str(state_names, state);
 }
@@ -67,6 +95,22 @@ const char* validate_frames_to_str(uint32_t validate_frames) {
 }
 const char* msg_no_to_str(uint32_t number) {
     return enum_to_str(message_names, number);
+}
+
+kay_record* find_kay_by_port_name(const char* name) {
+    TAVU_FUNCTION();
+    kay_record* found = self.kays.find([&](const kay_record& kay) { return kay.port == name; });
+    if (!found)
+        TRACE("TAVU: Could not find KaY with port name '%s'", name);
+    return found;
+}
+
+kay_record* find_kay_by_mka_client_id(uint32_t client_id) {
+    TAVU_FUNCTION();
+    kay_record* found = self.kays.find([&](const kay_record& kay) { return kay.mka_client_id == client_id; });
+    if (!found)
+        TRACE("TAVU: Could not find KaY with MKA client id %u", client_id);
+    return found;
 }
 
 tx_sc* find_tx_sc(kay_record& kay, const sci& identifier) {
@@ -124,6 +168,13 @@ unsigned get_number_of_rx_sa(const kay_record& kay, const rx_sc& sc) {
     return count;
 }
 
+void change_global_state(global_state state) {
+    TAVU_FUNCTION();
+    TRACE_STATE_CHANGE("TAVU: KaY changing global state: '%s' -> '%s'", global_state_to_str(self.state),
+                       global_state_to_str(state));
+    self.state = state;
+}
+
 void change_state(kay_record& kay, kay_state state) {
     TAVU_FUNCTION();
     TRACE_STATE_CHANGE("TAVU: KaY of port '%s' changing state: '%s' -> '%s'", kay.port.c_str(),
@@ -173,4 +224,16 @@ void change_encryption_state(kay_record& kay, macsec_encryption_state state) {
                macsec_encryption_state_to_str(state));
 }
 
-} // namespace tavu::kay_internal
+} // namespace kay_internal
+
+const char* kay_macsec_role_to_str(macsec_role role) {
+    return enum_to_str(kay_internal::role_names, role);
+}
+const char* cp_oper_state_to_str(kay_cp_oper_state state) {
+    return enum_to_str(kay_internal::cp_oper_state_names, state);
+}
+const char* macsec_encryption_state_to_str(macsec_encryption_state state) {
+    return enum_to_str(kay_internal::encryption_state_names, state);
+}
+
+} // namespace tavu

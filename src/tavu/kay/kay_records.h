@@ -87,6 +87,19 @@ struct kay_record {
     record_list<rx_sc> rx_scs;
 };
 
+enum global_state : uint32_t {
+    GLOBAL_STATE_UNINITIALIZED = 0,
+    GLOBAL_STATE_INITIALIZED = 1,
+    GLOBAL_STATE_READY = 2,
+};
+
+struct kay_module {
+    global_state state = GLOBAL_STATE_UNINITIALIZED;
+    kay_callbacks callbacks = {};
+    record_list<kay_record> kays;
+};
+extern kay_module self;
+
 // What traces call a channel or an association, "port 'IDL_A1'::TX SC (sci='SCI = ...')::TX SA (an=1)". It is
 // put together only when a trace asks for it.
 class object_name {
@@ -109,6 +122,7 @@ class object_name {
     mutable char text_[224];
 };
 
+const char* global_state_to_str(global_state state);
 const char* state_to_str(kay_state state);
 const char* resource_state_to_str(resource_state state);
 const char* sa_state_to_str(sa_state state);
@@ -130,15 +144,13 @@ unsigned get_number_of_rx_sc(const kay_record& kay);
 unsigned get_number_of_rx_sa(const kay_record& kay, const rx_sc& sc);
 
 // The only places where these values change; each traces old and new.
+void change_global_state(global_state state);
 void change_state(kay_record& kay, kay_state state);
 void change_sa_state(const kay_record& kay, const rx_sc& sc, rx_sa& sa, sa_state state);
 void change_port_valid(kay_record& kay, bool port_valid);
 void change_cp_oper_state(kay_record& kay, kay_cp_oper_state state);
 void change_role(kay_record& kay, macsec_role role);
 void change_encryption_state(kay_record& kay, macsec_encryption_state state);
-
-// Tells the port manager; through the callback that kay_init was given.
-void fire_handle_kay_state_change_ind(const kay_record& kay);
 
 // The result is known to be of no use here.
 inline void ignore_result(bool) {}

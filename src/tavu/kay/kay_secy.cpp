@@ -85,6 +85,24 @@ bool kay_secy_macsec_init() {
     return error == 0;
 }
 
+namespace {
+
+void kay_secy_get_802_1ae_capabilities(kay_record& kay, const oxhal_macsec_port_cap& entry) {
+    TAVU_FUNCTION();
+    kay.macsec_supported = true;
+    kay.capabilities.num_of_rx_scs = entry.num_of_rx_scs;
+    kay.capabilities.num_of_rx_sas = entry.num_of_rx_sas;
+    kay.capabilities.replay_protection_supported = entry.replay_protection_supported;
+    kay.capabilities.confidentiality_supported = entry.confidentiality_supported;
+    kay.capabilities.confidentiality_offset_supported = entry.confidentiality_offset_supported;
+    if (entry.num_of_additional_ciphers != 0)
+        TRACE("TAVU: KaY does not support additional ciphers, ignoring SecY values on port '%s'",
+              kay.port.c_str());
+    kay.capabilities.additional_ciphers = 0;
+}
+
+} // namespace
+
 bool kay_secy_get_capabilities(kay_record& kay) {
     TAVU_FUNCTION();
     const oxhal_macsec_port_cap_list* list = nullptr;
@@ -105,20 +123,6 @@ bool kay_secy_get_capabilities(kay_record& kay) {
             kay_secy_get_802_1ae_capabilities(kay, *entry);
     }
     return true;
-}
-
-void kay_secy_get_802_1ae_capabilities(kay_record& kay, const oxhal_macsec_port_cap& entry) {
-    TAVU_FUNCTION();
-    kay.macsec_supported = true;
-    kay.capabilities.num_of_rx_scs = entry.num_of_rx_scs;
-    kay.capabilities.num_of_rx_sas = entry.num_of_rx_sas;
-    kay.capabilities.replay_protection_supported = entry.replay_protection_supported;
-    kay.capabilities.confidentiality_supported = entry.confidentiality_supported;
-    kay.capabilities.confidentiality_offset_supported = entry.confidentiality_offset_supported;
-    if (entry.num_of_additional_ciphers != 0)
-        TRACE("TAVU: KaY does not support additional ciphers, ignoring SecY values on port '%s'",
-              kay.port.c_str());
-    kay.capabilities.additional_ciphers = 0;
 }
 
 bool kay_secy_is_macsec_supported(const kay_record& kay) {
@@ -222,6 +226,13 @@ bool kay_secy_rx_sa_in_use(const kay_record& kay, const rx_sc& sc, const rx_sa& 
                        oxhal_macsec_receive_sa_in_use_get);
 }
 
+bool kay_secy_set_protect_frames(const kay_record& kay, bool protect) {
+    TAVU_FUNCTION();
+    return set(kay, "protectFrames", oxhal_macsec_protect_frames_set2, protect);
+}
+
+namespace {
+
 bool kay_secy_delete_all_transmit_sc(const kay_record& kay) {
     TAVU_FUNCTION();
     return delete_all(kay, "TX", oxhal_macsec_transmit_sc_delete_all);
@@ -230,11 +241,6 @@ bool kay_secy_delete_all_transmit_sc(const kay_record& kay) {
 bool kay_secy_delete_all_receive_sc(const kay_record& kay) {
     TAVU_FUNCTION();
     return delete_all(kay, "RX", oxhal_macsec_receive_sc_delete_all);
-}
-
-bool kay_secy_set_protect_frames(const kay_record& kay, bool protect) {
-    TAVU_FUNCTION();
-    return set(kay, "protectFrames", oxhal_macsec_protect_frames_set2, protect);
 }
 
 bool kay_secy_set_validate_frames(const kay_record& kay, uint32_t validate_frames) {
@@ -307,6 +313,8 @@ bool kay_secy_disable_macsec(const kay_record& kay) {
     bool receive_deleted = kay_secy_delete_all_receive_sc(kay);
     return unprotected && unvalidated && transmit_deleted && receive_deleted;
 }
+
+} // namespace
 
 bool enable_macsec_cp(const kay_record& kay) {
     TAVU_FUNCTION();

@@ -14,7 +14,6 @@ namespace tavu::kay_internal {
 // Reads what the SecY can do into the KaY's record. A SecY without IEEE 802.1AE-2006 is no error: the port
 // then does not support MACsec.
 [[nodiscard]] bool kay_secy_get_capabilities(kay_record& kay);
-void kay_secy_get_802_1ae_capabilities(kay_record& kay, const oxhal_macsec_port_cap& entry);
 [[nodiscard]] bool kay_secy_is_macsec_supported(const kay_record& kay);
 [[nodiscard]] bool kay_secy_is_standard_supported(const kay_record& kay, mka_standard standard);
 [[nodiscard]] bool kay_secy_is_cipher_supported(const kay_record& kay, mka_standard standard,
@@ -41,26 +40,14 @@ void trace_standard_support(const kay_record& kay, mka_standard standard, const 
 [[nodiscard]] bool kay_secy_tx_sa_in_use(const kay_record& kay, const tx_sc& sc, const tx_sa& sa);
 [[nodiscard]] bool kay_secy_rx_sa_in_use(const kay_record& kay, const rx_sc& sc, const rx_sa& sa);
 
-// Channels together with their associations.
-[[nodiscard]] bool kay_secy_delete_all_transmit_sc(const kay_record& kay);
-[[nodiscard]] bool kay_secy_delete_all_receive_sc(const kay_record& kay);
-
 [[nodiscard]] bool kay_secy_set_protect_frames(const kay_record& kay, bool protect);
-[[nodiscard]] bool kay_secy_set_validate_frames(const kay_record& kay, uint32_t validate_frames);
-[[nodiscard]] bool kay_secy_set_replay_protection(const kay_record& kay, bool enable, uint32_t window);
-[[nodiscard]] bool kay_secy_set_es(const kay_record& kay, bool use);
-[[nodiscard]] bool kay_secy_set_scb(const kay_record& kay, bool use);
-[[nodiscard]] bool kay_secy_set_always_include_sci(const kay_record& kay, bool always);
-[[nodiscard]] bool kay_secy_enable_cp(const kay_record& kay);
-// Applies the configuration options, up to the first that fails. Whether frames are protected is not one of
-// them: the key server decides that.
-[[nodiscard]] bool kay_secy_apply_macsec_configuration(const kay_record& kay);
-// Clear frames both ways and no channels. Goes through all of it, also when a step fails.
-[[nodiscard]] bool kay_secy_disable_macsec(const kay_record& kay);
 
 // What the KaY does with the whole port. On a SecY without MACsec they succeed and touch nothing.
 [[nodiscard]] bool enable_macsec_cp(const kay_record& kay);
+// Clear frames both ways and no channels. Goes through all of it, also when a step fails.
 [[nodiscard]] bool disable_macsec(const kay_record& kay);
+// Applies the configuration options, up to the first that fails. Whether frames are protected is not one of
+// them: the key server decides that.
 [[nodiscard]] bool apply_macsec_configuration(const kay_record& kay);
 
 } // namespace tavu::kay_internal

@@ -140,6 +140,21 @@ void delete_mka_client(kay_record& kay) {
 
 } // namespace
 
+namespace {
+
+void fire_handle_kay_state_change_ind(const kay_record& kay) {
+    TAVU_FUNCTION();
+    kay_state_change_ind indication;
+    fill_kay_state_change_ind(kay, indication);
+    TRACE("TAVU: Firing handle_kay_state_change_ind port = '%s', error = '%s', port_valid = '%s', "
+          "cp_oper_state = '%s'",
+          kay.port.c_str(), bool_to_str(indication.error), bool_to_str(indication.port_valid),
+          cp_oper_state_to_str(indication.oper_state));
+    self.callbacks.handle_kay_state_change_ind(kay.port.c_str(), indication);
+}
+
+} // namespace
+
 void update_kay_data(kay_record& kay, kay_state state) {
     TAVU_FUNCTION();
     kay_state old_state = kay.state;
