@@ -1,47 +1,16 @@
 #include "tavu/port_manager/port_manager.h"
 
-#include "base/enum_text.h"
 #include "base/trace.h"
 #include "protocols/message_numbers.h"
-#include "tavu/port_manager/port_manager_records.h"
+#include "tavu/port_manager/port_manager_naming.h"
+#include "tavu/port_manager/port_manager_requests.h"
+#include "tavu/port_manager/port_manager_roles.h"
 
 namespace tavu {
 
-namespace port_manager {
-
-module_data self;
+using namespace port_manager;
 
 namespace {
-
-constexpr enum_text global_state_names[] = {
-    ENUM_TEXT(TAVU_PM_GLOBAL_STATE_UNINITIALIZED),
-    ENUM_TEXT(TAVU_PM_GLOBAL_STATE_INITIALIZED),
-    ENUM_TEXT(TAVU_PM_GLOBAL_STATE_READY),
-};
-
-constexpr enum_text state_names[] = {
-    ENUM_TEXT(TAVU_PM_STATE_INITIAL),    ENUM_TEXT(TAVU_PM_STATE_UNAUTHENTICATED),
-    ENUM_TEXT(TAVU_PM_STATE_CA_JOINING), ENUM_TEXT(TAVU_PM_STATE_CA_JOINED),
-    ENUM_TEXT(TAVU_PM_STATE_FAILED),
-};
-
-constexpr enum_text user_data_type_names[] = {
-    ENUM_TEXT(USER_DATA_NONE),
-    ENUM_TEXT(USER_DATA_IDL),
-};
-
-constexpr enum_text request_type_names[] = {
-    ENUM_TEXT(REQUEST_LINK_ADD),
-    ENUM_TEXT(REQUEST_LINK_UPDATE),
-    ENUM_TEXT(REQUEST_LINK_DELETE),
-};
-
-void change_global_state(tavu_pm_global_state state) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: Port manager changing state: '%s' -> '%s'",
-                       global_state_to_str(self.global_state), global_state_to_str(state));
-    self.global_state = state;
-}
 
 // A new record, or null after an error trace.
 tavu_pm_data* create_tavu_pm_data_element(const char* name) {
@@ -68,51 +37,6 @@ void clear_data() {
 }
 
 } // namespace
-
-const char* global_state_to_str(tavu_pm_global_state state) {
-    return enum_to_str(global_state_names, state);
-}
-const char* state_to_str(tavu_pm_state state) {
-    return enum_to_str(state_names, state);
-}
-const char* user_data_type_to_str(user_data_type type) {
-    return enum_to_str(user_data_type_names, type);
-}
-const char* request_type_to_str(request_type type) {
-    return enum_to_str(request_type_names, type);
-}
-
-bool is_ready(const char* operation, const char* file, int line) {
-    return is_in_state(self.global_state, TAVU_PM_GLOBAL_STATE_READY, global_state_to_str, "TAVU", operation,
-                       file, line);
-}
-
-tavu_pm_data* find_tavu_pm_data(const char* name) {
-    TAVU_FUNCTION();
-    tavu_pm_data* port =
-        self.ports.find([&](const tavu_pm_data& candidate) { return candidate.port == name; });
-    if (!port)
-        TRACE("TAVU: Could not find port with name '%s'", name);
-    return port;
-}
-
-tavu_pm_data* find_port_or_complain(const char* name) {
-    tavu_pm_data* port = find_tavu_pm_data(name);
-    if (!port)
-        TRACE_ERROR("TAVU: Could not find port with name '%s'", name);
-    return port;
-}
-
-bool read_port_data(const char* name, oxpcsi_port_data& port_data) {
-    if (oxpcsi_get_port_data(name, port_data))
-        return true;
-    TRACE_ERROR("TAVU: Could not find port data with name '%s'", name);
-    return false;
-}
-
-} // namespace port_manager
-
-using namespace port_manager;
 
 bool tavu_pm_init(oka_mailbox root) {
     TAVU_FUNCTION();

@@ -1,6 +1,9 @@
-// What the files of the port manager share: its records, and the operations that reach across the files.
-// Roles and states stand in tavu_port_manager_roles.cpp, links and the names derived from them in
-// tavu_port_manager_links.cpp, clients' subscriptions and answers in tavu_port_manager_subscriptions.cpp.
+// The port manager's state: a record for each port, the subscribers, and where the module stands. The files
+// above it, each built on those before:
+//   port_manager_naming    what follows from a link: which end hosts the key server, and what CA and server
+//   are called port_manager_reports   what clients hear of their ports port_manager_roles     which role a
+//   port takes, how it gets there, and what happens when it fails port_manager_requests  what clients ask for
+//   port_manager           life cycle and dispatch
 #pragma once
 
 #include "base/record_list.h"
@@ -69,8 +72,6 @@ struct module_data {
 };
 extern module_data self;
 
-// --- tavu_port_manager.cpp
-
 const char* global_state_to_str(tavu_pm_global_state state);
 const char* state_to_str(tavu_pm_state state);
 const char* user_data_type_to_str(user_data_type type);
@@ -85,36 +86,13 @@ tavu_pm_data* find_port_or_complain(const char* name);
 // The port as the port-control client knows it; false, after an error trace, when it does not.
 [[nodiscard]] bool read_port_data(const char* name, oxpcsi_port_data& port_data);
 
-// --- tavu_port_manager_roles.cpp
-
-[[nodiscard]] bool set_port_role(tavu_pm_data& port, macsec_role role);
-void set_port_roles(macsec_role role);
-// Turns what is known of the port into action: the one place where that happens. Runs after every change of
-// the port's state or link, and when a retry is due.
-void update_state_and_role(tavu_pm_data& port, const oxpcsi_port_data& port_data);
-void stop_retry_timer(tavu_pm_data& port);
-void tavu_pm_handle_retry_timeout(const oka_message* message);
-void handle_kay_state_change_ind(const char* name, const kay_state_change_ind& indication);
-
-// --- tavu_port_manager_links.cpp
-
-[[nodiscard]] bool set_own_mp_id();
+// The only places where these values change; each traces old and new.
+void change_global_state(tavu_pm_global_state state);
+void change_state(tavu_pm_data& port, tavu_pm_state state);
+void change_macsec_role(tavu_pm_data& port, macsec_role role);
+void change_port_valid(tavu_pm_data& port, bool valid);
+void change_encryption_state(tavu_pm_data& port, macsec_encryption_state state);
+// Reserving a port forgets its link and the request that waited.
 void set_user_data_type(tavu_pm_data& port, user_data_type type);
-void set_key_server_name(tavu_pm_data& port);
-// Adds the port's CA to the key server of this unit, or removes it; nothing when the peer's unit hosts it.
-enum class ca_change { remove = 0, add = 1 };
-void configure_ca(const tavu_pm_data& port, ca_change change);
-void get_sci_from_mac(const uint8_t* mac, size_t length, sci& output);
-uint32_t oxpcsi_line_rate_to_mka_port_speed(uint32_t line_rate);
-
-// --- tavu_port_manager_subscriptions.cpp
-
-void set_procedure_pending(tavu_pm_data& port, request_type request, uint32_t client_id,
-                           uint32_t procedure_reference);
-// The port has settled: confirms the request that waited for it, if any.
-void fire_oxmsi_pending_procedure_response(tavu_pm_data& port);
-// Tells the port's subscribers what they do not know yet.
-void fire_oxmsi_macsec_port_status_ind(const tavu_pm_data& port);
-void delete_subscriber(subscriber_record& subscriber);
 
 } // namespace tavu::port_manager

@@ -1,8 +1,10 @@
-// The decision and its execution: which role a port takes, how it gets there, and what happens when it fails.
+#include "tavu/port_manager/port_manager_roles.h"
+
 #include "base/trace.h"
 #include "platform/oxhal.h"
 #include "protocols/message_numbers.h"
-#include "tavu/port_manager/port_manager_records.h"
+#include "tavu/port_manager/port_manager_naming.h"
+#include "tavu/port_manager/port_manager_reports.h"
 #include "tavu/tavu_utils.h"
 
 namespace tavu::port_manager {
@@ -15,37 +17,6 @@ struct retry_timeout_ind {
     port_name port; // 4
 };
 TAVU_WIRE_LAYOUT(retry_timeout_ind, 20);
-
-// --- The record's variables, each changed in one place
-
-void change_state(tavu_pm_data& port, tavu_pm_state state) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: Port '%s': changing state: '%s' -> '%s'", port.port.c_str(),
-                       state_to_str(port.state), state_to_str(state));
-    port.state = state;
-}
-
-void change_macsec_role(tavu_pm_data& port, macsec_role role) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: Port '%s': changing MACsec role: '%s' -> '%s'", port.port.c_str(),
-                       kay_macsec_role_to_str(port.role), kay_macsec_role_to_str(role));
-    port.role = role;
-}
-
-void change_port_valid(tavu_pm_data& port, bool valid) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: Port '%s': changing port valid: '%s' -> '%s'", port.port.c_str(),
-                       bool_to_str(port.port_valid), bool_to_str(valid));
-    port.port_valid = valid;
-}
-
-void change_encryption_state(tavu_pm_data& port, macsec_encryption_state state) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: Port '%s': changing port encryption state: '%s' -> '%s'", port.port.c_str(),
-                       macsec_encryption_state_to_str(port.encryption_state),
-                       macsec_encryption_state_to_str(state));
-    port.encryption_state = state;
-}
 
 // --- Decision
 
@@ -168,6 +139,19 @@ bool set_unauthenticated(tavu_pm_data& port) {
     change_port_valid(port, true);
     fire_oxmsi_pending_procedure_response(port);
     return true;
+}
+
+void get_sci_from_mac(const uint8_t* mac, size_t length, sci& output) {
+    TAVU_FUNCTION();
+    output = {};
+    memcpy(output.octets, mac, length < sizeof output.octets ? length : sizeof output.octets);
+}
+
+uint32_t oxpcsi_line_rate_to_mka_port_speed(uint32_t line_rate) {
+    TAVU_FUNCTION();
+    uint32_t port_speed = line_rate;
+    TRACE("TAVU: OXPCSI line rate %u -> MKA port speed %u", line_rate, port_speed);
+    return port_speed;
 }
 
 bool set_secured(tavu_pm_data& port) {

@@ -1,50 +1,25 @@
-// The links that clients publish, and what follows from a link for its port: which end hosts the key server,
-// what the CA and the key server are called, and how the port presents itself in the CA.
-#include <cstdio>
-#include <cstdlib>
+#include "tavu/port_manager/port_manager_requests.h"
 
 #include "base/trace.h"
-#include "tavu/key_server/key_server.h"
 #include "tavu/oxmsi/oxmsi_server.h"
-#include "tavu/port_manager/port_manager_records.h"
+#include "tavu/port_manager/port_manager_naming.h"
+#include "tavu/port_manager/port_manager_reports.h"
+#include "tavu/port_manager/port_manager_roles.h"
 
 namespace tavu {
 
 namespace port_manager {
 
+void delete_subscriber(subscriber_record& subscriber) {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Deleting subscriber client id=%u for port '%s'", subscriber.client_id,
+          subscriber.port.c_str());
+    self.subscribers.remove(subscriber);
+}
+
 namespace {
 
-// The end with the smaller MP id hosts the key server. With equal ones neither does: each looks for it at
-// the other end.
-bool is_local_key_server(const tavu_pm_data& port) {
-    TAVU_FUNCTION();
-    bool local = port.remote_mpid > static_cast<uint32_t>(self.own_mpid);
-    if (local)
-        TRACE("TAVU: Key server is on local DU for CA='%s' on port '%s': local MPID=%d, remote MPID=%d,",
-              port.ca.c_str(), port.port.c_str(), self.own_mpid, static_cast<int>(port.remote_mpid));
-    else
-        TRACE("TAVU: Key server is on remote DU for CA='%s' on port '%s': local MPID=%d, remote MPID=%d,",
-              port.ca.c_str(), port.port.c_str(), self.own_mpid, static_cast<int>(port.remote_mpid));
-    return local;
-}
-
-// The key server's end comes first, so that both ends make the same name.
-void generate_ca_name(tavu_pm_data& port) {
-    TAVU_FUNCTION();
-    struct end {
-        int mpid;
-        const char* port;
-    };
-    const end own = {self.own_mpid, port.port.c_str()};
-    const end remote = {static_cast<int>(port.remote_mpid), port.remote_port.c_str()};
-    bool local = is_local_key_server(port);
-    const end& server = local ? own : remote;
-    const end& other = local ? remote : own;
-    snprintf(port.ca.octets, sizeof port.ca.octets, "CA_mp%d_%s_mp%d_%s", server.mpid, server.port,
-             other.mpid, other.port);
-    TRACE("TAVU: Generated CA name = '%s' for local MPID=%u, local port='%s'remote MPID=%u, remote port='%s'",
-          port.ca.c_str(), static_cast<unsigned>(self.own_mpid), own.port, port.remote_mpid, remote.port);
-}
+// --- Links
 
 // What added and updated links have in common.
 void store_link(tavu_pm_data& port, const oxmsi_link& link) {
@@ -107,68 +82,88 @@ uint32_t check_link_deleted(const char* name, uint32_t link_id, tavu_pm_data*& p
     return 0;
 }
 
-} // namespace
+// --- Subscribers
 
-bool set_own_mp_id() {
+unsigned get_number_of_subscribers() {
     TAVU_FUNCTION();
-    const char* value = getenv("MPID");
-    if (!value) {
-        TRACE_ERROR("TAVU: Read variable 'MPID' failed");
+    unsigned count = self.subscribers.size();
+    TRACE("TAVU: Total number of subscribers=%u, maximum number of subscribers=%u", count,
+          tavu_pm_max_subscribers);
+    return count;
+}
+
+subscriber_record* find_subscriber(uint32_t client_id, const char* port) {
+    TAVU_FUNCTION();
+    subscriber_record* subscriber = self.subscribers.find([&](const subscriber_record& candidate) {
+        return candidate.client_id == client_id && candidate.port == port;
+    });
+    if (subscriber)
+        TRACE("TAVU: Subscriber for port '%s', client id=%u found", port, client_id);
+    else
+        TRACE("TAVU: Subscriber for port '%s', client id=%u not found", port, client_id);
+    return subscriber;
+}
+
+subscriber_record* add_subscriber(uint32_t client_id, const char* port, uint32_t procedure_reference) {
+    TAVU_FUNCTION();
+    subscriber_record* subscriber = self.subscribers.add();
+    if (!subscriber)
+        return nullptr;
+    subscriber->client_id = client_id;
+    subscriber->port.assign(port);
+    subscriber->procedure_reference = procedure_reference;
+    TRACE("TAVU: client id=%u subscribed for port '%s'", client_id, port);
+    return subscriber;
+}
+
+bool delete_first_subscription_of(uint32_t client_id) {
+    TAVU_FUNCTION();
+    subscriber_record* subscriber = self.subscribers.find(
+        [=](const subscriber_record& candidate) { return candidate.client_id == client_id; });
+    if (!subscriber)
         return false;
-    }
-    self.own_mpid = static_cast<int32_t>(strtol(value, nullptr, 10)); // 0 for what is not a number
-    TRACE("TAVU: Set own mp id '%d'", self.own_mpid);
+    delete_subscriber(*subscriber);
     return true;
 }
 
-void set_user_data_type(tavu_pm_data& port, user_data_type type) {
+void delete_subscriptions_of(uint32_t client_id) {
     TAVU_FUNCTION();
-    if (port.user_data == type) {
-        TRACE("TAVU: User data type is already '%s'", user_data_type_to_str(type));
-        return;
-    }
-    TRACE("TAVU: Changing user data type from '%s' -> '%s'", user_data_type_to_str(port.user_data),
-          user_data_type_to_str(type));
-    port.user_data = type;
-    if (type == USER_DATA_IDL) {
-        port.number_of_links = 0;
-        port.procedure_pending = false;
+    while (delete_first_subscription_of(client_id)) {
     }
 }
 
-void set_key_server_name(tavu_pm_data& port) {
-    TAVU_FUNCTION();
-    if (is_local_key_server(port))
-        port.key_server.assign(key_server_mailbox_name);
-    else
-        snprintf(port.key_server.octets, sizeof port.key_server.octets, "%s/%s", port.hunt_path.c_str(),
-                 key_server_mailbox_name);
-    TRACE("TAVU: Key server name for port '%s': '%s'", port.port.c_str(), port.key_server.c_str());
+// Why a subscription is refused, or 0; and the port that it is for.
+uint32_t check_subscription(uint32_t client_id, const char* name, tavu_pm_data*& port) {
+    port = find_port_or_complain(name);
+    if (!port)
+        return OXMSI_REJ_UNKNOWN_PORT_NAME;
+    if (find_subscriber(client_id, name)) {
+        TRACE_ERROR("TAVU: client id=%u already subscribed for port '%s'", client_id, name);
+        return OXMSI_REJ_SUBSCRIPTION_ALREADY_EXIST;
+    }
+    if (get_number_of_subscribers() >= tavu_pm_max_subscribers) {
+        TRACE_ERROR(
+            "TAVU: Maximum number of subscribers (%u) reached, client id=%u cannot subscribe for port "
+            "'%s'",
+            tavu_pm_max_subscribers, client_id, name);
+        return OXMSI_REJ_MAX_NUMBER_OF_SUBSCRIBERS_REACHED;
+    }
+    return 0;
 }
 
-void configure_ca(const tavu_pm_data& port, ca_change change) {
-    TAVU_FUNCTION();
-    if (!is_local_key_server(port))
-        return;
-    // A retry adds a CA that is there already, and most ports that become unauthenticated never had one.
-    if (change == ca_change::add)
-        (void)key_server_add_ca(port.ca.c_str());
-    else
-        (void)key_server_remove_ca(port.ca.c_str());
+// Ends what the client subscribed to and releases every port, whichever client published its link.
+void forget_client(uint32_t client_id) {
+    delete_subscriptions_of(client_id);
+    for (tavu_pm_data& port : self.ports) {
+        oxpcsi_port_data port_data;
+        if (!read_port_data(port.port.c_str(), port_data))
+            continue;
+        set_user_data_type(port, USER_DATA_NONE);
+        update_state_and_role(port, port_data);
+    }
 }
 
-void get_sci_from_mac(const uint8_t* mac, size_t length, sci& output) {
-    TAVU_FUNCTION();
-    output = {};
-    memcpy(output.octets, mac, length < sizeof output.octets ? length : sizeof output.octets);
-}
-
-uint32_t oxpcsi_line_rate_to_mka_port_speed(uint32_t line_rate) {
-    TAVU_FUNCTION();
-    uint32_t port_speed = line_rate;
-    TRACE("TAVU: OXPCSI line rate %u -> MKA port speed %u", line_rate, port_speed);
-    return port_speed;
-}
+} // namespace
 
 } // namespace port_manager
 
@@ -235,6 +230,59 @@ void tavu_pm_handle_oxmsi_idl_link_deleted_req(uint32_t client_id, uint32_t proc
         port->number_of_links--;
     set_procedure_pending(*port, REQUEST_LINK_DELETE, client_id, procedure_reference);
     update_state_and_role(*port, port_data);
+}
+
+void tavu_pm_handle_oxmsi_subscribe_req(uint32_t client_id, uint32_t procedure_reference, const char* name) {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Received oxmsi_subscribe_req for port '%s'", name);
+    if (!is_ready())
+        return;
+    tavu_pm_data* port = nullptr;
+    uint32_t reason = check_subscription(client_id, name, port);
+    subscriber_record* subscriber = nullptr;
+    if (reason == 0) {
+        subscriber = add_subscriber(client_id, name, procedure_reference);
+        if (!subscriber)
+            reason = OXMSI_REJ_INTERNAL_ERROR;
+    }
+    if (reason != 0) {
+        send_oxmsi_subscribe_port_status_rej(client_id, procedure_reference, reason);
+        return;
+    }
+    send_oxmsi_subscribe_port_status_cfm(client_id, procedure_reference);
+    fire_oxmsi_macsec_port_status_ind_to_client(*subscriber, *port);
+}
+
+void tavu_pm_handle_oxmsi_unsubscribe_req(uint32_t client_id, uint32_t procedure_reference,
+                                          const char* name) {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Received oxmsi_unsubscribe_req for port '%s'", name);
+    if (!is_ready())
+        return;
+    if (!find_port_or_complain(name)) {
+        // The protocol has no reject of its own for this.
+        send_oxmsi_subscribe_port_status_rej(client_id, procedure_reference, OXMSI_REJ_UNKNOWN_PORT_NAME);
+        return;
+    }
+    if (subscriber_record* subscriber = find_subscriber(client_id, name))
+        delete_subscriber(*subscriber);
+    else
+        TRACE_ERROR("TAVU: client id=%u is not subscribed for port '%s'", client_id, name);
+    send_oxmsi_unsubscribe_port_status_cfm(client_id, procedure_reference);
+}
+
+void tavu_pm_handle_oxmsi_client_down_ind(uint32_t client_id) {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Received oxmsi_client_down_ind for client %u", client_id);
+    if (is_ready())
+        forget_client(client_id);
+}
+
+void tavu_pm_handle_oxmsi_connection_close_ind(uint32_t client_id) {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Received handle_oxmsi_connection_close_ind for client %u", client_id);
+    if (is_ready())
+        forget_client(client_id);
 }
 
 } // namespace tavu
