@@ -147,7 +147,7 @@ void node::start(int unit, role what) {
         started.command = {IDL_TOPOLOGYD, "--links", folder_.path() + "/" + number + ".toml"};
         break;
     case role::PORT_CONTROL:
-        started.command = {SIMULATED_PORTS};
+        started.command = {PORTS};
         break;
     }
     process* running = stage_.start(unit, what, started);

@@ -50,7 +50,6 @@ const char* name_of(uint32_t number) {
     std::string number = std::to_string(socket);
     for (const char* name : {"OKA_CONDUCTOR=", "OXHAL_SIM_REPORT="})
         environment.push_back(name + number);
-    environment.push_back("OKA_TRANSPORTS=conductor");
     std::vector<char*> words, variables;
     for (const std::string& word : started.command)
         words.push_back(const_cast<char*>(word.c_str()));
@@ -247,10 +246,8 @@ bool stage::take_packet(process& from, const unsigned char* packet, size_t size,
 void stage::carry_out(process& by, const conduct_record& record, const unsigned char* payload) {
     std::string_view text(reinterpret_cast<const char*>(payload), record.length);
     switch (record.kind) {
-    case conduct::hello: {
-        oka::conduct_seed seed = {draw.next()};
-        return grant(by, {conduct::welcome, sizeof seed, 0, 0, 0}, &seed);
-    }
+    case conduct::hello:
+        return grant(by, {conduct::welcome, 0, 0, 0, 0});
     case conduct::announce: {
         bool is_free = true;
         for (auto& [id, each] : processes_) {

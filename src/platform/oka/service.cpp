@@ -1,4 +1,4 @@
-// Bringing the service up: which clock and which transports this process uses, and which unit it is of.
+// Bringing the service up: which transports this process uses, and which unit it is of.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -6,22 +6,16 @@
 #include <cstring>
 #include <iterator>
 #include <string_view>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include "platform/oka/core/core_internal.h"
-#include "platform/oka/core/linux_clock.h"
 #include "platform/oka/core/oka_trace.h"
-#include "platform/oka/simulation/conductor.h"
 #include "platform/oka/tipc/tipc_transport.h"
 #include "platform/oka/unix/unix_transport.h"
 #include "platform/oka_names.h"
 #include "platform/words.h"
 
 namespace {
-
-// Nobody plugged a clock, so this is a process like any other and not a simulation.
-bool uses_defaults = false;
 
 constexpr const oka::transport* known_transports[] = {&oka::unix_transport, &oka::tipc_transport};
 
@@ -107,35 +101,11 @@ bool oka_check_transports(const char* value, char* wrong, size_t size) {
     return read_transports(value, choice, wrong, size);
 }
 
-void oka::choose_clock() {
-    if (clock_plugged())
-        return;
-    if (is_conducted()) {
-        plug_clock(&conductor_clock);
-        plug_transport(&conductor_transport);
-        return;
-    }
-    plug_clock(&linux_clock);
-    uses_defaults = true;
-}
-
-uint64_t oka::random_number() {
-    if (is_conducted())
-        return conducted_random();
-    // What asks for chance before the kernel has any gets the time: it spreads what happens, it hides
-    // nothing.
-    uint64_t number = 0;
-    if (getrandom(&number, sizeof number, GRND_NONBLOCK) != sizeof number)
-        number = linux_clock.now_ns();
-    return number;
-}
-
 int oka_init(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
-    oka::choose_clock();
     char own_unit[OKA_UNIT_PATH_SIZE];
     if (int error = find_own_unit(own_unit))
         return error;
-    if (uses_defaults && !oka::transport_plugged()) {
+    if (!oka::clock_plugged() && !oka::transport_plugged()) {
         if (int error = plug_transports())
             return error;
     }

@@ -66,7 +66,8 @@ struct transport {
 };
 
 // Before oka_timer_service_init and oka_init. What is plugged stays for the life of the process; a process
-// that plugs nothing gets the Linux clock and the transports that OKA_TRANSPORTS names.
+// that plugs nothing gets the Linux clock and the transports that OKA_TRANSPORTS names. One that plugs a
+// clock gets no other transports than it plugs.
 void plug_clock(const clock* plugged);
 void plug_transport(const transport* plugged);
 
@@ -83,10 +84,6 @@ void remove_remote(oka_mailbox mailbox);
 // Queues a message for oka_receive, or frees it when its receiver is gone.
 void deliver(envelope* message);
 void answer_locate(uint32_t locate, oka_mailbox found);
-
-// For what is to happen at random, such as jitter, and for nothing that is secret: a process that is
-// conducted gets its numbers from the conductor.
-uint64_t random_number();
 
 // A timer of the platform itself: calls instead of delivering. 0 is never its reference.
 uint32_t call_later(uint64_t delay_ms, void (*call)(void* context), void* context);

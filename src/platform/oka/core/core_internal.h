@@ -10,8 +10,8 @@ envelope* take_envelope(oka_message** message);
 
 bool clock_plugged();
 bool transport_plugged();
-// Plugs the Linux clock unless a clock is there.
-void choose_clock();
+// Waits as the clock does.
+bool wait(uint64_t deadline_ns);
 int start_core(const char* own_unit);
 
 // A mailbox of this process under "name", or under the "unit/name" of another unit.

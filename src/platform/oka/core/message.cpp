@@ -1,9 +1,9 @@
 // Message buffers. Messages carry keys, so a buffer is wiped before it goes back to the allocator.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "platform/oka/core/core_internal.h"
-#include "platform/oka/core/oka_trace.h"
 
 namespace {
 
@@ -12,6 +12,12 @@ uint32_t live_messages = 0;
 oka::envelope* envelope_of(const oka_message* message) {
     auto* bytes = reinterpret_cast<unsigned char*>(const_cast<oka_message*>(message));
     return reinterpret_cast<oka::envelope*>(bytes - offsetof(oka::envelope, message));
+}
+
+// No trace: the trace service looks into messages, and must not be needed by them.
+[[noreturn]] void end_without_memory(size_t wanted) {
+    fprintf(stderr, "OKA: Memory allocation of %zu bytes failed\n", wanted);
+    abort();
 }
 
 } // namespace
@@ -23,10 +29,8 @@ static_assert(offsetof(envelope, message) == offsetof(envelope, head_room) + siz
 envelope* new_envelope(uint32_t size) {
     size_t wanted = offsetof(envelope, message) + size;
     void* memory = calloc(1, wanted < sizeof(envelope) ? sizeof(envelope) : wanted);
-    if (!memory) {
-        OKA_ERROR("OKA: Memory allocation of %zu bytes failed", wanted);
-        abort();
-    }
+    if (!memory)
+        end_without_memory(wanted);
     auto* fresh = static_cast<envelope*>(memory);
     fresh->receiver = OKA_MAILBOX_NONE;
     fresh->sender = OKA_MAILBOX_NONE;
@@ -58,10 +62,8 @@ envelope* take_envelope(oka_message** message) {
 } // namespace oka
 
 oka_message* oka_alloc(size_t size, uint32_t number) {
-    if (size > UINT32_MAX / 2) {
-        OKA_ERROR("OKA: Message 0x%x of %zu bytes is beyond all memory", number, size);
-        abort();
-    }
+    if (size > UINT32_MAX / 2)
+        end_without_memory(size);
     if (size < sizeof(oka_message))
         size = sizeof(oka_message);
     oka::envelope* fresh = oka::new_envelope(static_cast<uint32_t>(size));

@@ -8,7 +8,6 @@
 
 #include "platform/oka/core/core.h"
 #include "platform/oka/core/core_internal.h"
-#include "platform/oka_clock.h"
 #include "platform/oka_timer.h"
 
 namespace {
@@ -127,7 +126,6 @@ uint32_t count_timers() {
 } // namespace oka
 
 bool oka_timer_service_init() {
-    oka::choose_clock();
     timers.up = true;
     return true;
 }
@@ -154,8 +152,4 @@ oka_timer_ref oka_timer_request_sig(uint32_t timeout_ms, oka_message** prepared)
 
 void oka_timer_cancel(oka_timer_ref timer) {
     cancel(timer);
-}
-
-uint64_t oka_now_ms() {
-    return oka::now_ns() / 1000000;
 }

@@ -32,10 +32,9 @@ struct packet {
     alignas(conduct_record) unsigned char bytes[oka::conduct_packet_max];
 };
 
-struct {
+constinit struct {
     int socket = -1;
     uint64_t now_ns = 0;
-    uint64_t seed = 0;
     bool saw = false;
     oka::id_table<remote, 64> remotes;
     packet* out = nullptr; // only a conducted process has room for them
@@ -249,42 +248,29 @@ void meet_conductor() {
     self.out->size = 0;
     put({.kind = conduct::hello, .length = 0, .a = 0, .b = 0, .c = 0});
     flush();
-    const conduct_record& welcome = take_grant();
-    if (welcome.kind != conduct::welcome || welcome.length != sizeof(oka::conduct_seed))
+    if (take_grant().kind != conduct::welcome)
         end_with("The conductor does not say welcome");
-    memcpy(&self.seed, payload(), sizeof self.seed);
 }
+
+constexpr oka::clock conductor_clock = {.now_ns = now, .wait = wait};
+
+constexpr oka::transport conductor_transport = {.name = "conductor",
+                                                .between_hosts = false,
+                                                .start = start,
+                                                .stop = stop,
+                                                .announce = announce,
+                                                .withdraw = withdraw,
+                                                .locate = locate,
+                                                .cancel_locate = cancel_locate};
 
 } // namespace
 
-namespace oka {
+namespace oka::simulation {
 
-const clock conductor_clock = {.now_ns = now, .wait = wait};
-
-const transport conductor_transport = {.name = "conductor",
-                                       .between_hosts = false,
-                                       .start = start,
-                                       .stop = stop,
-                                       .announce = announce,
-                                       .withdraw = withdraw,
-                                       .locate = locate,
-                                       .cancel_locate = cancel_locate};
-
-bool is_conducted() {
-    const char* chosen = getenv("OKA_TRANSPORTS");
-    if (!chosen || strcmp(chosen, conductor_transport.name) != 0)
-        return false;
-    if (self.socket < 0)
-        meet_conductor();
-    return true;
+void plug_conductor() {
+    meet_conductor();
+    plug_clock(&conductor_clock);
+    plug_transport(&conductor_transport);
 }
 
-// SplitMix64.
-uint64_t conducted_random() {
-    uint64_t mixed = self.seed += 0x9e3779b97f4a7c15u;
-    mixed = (mixed ^ mixed >> 30) * 0xbf58476d1ce4e5b9u;
-    mixed = (mixed ^ mixed >> 27) * 0x94d049bb133111ebu;
-    return mixed ^ mixed >> 31;
-}
-
-} // namespace oka
+} // namespace oka::simulation

@@ -21,7 +21,7 @@ enum class conduct : uint32_t {
     balance = 7,  // a conduct_balance
 
     // The conductor answers or grants; c is the time from now on.
-    welcome = 16,   // a conduct_seed
+    welcome = 16,
     announced = 17, // a: whether the name was free
     deliver = 18,   // a: to the mailbox, b: from the alias or none; the message's bytes
     located = 19,   // a: locate, b: alias
@@ -42,10 +42,6 @@ struct conduct_record {
     uint32_t a;
     uint32_t b;
     uint64_t c;
-};
-
-struct conduct_seed {
-    uint64_t seed;
 };
 
 // What is alive in the process.
