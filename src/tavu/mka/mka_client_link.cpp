@@ -1,9 +1,8 @@
-// The way to the CA and back: finding and watching the key server, connecting, joining, the heartbeat, and
-// leaving when any of it fails.
+#include "tavu/mka/mka_client_link.h"
+
 #include <tuple>
 
 #include "base/trace.h"
-#include "tavu/mka/mka_client_internal.h"
 
 namespace tavu::mka_client_internal {
 

@@ -1,38 +1,18 @@
-// What the key server asks of a client that has joined its CA, handed to the KaY as it came, and what the KaY
-// has to say, put into messages.
+#include "tavu/mka/mka_client_requests.h"
+
 #include "base/trace.h"
-#include "tavu/mka/mka_client.h"
-#include "tavu/mka/mka_client_internal.h"
+#include "tavu/mka/mka_client_link.h"
 
 namespace tavu {
 
 namespace mka_client_internal {
 
-void fire(const client& from, const char* function, relay callback, const oka_message* message) {
-    const function_trace function_trace_here("TAVU", function, __FILE__, __LINE__);
-    TRACE("TAVU: Firing %s for client client id = %u, CA name = '%s'", function + strlen("fire_"), from.id,
-          from.ca.c_str());
-    callback(from.id, message);
-}
-
-void fire_handle_mka_client_ca_left_ind(const client& from) {
-    TAVU_FUNCTION();
-    TRACE("TAVU: Firing handle_mka_client_ca_left_ind for client client id = %u, CA name = '%s'", from.id,
-          from.ca.c_str());
-    self.callbacks.handle_mka_client_ca_left_ind(from.id);
-}
-
-void send_header(const client& from, uint32_t number, uint32_t procedure_reference) {
-    outgoing<message_header> message(number);
-    send_to_server(from, message, procedure_reference);
-}
+namespace {
 
 void send_leave_ca_rcfm(const client& from, uint32_t procedure_reference) {
     TAVU_FUNCTION();
     send_header(from, MKA_LEAVE_CA_RCFM, procedure_reference);
 }
-
-namespace {
 
 // A request for another CA says that the two ends of the link do not mean the same connection any more.
 bool verify_ca_name(const client& expecting, const ca_name& actual) {

@@ -4,48 +4,14 @@
 #include <iterator>
 
 #include "base/dispatch.h"
-#include "base/enum_text.h"
 #include "base/trace.h"
-#include "tavu/mka/mka_server_internal.h"
+#include "tavu/mka/mka_server_link.h"
 
 namespace tavu {
 
 namespace mka_server_internal {
 
-module self;
-
 namespace {
-
-constexpr enum_text global_state_names[] = {
-    ENUM_TEXT(GLOBAL_STATE_UNINITIALIZED),
-    ENUM_TEXT(GLOBAL_STATE_INITIALIZED),
-    ENUM_TEXT(GLOBAL_STATE_READY),
-};
-
-} // namespace
-
-const char* global_state_to_str(global_state state) {
-    return enum_to_str(global_state_names, state);
-}
-
-const char* msg_no_to_str(uint32_t number) {
-    return mka_msg_no_to_str(number, MKA_SERVER_HEARTBEAT_TIMEOUT_IND);
-}
-
-void fire(uint32_t client_id, const char* function, relay callback, const oka_message* message) {
-    const function_trace function_trace_here("TAVU", function, __FILE__, __LINE__);
-    TRACE_INFO("TAVU: Firing %s for client client id = %u", function + strlen("fire_"), client_id);
-    callback(client_id, message);
-}
-
-namespace {
-
-void change_state(global_state state) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: Global state changed: '%s' -> '%s'", global_state_to_str(self.state),
-                       global_state_to_str(state));
-    self.state = state;
-}
 
 // --- Messages that are checked and handed up
 

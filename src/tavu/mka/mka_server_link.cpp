@@ -1,42 +1,29 @@
-// The links to the clients: who is connected, on which version, and whether they are still there.
+#include "tavu/mka/mka_server_link.h"
+
 #include <algorithm>
 
 #include "base/trace.h"
-#include "tavu/mka/mka_server_internal.h"
 
 namespace tavu::mka_server_internal {
 
 namespace {
 
-// Null when nobody has the id; leaves it to the caller to say so.
-client* find_mka_data_by_id(uint32_t id) {
-    TAVU_FUNCTION();
-    return self.clients.find([&](const client& candidate) { return candidate.id == id; });
-}
-
 client* find_mka_data_by_client_ref(oka_mailbox mailbox, uint32_t connection_reference) {
     TAVU_FUNCTION();
-    return self.clients.find([&](const client& candidate) {
-        return candidate.mailbox == mailbox && candidate.connection_reference == connection_reference;
-    });
-}
-
-client* find_newest_of_mailbox(oka_mailbox mailbox) {
-    return self.clients.find([&](const client& candidate) { return candidate.mailbox == mailbox; });
+    return self.clients.find(mailbox, connection_reference);
 }
 
 // 0 when all are taken.
 uint32_t allocate_new_client_id() {
     TAVU_FUNCTION();
-    for (uint32_t id = 1; id <= mka_server_max_clients; id++) {
-        if (!find_mka_data_by_id(id)) {
-            TRACE("TAVU: Allocated new client id = %u", id);
-            return id;
-        }
-        TRACE_DETAIL("TAVU: client id = %u is already used", id);
-    }
-    TRACE_ERROR("TAVU: Maximum number of clients reached: %u", mka_server_max_clients);
-    return 0;
+    uint32_t id = self.clients.free_id();
+    for (uint32_t used = 1; used < (id != 0 ? id : mka_server_max_clients + 1); used++)
+        TRACE_DETAIL("TAVU: client id = %u is already used", used);
+    if (id != 0)
+        TRACE("TAVU: Allocated new client id = %u", id);
+    else
+        TRACE_ERROR("TAVU: Maximum number of clients reached: %u", mka_server_max_clients);
+    return id;
 }
 
 oka_monitor_ref monitor_client(const client& watched) {
@@ -48,24 +35,11 @@ oka_monitor_ref monitor_client(const client& watched) {
 client* add_client(uint32_t id, oka_mailbox mailbox, uint32_t connection_reference,
                    uint32_t protocol_version) {
     TAVU_FUNCTION();
-    const client* sibling = find_newest_of_mailbox(mailbox);
-    client* added = self.clients.add();
-    if (!added)
-        return nullptr;
-    added->id = id;
-    added->mailbox = mailbox;
-    added->connection_reference = connection_reference;
-    added->protocol_version = protocol_version;
-    TRACE("TAVU: Client client mailbox id=%u, client connection reference=%u is added with client id = %u",
-          mailbox, connection_reference, id);
-    if (sibling) {
-        TRACE("TAVU: This is not the first client with client mailbox id=%u, already monitoring", mailbox);
-        added->monitor = sibling->monitor;
-    } else {
-        TRACE("TAVU: This is the first client with client mailbox id=%u, start monitoring this mailbox",
-              mailbox);
-        added->monitor = monitor_client(*added);
-    }
+    client* added = self.clients.add(id, mailbox, connection_reference, protocol_version, monitor_client);
+    if (added)
+        TRACE(
+            "TAVU: Client client mailbox id=%u, client connection reference=%u is added with client id = %u",
+            mailbox, connection_reference, id);
     return added;
 }
 
@@ -120,17 +94,8 @@ void stop_heartbeat_supervision(client& supervised) {
 
 void delete_client(client& deleted) {
     TAVU_FUNCTION();
-    oka_mailbox mailbox = deleted.mailbox;
-    oka_monitor_ref monitor = deleted.monitor;
     stop_heartbeat_supervision(deleted);
-    self.clients.remove(deleted);
-    if (find_newest_of_mailbox(mailbox)) {
-        TRACE("TAVU: This is not the last client with client mailbox id=%u, keep monitoring this mailbox",
-              mailbox);
-        return;
-    }
-    TRACE("TAVU: This is the last client with client mailbox id=%u, stop monitoring this mailbox", mailbox);
-    oka_unmonitor(monitor);
+    self.clients.remove(deleted, [](oka_mailbox, oka_monitor_ref monitor) { oka_unmonitor(monitor); });
 }
 
 void fire_handle_mka_server_peer_down_ind(uint32_t client_id) {
@@ -164,42 +129,12 @@ bool verify_connection_establish_req_size(const oka_message* message) {
     return verify_msg_length_equals(message, expected);
 }
 
-// The first offered version that is ours, or 0.
-uint32_t select_pv(const mka_connection_establish_req& request) {
-    TAVU_FUNCTION();
-    const be32* offered = &request.first_protocol_version;
-    for (uint32_t at = 0; at < request.num_of_pvs; at++) {
-        if (offered[at] == mka_protocol_version) {
-            TRACE("TAVU: Offered protocol version %u is selected", uint32_t{offered[at]});
-            return offered[at];
-        }
-        TRACE("TAVU: Offered protocol version %u is not selected", uint32_t{offered[at]});
-    }
-    TRACE("TAVU: None of the offered protocol versions are selected");
-    return 0;
-}
-
 } // namespace
-
-client* find_or_trace(uint32_t id) {
-    client* found = find_mka_data_by_id(id);
-    if (!found)
-        TRACE_ERROR("TAVU: Could not find client with client id = %u", id);
-    return found;
-}
-
-client* sender_of(const oka_message* message) {
-    const message_header& header = as<message_header>(message);
-    TRACE_RECEIVE(message, "TAVU: %s connection reference=%u, procedure reference=%u",
-                  msg_no_to_str(message->number), uint32_t{header.connection_reference},
-                  uint32_t{header.procedure_reference});
-    return find_or_trace(header.connection_reference);
-}
 
 void clear_data() {
     TAVU_FUNCTION();
     TRACE("TAVU: Removing all clients");
-    while (client* newest = self.clients.first())
+    while (client* newest = self.clients.newest())
         delete_client(*newest);
 }
 
@@ -227,7 +162,7 @@ void connection_establish_req(const oka_message* message) {
         send_connection_establish_rej(message, MKA_REJ_MAX_NUMBER_OF_CLIENTS_REACHED);
         return;
     }
-    uint32_t version = select_pv(request);
+    uint32_t version = select_pv(&request.first_protocol_version, request.num_of_pvs, mka_protocol_version);
     if (version == 0) {
         TRACE_ERROR("TAVU: Protocol version negotiation with client mailbox id=%u, client connection "
                     "reference=%u failed",
@@ -259,7 +194,7 @@ void handle_client_down_ind(const oka_message* message) {
         return;
     oka_mailbox mailbox = oka_sender(message);
     TRACE("TAVU: client mailbox id=%u is down, deleting all clients from that mailbox", mailbox);
-    while (client* gone = find_newest_of_mailbox(mailbox)) {
+    while (client* gone = self.clients.newest_of(mailbox)) {
         fire_handle_mka_server_peer_down_ind(gone->id);
         delete_client(*gone);
     }

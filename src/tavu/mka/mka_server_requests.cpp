@@ -2,28 +2,11 @@
 #include <algorithm>
 
 #include "base/trace.h"
-#include "tavu/mka/mka_server.h"
-#include "tavu/mka/mka_server_internal.h"
+#include "tavu/mka/mka_server_records.h"
 
 namespace tavu {
 
 namespace mka_server_internal {
-
-void send_header(const client& to, uint32_t number, uint32_t procedure_reference) {
-    outgoing<message_header> message(number);
-    send(to, message, procedure_reference);
-}
-
-void send_rej(oka_mailbox receiver, uint32_t number, uint32_t connection_reference,
-              uint32_t procedure_reference, uint32_t reason) {
-    outgoing<mka_rej> message(number);
-    message->header.procedure_reference = procedure_reference;
-    message->header.connection_reference = connection_reference;
-    message->reason = reason;
-    TRACE_SEND(message, receiver, "TAVU: %s connection reference=%u, procedure reference=%u, reason='%s'",
-               msg_no_to_str(number), connection_reference, procedure_reference, mka_error_to_str(reason));
-    message.send(receiver, self.own_mailbox);
-}
 
 namespace {
 

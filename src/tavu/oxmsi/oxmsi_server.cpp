@@ -1,132 +1,20 @@
 #include "tavu/oxmsi/oxmsi_server.h"
 
 #include "base/dispatch.h"
-#include "base/enum_text.h"
 #include "base/trace.h"
-#include "tavu/oxmsi/oxmsi_server_records.h"
+#include "tavu/oxmsi/oxmsi_server_answers.h"
 
 namespace tavu {
 
 namespace oxmsi_server {
 
-module_data self;
-
 namespace {
-
-constexpr enum_text state_names[] = {
-    ENUM_TEXT(OXMSI_SERVER_STATE_UNINITIALIZED),
-    ENUM_TEXT(OXMSI_SERVER_STATE_INITIAL),
-    ENUM_TEXT(OXMSI_SERVER_STATE_STARTED),
-    ENUM_TEXT(OXMSI_SERVER_STATE_READY),
-};
-
-void change_state(oxmsi_server_state state) {
-    TAVU_FUNCTION();
-    TRACE_STATE_CHANGE("TAVU: State changed: '%s' -> '%s'", state_to_str(self.state), state_to_str(state));
-    self.state = state;
-}
 
 bool is_started_or_ready(const char* operation = __builtin_FUNCTION(), int line = __builtin_LINE()) {
     if (self.state == OXMSI_SERVER_STATE_STARTED || self.state == OXMSI_SERVER_STATE_READY) [[likely]]
         return true;
     trace_wrong_state("TAVU", operation, state_to_str(self.state), "STARTED or READY", __FILE__, line);
     return false;
-}
-
-// --- The registry of clients
-
-client_record* get_first_client_with_mailbox(oka_mailbox mailbox) {
-    TAVU_FUNCTION();
-    client_record* client =
-        self.clients.find([=](const client_record& candidate) { return candidate.mailbox == mailbox; });
-    if (client)
-        TRACE("TAVU: Client client mailbox id=%u found", mailbox);
-    else
-        TRACE("TAVU: Client client mailbox id=%u does not exist", mailbox);
-    return client;
-}
-
-client_record* find_client_by_client_ref(oka_mailbox mailbox, uint32_t connection_reference) {
-    TAVU_FUNCTION();
-    client_record* client = self.clients.find([=](const client_record& candidate) {
-        return candidate.mailbox == mailbox && candidate.connection_reference == connection_reference;
-    });
-    if (!client)
-        TRACE("TAVU: Client client mailbox id=%u, client connection reference=%u does not exist", mailbox,
-              connection_reference);
-    return client;
-}
-
-// The lowest id that nobody holds, or 0.
-uint32_t allocate_client_id() {
-    TAVU_FUNCTION();
-    for (uint32_t id = 1; id <= oxmsi_max_clients; id++) {
-        if (self.clients.find([=](const client_record& client) { return client.id == id; }))
-            continue;
-        TRACE("TAVU: client id=%u is allocated", id);
-        return id;
-    }
-    TRACE_ERROR("TAVU: Maximum number of clients=%u reached", oxmsi_max_clients);
-    return 0;
-}
-
-void monitor_client(client_record& client) {
-    TAVU_FUNCTION();
-    TRACE("TAVU: Start monitoring clients client mailbox id=%u", client.mailbox);
-    outgoing<host32> message(OXMSI_CLIENT_DOWN_IND);
-    client.monitor = oka_monitor(client.mailbox, message.prepared());
-}
-
-void unmonitor_client(const client_record& client) {
-    TAVU_FUNCTION();
-    oka_unmonitor(client.monitor);
-    TRACE("TAVU: Stop monitoring clients client mailbox id=%u", client.mailbox);
-}
-
-client_record* add_client(uint32_t id, oka_mailbox mailbox, uint32_t connection_reference,
-                          uint32_t protocol_version) {
-    TAVU_FUNCTION();
-    const client_record* sibling = get_first_client_with_mailbox(mailbox);
-    client_record* client = self.clients.add();
-    if (!client)
-        return nullptr;
-    client->id = id;
-    client->mailbox = mailbox;
-    client->connection_reference = connection_reference;
-    client->protocol_version = protocol_version;
-    TRACE("TAVU: Client client mailbox id=%u, client id=%u, client connection reference=%u is added", mailbox,
-          id, connection_reference);
-    if (sibling) {
-        TRACE("TAVU: This is not the first client with client mailbox id=%u, already monitoring", mailbox);
-        client->monitor = sibling->monitor;
-    } else {
-        TRACE("TAVU: This is the first client with client mailbox id=%u, start monitoring this mailbox",
-              mailbox);
-        monitor_client(*client);
-    }
-    return client;
-}
-
-void delete_client(client_record& client) {
-    TAVU_FUNCTION();
-    TRACE("TAVU: Deleting client client mailbox id=%u, client id=%u, client connection reference=%u",
-          client.mailbox, client.id, client.connection_reference);
-    const client_record deleted = client;
-    self.clients.remove(client);
-    if (get_first_client_with_mailbox(deleted.mailbox)) {
-        TRACE("TAVU: This is not the last client with client mailbox id=%u, keep monitoring this mailbox",
-              deleted.mailbox);
-    } else {
-        TRACE("TAVU: This is the last client with client mailbox id=%u, stop monitoring this mailbox",
-              deleted.mailbox);
-        unmonitor_client(deleted);
-    }
-}
-
-void clear_data() {
-    TAVU_FUNCTION();
-    for (client_record& client : self.clients)
-        delete_client(client);
 }
 
 // --- What goes up
@@ -259,21 +147,6 @@ uint32_t reason_to_reject(const oxmsi_link& link) {
 
 // --- Connecting
 
-// The first version on offer that this server speaks, or 0.
-uint32_t select_pv(const be32* offered, uint32_t count) {
-    TAVU_FUNCTION();
-    for (uint32_t index = 0; index < count; index++) {
-        uint32_t version = offered[index];
-        if (version == oxmsi_protocol_version) {
-            TRACE("TAVU: Offered protocol version %u is selected", version);
-            return version;
-        }
-        TRACE("TAVU: Offered protocol version %u is not selected", version);
-    }
-    TRACE("TAVU: None of the offered protocol versions are selected");
-    return 0;
-}
-
 bool verify_number_of_versions(const oka_message* message) {
     const auto& request = as<oxmsi_connection_establish_req>(message);
     constexpr uint64_t offset = offsetof(oxmsi_connection_establish_req, first_protocol_version);
@@ -303,7 +176,8 @@ uint32_t connect_client(const oxmsi_connection_establish_req& request, oka_mailb
                     mailbox, known->id, connection_reference);
         return OXMSI_REJ_CLIENT_ALREADY_EXIST;
     }
-    uint32_t version = select_pv(&request.first_protocol_version, request.num_of_protocol_versions);
+    uint32_t version =
+        select_pv(&request.first_protocol_version, request.num_of_protocol_versions, oxmsi_protocol_version);
     if (version == 0)
         return fail_negotiation(mailbox, connection_reference);
     uint32_t id = allocate_client_id();
@@ -454,21 +328,6 @@ bool is_complete(const oxmsi_callbacks* callbacks) {
 }
 
 } // namespace
-
-const char* state_to_str(oxmsi_server_state state) {
-    return enum_to_str(state_names, state);
-}
-
-client_record* find_client(uint32_t client_id) {
-    TAVU_FUNCTION();
-    client_record* client =
-        self.clients.find([=](const client_record& candidate) { return candidate.id == client_id; });
-    if (client)
-        TRACE("TAVU: client id=%u found", client_id);
-    else
-        TRACE("TAVU: Could not find client id=%u", client_id);
-    return client;
-}
 
 } // namespace oxmsi_server
 

@@ -3,7 +3,7 @@
 #include <iterator>
 
 #include "base/trace.h"
-#include "tavu/oxmsi/oxmsi_server_records.h"
+#include "tavu/oxmsi/oxmsi_server_answers.h"
 
 namespace tavu {
 

@@ -1,6 +1,6 @@
-// What the files of the MKA client share: its records, and the steps that every handler takes. The link to
-// the key server (mka_client_link.cpp) ends where the client has joined its CA; what the key server and the
-// KaY have to say to each other then is relayed by mka_client_requests.cpp.
+// The MKA client's state, and the steps that every handler takes. The link to the key server
+// (mka_client_link) ends where the client has joined its CA; what the key server and the KaY have to say to
+// each other then is relayed by mka_client_requests.
 #pragma once
 
 #include "base/record_list.h"
@@ -57,6 +57,7 @@ const char* msg_no_to_str(uint32_t number);
 
 // Null when nobody has the id; leaves it to the caller to say so.
 client* find_mka_data_by_id(uint32_t id);
+void change_global_state(global_state state);
 void change_state(client& changed, client_state state);
 
 // The client that a message is for, by its connection reference, which the server sets to the client's id.
@@ -87,35 +88,5 @@ void send_to_server(const client& from, outgoing<T>& message, uint32_t procedure
 }
 // For messages that are a header alone.
 void send_header(const client& from, uint32_t number, uint32_t procedure_reference);
-void send_leave_ca_rcfm(const client& from, uint32_t procedure_reference);
-
-// The link.
-void locate_server(const client& locating, const char* key_server_name);
-void disconnect(client& disconnected);
-// What the client does about every failure of the link. Ends in the CA left callback.
-void leave_ca(client& leaving);
-
-void handle_server_up_ind(const oka_message* message);
-void handle_peer_down_ind(const oka_message* message);
-void handle_connection_establish_cfm(const oka_message* message);
-void handle_connection_establish_rej(const oka_message* message);
-void handle_connection_close_cfm(const oka_message* message);
-void handle_get_capabilities_cfm(const oka_message* message);
-void handle_get_capabilities_rej(const oka_message* message);
-void handle_join_ca_cfm(const oka_message* message);
-void handle_join_ca_rej(const oka_message* message);
-void handle_heartbeat_cfm(const oka_message* message);
-void handle_heartbeat_rreq(const oka_message* message);
-void handle_heartbeat_timeout_ind(const oka_message* message);
-
-// The relay between the key server and the KaY.
-void handle_leave_ca_cfm(const oka_message* message);
-void handle_leave_ca_rreq(const oka_message* message);
-void handle_create_tx_sc_cfm(const oka_message* message);
-void handle_create_tx_sc_rej(const oka_message* message);
-void handle_create_rx_sc_rreq(const oka_message* message);
-void handle_create_tx_sa_rreq(const oka_message* message);
-void handle_create_rx_sa_rreq(const oka_message* message);
-void handle_update_protect_frames_rreq(const oka_message* message);
 
 } // namespace tavu::mka_client_internal

@@ -1,9 +1,9 @@
-// What the files of the MKA server share: the registry of its clients, and the ways down to a client and up
-// to the key server. The links to the clients (mka_server_link.cpp) are the server's own business; what it
-// relays between clients and key server stands in mka_server.cpp (up) and mka_server_requests.cpp (down).
+// The MKA server's state, and the ways down to a client and up to the key server. The links to the clients
+// (mka_server_link) are the server's own business; what it relays between clients and key server stands in
+// mka_server (up) and mka_server_requests (down).
 #pragma once
 
-#include "base/record_list.h"
+#include "base/client_registry.h"
 #include "tavu/mka/mka_heartbeat.h"
 #include "tavu/mka/mka_server.h"
 
@@ -15,13 +15,7 @@ enum global_state : uint32_t {
     GLOBAL_STATE_READY = 2,
 };
 
-// A connection. One mailbox may have several, which share its monitor.
-struct client {
-    uint32_t id;
-    oka_mailbox mailbox;
-    uint32_t connection_reference; // the client's own, of every message to it
-    oka_monitor_ref monitor;
-    uint32_t protocol_version;
+struct client : registered_client {
     mka_heartbeat heartbeat;
 };
 
@@ -31,20 +25,21 @@ struct module {
     oka_mailbox own_mailbox = OKA_MAILBOX_NONE;
     text<32> server_name = {};
     mka_server_callbacks callbacks = {};
-    record_list<client> clients;
+    client_registry<client> clients{mka_server_max_clients};
 };
 extern module self;
 
 const char* global_state_to_str(global_state state);
 const char* msg_no_to_str(uint32_t number);
+void change_state(global_state state);
 
-// Null, after an error trace, when nobody has the id.
+// Null when there is none; leaves it to the caller to say so.
+client* find_mka_data_by_id(uint32_t id);
+// Null, after an error trace, when there is none.
 client* find_or_trace(uint32_t id);
 // The client that a message whose size was checked is from, by its connection reference. Null after an error
 // trace.
 client* sender_of(const oka_message* message);
-// Deletes every client, with its timer and its mailbox's monitor; nobody is told.
-void clear_data();
 
 // Calls the key server. `function` is "fire_" and the callback's name.
 using relay = void (*)(uint32_t client_id, const oka_message* message);
@@ -68,14 +63,5 @@ void send_header(const client& to, uint32_t number, uint32_t procedure_reference
 // Also to those who did not become clients.
 void send_rej(oka_mailbox receiver, uint32_t number, uint32_t connection_reference,
               uint32_t procedure_reference, uint32_t reason);
-
-// The messages that the server answers by itself.
-void connection_establish_req(const oka_message* message);
-void handle_connection_close_req(const oka_message* message);
-void handle_client_down_ind(const oka_message* message);
-void handle_get_capabilities_req(const oka_message* message);
-void handle_heartbeat_req(const oka_message* message);
-void handle_heartbeat_rcfm(const oka_message* message);
-void handle_heartbeat_timeout_ind(const oka_message* message);
 
 } // namespace tavu::mka_server_internal
