@@ -49,8 +49,8 @@ int oka_init(uint32_t platform_word, uint32_t reserved_1, uint32_t reserved_2, u
  * May be called when oka_init failed or was never called. */
 void oka_exit(void);
 
-/* Creates the process's root mailbox. `flags` is 0. Timer messages, and messages whose own destination
- * is gone, are received on it. Returns OKA_MAILBOX_NONE, after reporting why, when the name is not
+/* Creates the process's root mailbox. `flags` is 0. Timer messages are received on it, and those of
+ * supervisions whose own mailbox is gone. Returns OKA_MAILBOX_NONE, after reporting why, when the name is not
  * valid (empty, longer than 79 characters, with a "/" or a leading "."), is taken, or cannot be
  * published. */
 oka_mailbox oka_create_mailbox(const char* name, uint32_t flags);
