@@ -1,6 +1,8 @@
 // What every module stands on: wire types, records, texts, traces and the port-name map.
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "base/enum_text.h"
@@ -151,6 +153,18 @@ class stderr_test : public ground_floor {
 
     static void trace(const char* text) { lttngZebTrace(ZEB_GROUP_ERROR, "port.cpp", 12, text, &procInfo); }
 
+    // Until there is no room for a line.
+    void fill() {
+        for (pollfd out = {.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0}; poll(&out, 1, 0) > 0;)
+            EXPECT_EQ(write(STDERR_FILENO, "x", 1), 1);
+    }
+    std::string drain() {
+        std::string text(1 << 20, '\0');
+        ssize_t size = read(ends_[0], text.data(), text.size());
+        text.resize(size > 0 ? static_cast<size_t>(size) : 0);
+        return text;
+    }
+
     int ends_[2];
     int saved_;
 };
@@ -163,12 +177,42 @@ TEST_F(stderr_test, a_record_is_one_line_that_the_journal_understands) {
 }
 
 TEST_F(stderr_test, nobody_waits_for_the_reader_of_traces_nor_dies_with_it) {
-    int size = fcntl(ends_[0], F_GETPIPE_SZ);
-    for (int written = 0; written <= size; written += 28)
-        trace("TAVU: gone");
+    fill();
     close(ends_[0]);
     ends_[0] = -1;
     trace("TAVU: gone");
+}
+
+TEST_F(stderr_test, what_a_full_pipe_lost_is_counted_and_the_last_errors_are_kept) {
+    fill();
+    lttngZebTrace(ZEB_GROUP_INFO, "port.cpp", 12, "TAVU: lost", &procInfo);
+    for (const char* text : {"TAVU: 1", "TAVU: 2", "TAVU: 3", "TAVU: 4", "TAVU: 5"})
+        trace(text);
+    drain();
+    trace("TAVU: here again");
+    std::string lines = drain();
+    EXPECT_NE(lines.find(" ZEB: 2 lines were lost"), std::string::npos) << lines;
+    EXPECT_TRUE(lines.ends_with("<3>error port.cpp:12 TAVU: 2\n<3>error port.cpp:12 TAVU: 3\n"
+                                "<3>error port.cpp:12 TAVU: 4\n<3>error port.cpp:12 TAVU: 5\n"
+                                "<3>error port.cpp:12 TAVU: here again\n"))
+        << lines;
+    trace("TAVU: and again");
+    EXPECT_EQ(drain(), "<3>error port.cpp:12 TAVU: and again\n");
+}
+
+TEST_F(stderr_test, the_end_of_a_process_waits_for_its_last_error_to_be_read) {
+    fill();
+    pid_t ending = fork();
+    if (ending == 0) {
+        (void)zeb_init();
+        trace("TAVU: the reason");
+        exit(1);
+    }
+    usleep(50'000);
+    EXPECT_EQ(waitpid(ending, nullptr, WNOHANG), 0);
+    drain();
+    waitpid(ending, nullptr, 0);
+    EXPECT_EQ(drain(), "<3>error port.cpp:12 TAVU: the reason\n");
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 // The trace service on Linux: text lines on stderr for the journal, groups chosen by ZEB_TRACE, and with
-// ZEB_STAMP=yes the monotonic time before each, for consoles that keep none.
+// ZEB_STAMP=yes the monotonic time before each, for consoles that keep none. Nothing waits for the reader of
+// traces, but the end of a process for a moment: when a pipe is full, errors are kept and other lines
+// counted.
 #include "platform/zeb.h"
 
 #include <algorithm>
@@ -59,25 +61,22 @@ __thread char text_buffer[text_size];
 __thread char thread_name[32];
 bool stamped = false;
 
-// A line is lost when its reader is gone or has let a pipe or socket fill up: nothing waits for the reader
-// of traces. A terminal drains by itself.
-bool takes_a_line(int fd) {
-    pollfd out = {.fd = fd, .events = POLLOUT, .revents = 0};
-    if (poll(&out, 1, 0) > 0)
-        return out.revents == POLLOUT;
-    return isatty(fd);
-}
+// --- Lines
+
+struct line {
+    char text[text_size + 256];
+    size_t size = 0;
+};
 
 // A record is one line, whatever a peer wrote into the text that is shown.
-void replace_control_characters(char* line, size_t size) {
+void replace_control_characters(char* text, size_t size) {
     for (size_t at = 0; at < size; at++) {
-        if (static_cast<unsigned char>(line[at]) < ' ' || line[at] == '\x7f')
-            line[at] = '?';
+        if (static_cast<unsigned char>(text[at]) < ' ' || text[at] == '\x7f')
+            text[at] = '?';
     }
 }
 
-// One write per record, so that the lines of several processes do not mix.
-void write_to_stderr(const zeb::record& record) {
+void format_line(const zeb::record& record, line& made) {
     const group_row& row = row_of(record.group);
     char stamp[32] = "";
     if (stamped) {
@@ -85,20 +84,85 @@ void write_to_stderr(const zeb::record& record) {
         clock_gettime(CLOCK_MONOTONIC, &now);
         snprintf(stamp, sizeof stamp, "%lld.%06ld ", static_cast<long long>(now.tv_sec), now.tv_nsec / 1000);
     }
-    char line[text_size + 256];
     int length =
-        snprintf(line, sizeof line, "<%d>%s%s%s%s %s:%d %s\n", row.journal_priority, stamp, thread_name,
-                 thread_name[0] ? ": " : "", row.name, record.file, record.line, record.text);
-    if (length < 0)
+        snprintf(made.text, sizeof made.text, "<%d>%s%s%s%s %s:%d %s\n", row.journal_priority, stamp,
+                 thread_name, thread_name[0] ? ": " : "", row.name, record.file, record.line, record.text);
+    made.size = std::min(static_cast<size_t>(std::max(length, 1)), sizeof made.text - 1);
+    replace_control_characters(made.text, made.size - 1);
+    made.text[made.size - 1] = '\n';
+}
+
+// --- Writing, without waiting for the reader
+
+// The last errors that met a full pipe are kept; other lines are counted.
+constexpr size_t kept_max = 4;
+constexpr int patience_at_the_end_ms = 2'000;
+
+struct {
+    unsigned long lost = 0;
+    line kept[kept_max];
+    size_t kept_first = 0;
+    size_t kept_count = 0;
+} unread;
+
+// A terminal drains by itself.
+bool takes_a_line(int patience_ms) {
+    pollfd out = {.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    if (poll(&out, 1, patience_ms) > 0)
+        return out.revents == POLLOUT;
+    return isatty(STDERR_FILENO);
+}
+
+// One write for each, so that the lines of several processes do not mix.
+bool write_line(const line& written, int patience_ms) {
+    return takes_a_line(patience_ms) &&
+           write(STDERR_FILENO, written.text, written.size) == static_cast<ssize_t>(written.size);
+}
+
+void keep(const line& error) {
+    if (unread.kept_count == kept_max) {
+        unread.kept_first = (unread.kept_first + 1) % kept_max;
+        unread.kept_count--;
+        unread.lost++;
+    }
+    unread.kept[(unread.kept_first + unread.kept_count) % kept_max] = error;
+    unread.kept_count++;
+}
+
+bool tell_how_many_were_lost(int patience_ms) {
+    char text[80];
+    snprintf(text, sizeof text, "ZEB: %lu lines were lost, since they were not read in time", unread.lost);
+    line told;
+    format_line({ZEB_GROUP_ERROR, short_fname(__FILE__), __LINE__, text}, told);
+    return write_line(told, patience_ms);
+}
+
+// Whether nothing is left.
+bool write_unread(int patience_ms) {
+    if (unread.lost > 0 && !tell_how_many_were_lost(patience_ms))
+        return false;
+    unread.lost = 0;
+    while (unread.kept_count > 0 && write_line(unread.kept[unread.kept_first], patience_ms)) {
+        unread.kept_first = (unread.kept_first + 1) % kept_max;
+        unread.kept_count--;
+    }
+    return unread.kept_count == 0;
+}
+
+void write_to_stderr(const zeb::record& record) {
+    line fresh;
+    format_line(record, fresh);
+    if (write_unread(0) && write_line(fresh, 0))
         return;
-    size_t size = static_cast<size_t>(length);
-    if (size >= sizeof line)
-        size = sizeof line - 1;
-    replace_control_characters(line, size - 1);
-    line[size - 1] = '\n';
-    if (!takes_a_line(STDERR_FILENO))
-        return;
-    [[maybe_unused]] ssize_t written = write(STDERR_FILENO, line, size);
+    if (record.group == ZEB_GROUP_ERROR)
+        keep(fresh);
+    else
+        unread.lost++;
+}
+
+// Why a process ended is worth some waiting.
+void write_unread_at_the_end() {
+    (void)write_unread(patience_at_the_end_ms);
 }
 
 zeb::sink current_sink = write_to_stderr;
@@ -142,6 +206,7 @@ bool zeb_check_trace_groups(const char* value, char* wrong, size_t size) {
 }
 
 int zeb_init(void) {
+    (void)atexit(write_unread_at_the_end);
     const char* chosen = getenv("ZEB_TRACE");
     char wrong[256];
     if (chosen && !zeb::read_mask(chosen, procInfo.trace_group_mask, wrong, sizeof wrong))
