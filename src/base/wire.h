@@ -87,11 +87,23 @@ using port_name = text<16>;
 using ca_name = text<64>;
 using sak_name = text<64>;
 
+// A field of what lies over a message buffer, with its offset, which the compiler checks. The check stands in
+// a member function, since only there the struct is complete; nobody calls it.
+#define TAVU_FIELD(offset, name, ...)                                                                        \
+    __VA_ARGS__ name;                                                                                        \
+    void check_offset_of_##name() const {                                                                    \
+        static_assert(offsetof(std::remove_cvref_t<decltype(*this)>, name) == (offset));                     \
+    }                                                                                                        \
+    static_assert(true)
+
+template<class T, size_t Count>
+using array_of = T[Count];
+
 // The head of every protocol message. Which reference means what is each protocol's own rule.
 struct message_header {
-    host32 number;             //  0
-    be32 procedure_reference;  //  4
-    be32 connection_reference; //  8
+    TAVU_FIELD(0, number, host32);
+    TAVU_FIELD(4, procedure_reference, be32);
+    TAVU_FIELD(8, connection_reference, be32);
 };
 
 // Everything that lies over a message buffer is checked with this: its size, and that it has neither

@@ -73,121 +73,121 @@ enum mka_reject_reason : uint32_t {
 // Messages without a struct of their own are a message_header alone.
 
 struct mka_connection_establish_req {
-    message_header header;       //  0
-    be32 num_of_pvs;             // 12
-    be32 first_protocol_version; // 16  the others follow
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, num_of_pvs, be32);
+    TAVU_FIELD(16, first_protocol_version, be32); // the others follow
 };
 TAVU_WIRE_LAYOUT(mka_connection_establish_req, 20);
 
 struct mka_connection_establish_cfm {
-    message_header header;          //  0  connection reference: the client id that the server allocated
-    be32 selected_protocol_version; // 12
+    TAVU_FIELD(0, header, message_header); // connection reference: the client id that the server allocated
+    TAVU_FIELD(12, selected_protocol_version, be32);
 };
 TAVU_WIRE_LAYOUT(mka_connection_establish_cfm, 16);
 
 // Every REJ and RREJ.
 struct mka_rej {
-    message_header header; //  0
-    be32 reason;           // 12  mka_reject_reason
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, reason, be32); // mka_reject_reason
 };
 TAVU_WIRE_LAYOUT(mka_rej, 16);
 
 // An information element begins with its type, a mka_standard, and its length in bytes, this head included.
 // Elements follow each other without padding.
 struct mka_information_element {
-    be32 type;   // 0
-    be32 length; // 4
+    TAVU_FIELD(0, type, be32);
+    TAVU_FIELD(4, length, be32);
 };
 TAVU_WIRE_LAYOUT(mka_information_element, 8);
 
 // What a SecY can do under IEEE 802.1AE-2006: the one element that is produced and looked for.
 struct mka_802_1ae_2006_capabilities {
-    mka_information_element head;          //  0
-    be32 num_of_rx_scs;                    //  8
-    be32 num_of_rx_sas;                    // 12  for each receive channel
-    be32 replay_protection_supported;      // 16  0 or 1
-    be32 confidentiality_supported;        // 20  0 or 1
-    be32 confidentiality_offset_supported; // 24  0 or 1
-    be32 additional_ciphers;               // 28  always 0
-    uint8_t reserved[8];                   // 32
+    TAVU_FIELD(0, head, mka_information_element);
+    TAVU_FIELD(8, num_of_rx_scs, be32);
+    TAVU_FIELD(12, num_of_rx_sas, be32);                    // for each receive channel
+    TAVU_FIELD(16, replay_protection_supported, be32);      // 0 or 1
+    TAVU_FIELD(20, confidentiality_supported, be32);        // 0 or 1
+    TAVU_FIELD(24, confidentiality_offset_supported, be32); // 0 or 1
+    TAVU_FIELD(28, additional_ciphers, be32);               // always 0
+    TAVU_FIELD(32, reserved, array_of<uint8_t, 8>);
 };
 TAVU_WIRE_LAYOUT(mka_802_1ae_2006_capabilities, 40);
 
 // The information elements follow. Without any, eight zero bytes do.
 struct mka_capabilities_get_cfm {
-    message_header header;            //  0
-    be32 num_of_information_elements; // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, num_of_information_elements, be32);
 };
 TAVU_WIRE_LAYOUT(mka_capabilities_get_cfm, 16);
 
 struct mka_join_ca_req {
-    message_header header;            //  0
-    ca_name ca;                       // 12
-    be32 port_speed;                  // 76  the port's line rate
-    be32 num_of_information_elements; // 80
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, ca, ca_name);
+    TAVU_FIELD(76, port_speed, be32); // the port's line rate
+    TAVU_FIELD(80, num_of_information_elements, be32);
 };
 TAVU_WIRE_LAYOUT(mka_join_ca_req, 84);
 
 constexpr uint32_t mka_empty_information_elements_size = 8;
 
 struct mka_join_ca_cfm {
-    message_header header; //  0
-    be32 standard;         // 12  mka_standard of the CA
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, standard, be32); // mka_standard of the CA
 };
 TAVU_WIRE_LAYOUT(mka_join_ca_cfm, 16);
 
 // MKA_LEAVE_CA_REQ and MKA_LEAVE_CA_RREQ.
 struct mka_leave_ca_req {
-    message_header header; //  0
-    ca_name ca;            // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, ca, ca_name);
 };
 TAVU_WIRE_LAYOUT(mka_leave_ca_req, 76);
 
 // MKA_CREATE_TX_SC_REQ (the SCI that the member will transmit with) and MKA_CREATE_RX_SC_RREQ (the peer's,
 // whose frames the channel accepts).
 struct mka_create_sc_req {
-    message_header header; //  0
-    ca_name ca;            // 12
-    sci identifier;        // 76
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, ca, ca_name);
+    TAVU_FIELD(76, identifier, sci);
 };
 TAVU_WIRE_LAYOUT(mka_create_sc_req, 84);
 
 // MKA_CREATE_TX_SA_RREQ and MKA_CREATE_RX_SA_RREQ. The SAK follows, sak_len bytes; the message has room for
 // one byte at least.
 struct mka_create_sa_rreq {
-    message_header header; //   0
-    ca_name ca;            //  12
-    sci identifier;        //  76  the member's own for TX, the transmitting peer's for RX
-    be32 ca_parameter;     //  84  always 0
-    be32 cipher_suite;     //  88
-    be32 an;               //  92  0 to 3
-    be32 packet_number;    //  96
-    sak_name key_name;     // 100
-    be32 sak_len;          // 164
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, ca, ca_name);
+    TAVU_FIELD(76, identifier, sci);    // the member's own for TX, the transmitting peer's for RX
+    TAVU_FIELD(84, ca_parameter, be32); // always 0
+    TAVU_FIELD(88, cipher_suite, be32);
+    TAVU_FIELD(92, an, be32); // 0 to 3
+    TAVU_FIELD(96, packet_number, be32);
+    TAVU_FIELD(100, key_name, sak_name);
+    TAVU_FIELD(164, sak_len, be32);
 
     const uint8_t* sak() const { return reinterpret_cast<const uint8_t*>(this + 1); }
 };
 TAVU_WIRE_LAYOUT(mka_create_sa_rreq, 168);
 
 struct mka_update_protect_frames_rreq {
-    message_header header; //  0
-    ca_name ca;            // 12
-    be32 protect_frames;   // 76  0 off, 1 on
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, ca, ca_name);
+    TAVU_FIELD(76, protect_frames, be32); // 0 off, 1 on
 };
 TAVU_WIRE_LAYOUT(mka_update_protect_frames_rreq, 80);
 
 struct keysrv_key_refresh_timer_ind {
-    message_header header; //  0
-    ca_name ca;            // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, ca, ca_name);
 };
 TAVU_WIRE_LAYOUT(keysrv_key_refresh_timer_ind, 76);
 
 struct keysrv_msg_timeout_ind {
-    message_header header;            //  0
-    be32 awaited_number;              // 12  of the message whose answer is awaited
-    be32 awaited_procedure_reference; // 16
-    be32 client_id;                   // 20
-    ca_name ca;                       // 24
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, awaited_number, be32); // of the message whose answer is awaited
+    TAVU_FIELD(16, awaited_procedure_reference, be32);
+    TAVU_FIELD(20, client_id, be32);
+    TAVU_FIELD(24, ca, ca_name);
 };
 TAVU_WIRE_LAYOUT(keysrv_msg_timeout_ind, 88);
 

@@ -66,28 +66,28 @@ enum oxmsi_du_type : uint32_t {
 };
 
 struct oxmsi_connection_establish_req {
-    message_header header;         //  0  connection reference: the client's own
-    be32 num_of_protocol_versions; // 12
-    be32 first_protocol_version;   // 16  the others follow, in order of preference
+    TAVU_FIELD(0, header, message_header); // connection reference: the client's own
+    TAVU_FIELD(12, num_of_protocol_versions, be32);
+    TAVU_FIELD(16, first_protocol_version, be32); // the others follow, in order of preference
 };
 TAVU_WIRE_LAYOUT(oxmsi_connection_establish_req, 20);
 
 struct oxmsi_connection_establish_cfm {
-    message_header header;          //  0  connection reference: the client id assigned
-    be32 selected_protocol_version; // 12
+    TAVU_FIELD(0, header, message_header); // connection reference: the client id assigned
+    TAVU_FIELD(12, selected_protocol_version, be32);
 };
 TAVU_WIRE_LAYOUT(oxmsi_connection_establish_cfm, 16);
 
 // Every reject.
 struct oxmsi_rej {
-    message_header header; //  0
-    be32 reason;           // 12  oxmsi_reject_reason
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, reason, be32); // oxmsi_reject_reason
 };
 TAVU_WIRE_LAYOUT(oxmsi_rej, 16);
 
 struct oxmsi_capabilities_get_cfm {
-    message_header header; //  0
-    be32 capabilities[3];  // 12  1, 1 and 8
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, capabilities, array_of<be32, 3>); // 1, 1 and 8
 };
 TAVU_WIRE_LAYOUT(oxmsi_capabilities_get_cfm, 24);
 
@@ -107,38 +107,38 @@ TAVU_WIRE_LAYOUT(oxmsi_link, 56);
 using oka_hunt_path = text<64>;
 
 struct oxmsi_link_added_req {
-    message_header header;   //  0
-    oxmsi_link link;         // 12
-    oka_hunt_path hunt_path; // 68
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, link, oxmsi_link);
+    TAVU_FIELD(68, hunt_path, oka_hunt_path);
 };
 TAVU_WIRE_LAYOUT(oxmsi_link_added_req, 132);
 
 struct oxmsi_link_updated_req {
-    message_header header; //  0
-    oxmsi_link link;       // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, link, oxmsi_link);
 };
 TAVU_WIRE_LAYOUT(oxmsi_link_updated_req, 68);
 
 struct oxmsi_link_deleted_req {
-    message_header header; //  0
-    port_name port;        // 12
-    be32 link_id;          // 28
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, port, port_name);
+    TAVU_FIELD(28, link_id, be32);
 };
 TAVU_WIRE_LAYOUT(oxmsi_link_deleted_req, 32);
 
 // The three link confirms, and OXMSI_PORT_STATE_CHANGE_IND.
 struct oxmsi_port_status {
-    message_header header; //  0
-    port_name port;        // 12
-    be32 oper_state;       // 28  oxmsi_port_oper_state
-    be32 encryption_state; // 32  oxmsi_port_encryption_state
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, port, port_name);
+    TAVU_FIELD(28, oper_state, be32);       // oxmsi_port_oper_state
+    TAVU_FIELD(32, encryption_state, be32); // oxmsi_port_encryption_state
 };
 TAVU_WIRE_LAYOUT(oxmsi_port_status, 36);
 
 // Subscribe and unsubscribe.
 struct oxmsi_subscription_req {
-    message_header header; //  0
-    port_name port;        // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, port, port_name);
 };
 TAVU_WIRE_LAYOUT(oxmsi_subscription_req, 28);
 

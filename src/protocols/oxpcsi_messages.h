@@ -61,65 +61,65 @@ enum oxpcsi_module_present : uint32_t {
 using namespace_name = text<256>;
 
 struct oxpcsi_init_service_req {
-    message_header header;     //  0
-    be32 protocol_versions[3]; // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, protocol_versions, array_of<be32, 3>);
 };
 TAVU_WIRE_LAYOUT(oxpcsi_init_service_req, 24);
 
 struct oxpcsi_init_service_cfm {
-    message_header header; //  0  connection reference: the one for the client's later requests
-    be32 pv_selected;      // 12
+    TAVU_FIELD(0, header, message_header); // connection reference: the one for the client's later requests
+    TAVU_FIELD(12, pv_selected, be32);
 };
 TAVU_WIRE_LAYOUT(oxpcsi_init_service_cfm, 16);
 
 // Every reject.
 struct oxpcsi_rej {
-    message_header header; //  0
-    be32 reason;           // 12  oxpcsi_reject_reason
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, reason, be32); // oxpcsi_reject_reason
 };
 TAVU_WIRE_LAYOUT(oxpcsi_rej, 16);
 
 // OXPCSI_GET_ETH_PORT_SUPPORT_REQ is a header alone.
 
 struct oxpcsi_port_entry {
-    be32 port_role;         //  0
-    be32 votk_id;           //  4  the platform's hardware port identifier
-    uint8_t mac_address[6]; //  8
-    port_name port;         // 14
-    port_name if_name;      // 30  the port's network interface
-    uint8_t unused[2];      // 46
+    TAVU_FIELD(0, port_role, be32);
+    TAVU_FIELD(4, votk_id, be32); // the platform's hardware port identifier
+    TAVU_FIELD(8, mac_address, array_of<uint8_t, 6>);
+    TAVU_FIELD(14, port, port_name);
+    TAVU_FIELD(30, if_name, port_name); // the port's network interface
+    TAVU_FIELD(46, unused, array_of<uint8_t, 2>);
 };
 TAVU_WIRE_LAYOUT(oxpcsi_port_entry, 48);
 
 // no_ports entries, of which the first is declared, back to back. The message has room for one at least.
 struct oxpcsi_get_eth_port_support_cfm {
-    message_header header;         //  0
-    be32 no_ports;                 // 12
-    oxpcsi_port_entry first_entry; // 16
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, no_ports, be32);
+    TAVU_FIELD(16, first_entry, oxpcsi_port_entry);
 };
 TAVU_WIRE_LAYOUT(oxpcsi_get_eth_port_support_cfm, 64);
 
 struct oxpcsi_subscribe_eth_port_status_req {
-    message_header header; //  0
-    be32 port_role;        // 12
-    port_name port;        // 16  empty: all ports of that role
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, port_role, be32);
+    TAVU_FIELD(16, port, port_name); // empty: all ports of that role
 };
 TAVU_WIRE_LAYOUT(oxpcsi_subscribe_eth_port_status_req, 32);
 
 struct oxpcsi_subscribe_eth_port_status_cfm {
-    message_header header; //  0
-    be32 sub_ref;          // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, sub_ref, be32);
 };
 TAVU_WIRE_LAYOUT(oxpcsi_subscribe_eth_port_status_cfm, 16);
 
 struct oxpcsi_eth_port_status2_ind {
-    message_header header;     //  0
-    be32 port_adm_state;       // 12
-    be32 port_oper_state;      // 16
-    be32 port_mod_present;     // 20
-    be32 line_rate;            // 24
-    port_name port;            // 28
-    namespace_name name_space; // 44  the network namespace that the interface is in
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, port_adm_state, be32);
+    TAVU_FIELD(16, port_oper_state, be32);
+    TAVU_FIELD(20, port_mod_present, be32);
+    TAVU_FIELD(24, line_rate, be32);
+    TAVU_FIELD(28, port, port_name);
+    TAVU_FIELD(44, name_space, namespace_name); // the network namespace that the interface is in
 };
 TAVU_WIRE_LAYOUT(oxpcsi_eth_port_status2_ind, 300);
 

@@ -114,8 +114,8 @@ constexpr uint32_t topology_status_of_file = 0xffffffff;
 
 // How long ago; all bits set for "never".
 struct topology_age {
-    be32 seconds;
-    be32 milliseconds; // below 1000
+    TAVU_FIELD(0, seconds, be32);
+    TAVU_FIELD(4, milliseconds, be32); // below 1000
 
     static topology_age of_ms(uint64_t ms) {
         return {static_cast<uint32_t>(ms / 1000), static_cast<uint32_t>(ms % 1000)};
@@ -128,24 +128,24 @@ TAVU_WIRE_LAYOUT(topology_age, 8);
 
 // Status and watch requests.
 struct topology_req {
-    message_header header; //  0
-    be32 version;          // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, version, be32);
 };
 TAVU_WIRE_LAYOUT(topology_req, 16);
 
 struct topology_link_set_req {
-    message_header header; //  0
-    be32 version;          // 12
-    port_name port;        // 16
-    be32 status;           // 32  oxmsi_ltm_link_status or topology_status_of_file
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, version, be32);
+    TAVU_FIELD(16, port, port_name);
+    TAVU_FIELD(32, status, be32); // oxmsi_ltm_link_status or topology_status_of_file
 };
 TAVU_WIRE_LAYOUT(topology_link_set_req, 36);
 
 // Every reject. The words say what is wrong and what to do.
 struct topology_rej {
-    message_header header; //  0
-    be32 reason;           // 12  topology_reject_reason
-    text<240> words;       // 16
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, reason, be32); // topology_reject_reason
+    TAVU_FIELD(16, words, text<240>);
 };
 TAVU_WIRE_LAYOUT(topology_rej, 256);
 
@@ -154,68 +154,69 @@ using trouble_words = text<200>;
 
 // What a manager tells the one at the other end of a link.
 struct topology_peer_link_ind {
-    message_header header;      //  0  procedure reference: the link's at the sender, echoed by a reject
-    be32 version;               // 12  topology_peer_version
-    port_name port;             // 16  the sender's
-    port_name remote_port;      // 32  the receiver's
-    be32 remote_mpid;           // 48  the receiver's, as the sender's links file has it
-    be32 life;                  // 52  never 0; another one whenever the sender starts over
-    be32 seen_life;             // 56  the receiver's that the sender heard of last, 0 for none
-    be32 phase;                 // 60  topology_phase
-    be32 trouble;               // 64  topology_trouble_code of the sender's own end
-    topology_age trouble_since; // 68
-    trouble_words words;        // 76
+    TAVU_FIELD(0, header,
+               message_header);      // procedure reference: the link's at the sender, echoed by a reject
+    TAVU_FIELD(12, version, be32);   // topology_peer_version
+    TAVU_FIELD(16, port, port_name); // the sender's
+    TAVU_FIELD(32, remote_port, port_name); // the receiver's
+    TAVU_FIELD(48, remote_mpid, be32);      // the receiver's, as the sender's links file has it
+    TAVU_FIELD(52, life, be32);             // never 0; another one whenever the sender starts over
+    TAVU_FIELD(56, seen_life, be32);        // the receiver's that the sender heard of last, 0 for none
+    TAVU_FIELD(60, phase, be32);            // topology_phase
+    TAVU_FIELD(64, trouble, be32);          // topology_trouble_code of the sender's own end
+    TAVU_FIELD(68, trouble_since, topology_age);
+    TAVU_FIELD(76, words, trouble_words);
 };
 TAVU_WIRE_LAYOUT(topology_peer_link_ind, 276);
 
 // One link with the facts of its life.
 struct topology_link {
-    port_name port;             //   0
-    port_name remote_port;      //  16
-    oka_hunt_path hunt_path;    //  32
-    be32 link_id;               //  96
-    be32 remote_mpid;           // 100
-    be32 du_type;               // 104  oxmsi_du_type
-    be32 status_of_file;        // 108  oxmsi_ltm_link_status
-    be32 status;                // 112  the one that is wanted: of the file, or set over it
-    be32 is_status_set;         // 116  1 when set over the file's
-    be32 publication;           // 120  topology_publication
-    topology_age published;     // 124  since the present attributes were first sent to this daemon
-    be32 oper_state;            // 132  oxmsi_port_oper_state of the controlled port
-    be32 encryption_state;      // 136  oxmsi_port_encryption_state
-    topology_age state_since;   // 140
-    topology_age state_told;    // 148  when the daemon said so last
-    be32 last_request;          // 156  message number, 0 for none
-    topology_age requested;     // 160
-    be32 last_answer;           // 168  message number, 0 for none
-    be32 last_reason;           // 172  oxmsi_reject_reason, 0 for a confirm
-    topology_age answered;      // 176
-    be32 milliseconds_to_next;  // 184  until the daemon is asked again; 0 when nothing is planned
-    be32 phase;                 // 188  topology_phase
-    be32 trouble;               // 192  topology_trouble_code
-    be32 trouble_end;           // 196  topology_end
-    topology_age trouble_since; // 200
-    trouble_words words;        // 208
+    TAVU_FIELD(0, port, port_name);
+    TAVU_FIELD(16, remote_port, port_name);
+    TAVU_FIELD(32, hunt_path, oka_hunt_path);
+    TAVU_FIELD(96, link_id, be32);
+    TAVU_FIELD(100, remote_mpid, be32);
+    TAVU_FIELD(104, du_type, be32);           // oxmsi_du_type
+    TAVU_FIELD(108, status_of_file, be32);    // oxmsi_ltm_link_status
+    TAVU_FIELD(112, status, be32);            // the one that is wanted: of the file, or set over it
+    TAVU_FIELD(116, is_status_set, be32);     // 1 when set over the file's
+    TAVU_FIELD(120, publication, be32);       // topology_publication
+    TAVU_FIELD(124, published, topology_age); // since the present attributes were first sent to this daemon
+    TAVU_FIELD(132, oper_state, be32);        // oxmsi_port_oper_state of the controlled port
+    TAVU_FIELD(136, encryption_state, be32);  // oxmsi_port_encryption_state
+    TAVU_FIELD(140, state_since, topology_age);
+    TAVU_FIELD(148, state_told, topology_age); // when the daemon said so last
+    TAVU_FIELD(156, last_request, be32);       // message number, 0 for none
+    TAVU_FIELD(160, requested, topology_age);
+    TAVU_FIELD(168, last_answer, be32); // message number, 0 for none
+    TAVU_FIELD(172, last_reason, be32); // oxmsi_reject_reason, 0 for a confirm
+    TAVU_FIELD(176, answered, topology_age);
+    TAVU_FIELD(184, milliseconds_to_next, be32); // until the daemon is asked again; 0 when nothing is planned
+    TAVU_FIELD(188, phase, be32);                // topology_phase
+    TAVU_FIELD(192, trouble, be32);              // topology_trouble_code
+    TAVU_FIELD(196, trouble_end, be32);          // topology_end
+    TAVU_FIELD(200, trouble_since, topology_age);
+    TAVU_FIELD(208, words, trouble_words);
 };
 TAVU_WIRE_LAYOUT(topology_link, 408);
 
 // The whole picture: status and watch confirms, and watch indications. `link_count` links follow.
 struct topology_snapshot {
-    message_header header;     //  0
-    be32 version;              // 12
-    be32 daemon_state;         // 16  topology_daemon_state
-    topology_age daemon_since; // 20
-    be32 daemon_reason;        // 28  oxmsi_reject_reason of the last refused connection, 0 for none
-    text<256> links_file;      // 32
-    text<512> file_error;      // 288  why the file is not in force, "" when it is
-    be32 link_count;           // 800
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, version, be32);
+    TAVU_FIELD(16, daemon_state, be32); // topology_daemon_state
+    TAVU_FIELD(20, daemon_since, topology_age);
+    TAVU_FIELD(28, daemon_reason, be32); // oxmsi_reject_reason of the last refused connection, 0 for none
+    TAVU_FIELD(32, links_file, text<256>);
+    TAVU_FIELD(288, file_error, text<512>); // why the file is not in force, "" when it is
+    TAVU_FIELD(800, link_count, be32);
 };
 TAVU_WIRE_LAYOUT(topology_snapshot, 804);
 
 // The link as it stands once the daemon confirmed the setting.
 struct topology_link_set_cfm {
-    message_header header; //  0
-    topology_link link;    // 12
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, link, topology_link);
 };
 TAVU_WIRE_LAYOUT(topology_link_set_cfm, 420);
 

@@ -40,8 +40,8 @@ class one_shot {
 
   private:
     struct expiry {
-        tavu::host32 number;
-        tavu::be32 generation;
+        TAVU_FIELD(0, number, tavu::host32);
+        TAVU_FIELD(4, generation, tavu::be32);
     };
     TAVU_WIRE_LAYOUT(expiry, 8);
 

@@ -24,8 +24,8 @@ struct peer {
 
 // What a search and a supervision deliver.
 struct peer_notice {
-    host32 number;
-    be32 index;
+    TAVU_FIELD(0, number, host32);
+    TAVU_FIELD(4, index, be32);
 };
 TAVU_WIRE_LAYOUT(peer_notice, 8);
 

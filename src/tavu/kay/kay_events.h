@@ -10,12 +10,12 @@ namespace tavu::kay_internal {
 
 // Delivered when all receive associations of a channel but the newest are to go. It never leaves the process.
 struct kay_sa_disposal_timeout_ind {
-    host32 number;     //  0
-    port_name port;    //  4
-    sci identifier;    // 20  of the receive channel
-    uint8_t an;        // 28  of the association that was new when the timer was started
-    sak_name key_name; // 29  of its key, since an association number is used again
-    uint8_t unused[3]; // 93
+    TAVU_FIELD(0, number, host32);
+    TAVU_FIELD(4, port, port_name);
+    TAVU_FIELD(20, identifier, sci);    // of the receive channel
+    TAVU_FIELD(28, an, uint8_t);        // of the association that was new when the timer was started
+    TAVU_FIELD(29, key_name, sak_name); // of its key, since an association number is used again
+    TAVU_FIELD(93, unused, array_of<uint8_t, 3>);
 };
 TAVU_WIRE_LAYOUT(kay_sa_disposal_timeout_ind, 96);
 static_assert(offsetof(kay_sa_disposal_timeout_ind, key_name) == 29);

@@ -13,8 +13,8 @@ namespace {
 
 // The message that the retry timer delivers.
 struct retry_timeout_ind {
-    host32 number;  // 0
-    port_name port; // 4
+    TAVU_FIELD(0, number, host32);
+    TAVU_FIELD(4, port, port_name);
 };
 TAVU_WIRE_LAYOUT(retry_timeout_ind, 20);
 
