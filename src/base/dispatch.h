@@ -13,16 +13,23 @@ struct dispatch_row {
     void (*handle)(const oka_message* message);
 };
 
+// The row of that message in a table whose rows have a number, or null.
+template<class Row, size_t N>
+const Row* find_row(const Row (&table)[N], const oka_message* message) {
+    for (const Row& row : table) {
+        if (row.number == message->number)
+            return &row;
+    }
+    return nullptr;
+}
+
 // True when the table has the message's number; the message is handled then.
 template<size_t N>
 [[nodiscard]] bool dispatch_by(const dispatch_row (&table)[N], const oka_message* message) {
-    for (const dispatch_row& row : table) {
-        if (row.number == message->number) {
-            row.handle(message);
-            return true;
-        }
-    }
-    return false;
+    const dispatch_row* row = find_row(table, message);
+    if (row)
+        row->handle(message);
+    return row;
 }
 
 } // namespace tavu

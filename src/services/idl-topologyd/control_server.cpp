@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "base/dispatch.h"
 #include "base/trace.h"
 #include "protocols/topology_messages.h"
 #include "services/common/one_shot.h"
@@ -270,20 +271,20 @@ void handle_client_down_ind(const oka_message* message) {
     });
 }
 
-struct dispatch_row {
+struct request_row {
     uint32_t number;
     uint32_t size;
     void (*handle)(requester& from);
 };
 
-constexpr dispatch_row dispatch_table[] = {
+constexpr request_row request_table[] = {
     {TOPOLOGY_STATUS_REQ, sizeof(topology_req), handle_status_req},
     {TOPOLOGY_WATCH_REQ, sizeof(topology_req), handle_watch_req},
     {TOPOLOGY_LINK_SET_REQ, sizeof(topology_link_set_req), handle_link_set_req},
 };
 
 // Checks what every request has in common; rejects what is wrong, as far as there is someone to tell.
-bool verify_request(const oka_message* message, const dispatch_row& row, const requester& from) {
+bool verify_request(const oka_message* message, const request_row& row, const requester& from) {
     if (oka_size(message) < sizeof(topology_req)) {
         send_rej(from, TOPOLOGY_REJ_MALFORMED, "the request is too short to carry a protocol version");
         return false;
@@ -305,7 +306,7 @@ bool verify_request(const oka_message* message, const dispatch_row& row, const r
     return true;
 }
 
-void handle_request(const oka_message* message, const dispatch_row& row) {
+void handle_request(const oka_message* message, const request_row& row) {
     if (!verify_msg_length_minimum_size(message, sizeof(message_header)))
         return;
     const auto& header = as<message_header>(message);
@@ -391,13 +392,10 @@ bool control_server_dispatch_message(const oka_message* message) {
     default:
         break;
     }
-    for (const dispatch_row& row : dispatch_table) {
-        if (row.number == message->number) {
-            handle_request(message, row);
-            return true;
-        }
-    }
-    return false;
+    const request_row* row = tavu::find_row(request_table, message);
+    if (row)
+        handle_request(message, *row);
+    return row;
 }
 
 } // namespace topologyd

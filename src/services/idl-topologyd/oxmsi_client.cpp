@@ -1,5 +1,6 @@
 #include "services/idl-topologyd/oxmsi_client.h"
 
+#include "base/dispatch.h"
 #include "base/enum_text.h"
 #include "base/trace.h"
 #include "services/common/one_shot.h"
@@ -204,12 +205,7 @@ void handle_subscription_cfm(const oka_message* message) {
         (void)verify_header(message, *header, OXMSI_CLIENT_STATE_CONNECTED, self.connection_reference);
 }
 
-struct dispatch_row {
-    uint32_t number;
-    void (*handle)(const oka_message* message);
-};
-
-constexpr dispatch_row dispatch_table[] = {
+constexpr tavu::dispatch_row dispatch_table[] = {
     {OXMSI_SERVER_UP_IND, handle_server_up_ind},
     {OXMSI_SERVER_DOWN_IND, handle_server_down_ind},
     {OXMSI_CONNECTION_ESTABLISH_CFM, handle_connection_establish_cfm},
@@ -327,13 +323,7 @@ bool oxmsi_client_dispatch_message(const oka_message* message) {
         }
         return true;
     }
-    for (const dispatch_row& row : dispatch_table) {
-        if (row.number == message->number) {
-            row.handle(message);
-            return true;
-        }
-    }
-    return false;
+    return tavu::dispatch_by(dispatch_table, message);
 }
 
 } // namespace topologyd

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/dispatch.h"
 #include "base/trace.h"
 #include "services/common/options.h"
 #include "services/idl-topologyd/internal_numbers.h"
@@ -154,12 +155,7 @@ void handle_peer_link_rej(const oka_message* message) {
     self.callbacks.handle_refusal(*rej, oka_sender(message));
 }
 
-struct dispatch_row {
-    uint32_t number;
-    void (*handle)(const oka_message* message);
-};
-
-constexpr dispatch_row dispatch_table[] = {
+constexpr tavu::dispatch_row dispatch_table[] = {
     {PEER_UP_IND, handle_peer_up_ind},
     {PEER_DOWN_IND, handle_peer_down_ind},
     {TOPOLOGY_PEER_LINK_IND, handle_peer_link_ind},
@@ -206,13 +202,7 @@ void peers_tell(const oka_hunt_path& path, const topology_peer_link_ind& word) {
 }
 
 bool peers_dispatch_message(const oka_message* message) {
-    for (const dispatch_row& row : dispatch_table) {
-        if (row.number == message->number) {
-            row.handle(message);
-            return true;
-        }
-    }
-    return false;
+    return tavu::dispatch_by(dispatch_table, message);
 }
 
 } // namespace topologyd

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "base/dispatch.h"
 #include "base/record_list.h"
 #include "base/trace.h"
 
@@ -317,10 +318,7 @@ void handle_client_down_ind(const oka_message* message) {
         forget(*gone, "is gone");
 }
 
-constexpr struct {
-    uint32_t number;
-    void (*handle)(const oka_message*);
-} handlers[] = {
+constexpr dispatch_row handlers[] = {
     {OXPCSI_INIT_SERVICE_REQ, handle_init_service_req},
     {OXPCSI_TERM_SERVICE_REQ, handle_term_service_req},
     {OXPCSI_GET_ETH_PORT_SUPPORT_REQ, handle_get_eth_port_support_req},
@@ -393,12 +391,8 @@ bool port_control_server_update(size_t index, const port_facts& facts) {
 bool port_control_server_dispatch_message(const oka_message* message) {
     if (self.mailbox == OKA_MAILBOX_NONE || oka_receiver(message) != self.mailbox)
         return false;
-    for (const auto& row : handlers) {
-        if (row.number == message->number) {
-            row.handle(message);
-            return true;
-        }
-    }
+    if (dispatch_by(handlers, message))
+        return true;
     TRACE_ERROR("OXPCSI: Message 0x%x from mailbox %u is none that this server answers; dropped",
                 message->number, oka_sender(message));
     return true;

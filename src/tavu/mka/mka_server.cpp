@@ -133,13 +133,10 @@ bool mka_server_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
     if (dispatch_by(dispatch_table, message))
         return true;
-    for (const forwarding_row& row : forwarding_table) {
-        if (row.number == message->number) {
-            forward(message, row);
-            return true;
-        }
-    }
-    return false;
+    const forwarding_row* row = find_row(forwarding_table, message);
+    if (row)
+        forward(message, *row);
+    return row;
 }
 
 } // namespace tavu
