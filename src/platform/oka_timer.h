@@ -15,9 +15,9 @@
 extern "C" {
 #endif
 
-/* Identifies a requested timer; 0 means none. A reference is not given to another timer while its own runs, nor for
- * 1000 further timers after that: who handles an expiry may cancel what runs by then without knowing whether that is
- * the timer which expired. */
+/* Identifies a requested timer; 0 means none. A reference is not given to another timer while its own runs,
+ * nor for 1000 further timers after that: who handles an expiry may cancel what runs by then without knowing
+ * whether that is the timer which expired. */
 typedef uint32_t oka_timer_ref;
 
 /* Brings the service up, before oka_init. False when it cannot. */
