@@ -62,11 +62,13 @@ class node : audience {
     void inject(fault kind);
     void crash(int unit, role what, uint64_t down_ns);
     void note_fault(fault kind, uint64_t lasts_ns);
+    void disturbed_until(uint64_t time_ns) { cause_gone_ns_ = std::max(cause_gone_ns_, time_ns); }
     fault draw_fault();
     void single_fault();
     void expect_nothing_open();
     void spare_who_is_doomed();
     void calm();
+    void be_quiet();
     void round();
     std::map<std::pair<int, role>, oka::conduct_balance> balances();
     void show_links();
@@ -151,7 +153,6 @@ void node::start(int unit, role what) {
         break;
     }
     process* running = stage_.start(unit, what, started);
-    cause_gone_ns_ = std::max(cause_gone_ns_, stage_.now_ns());
     if (!running || what != role::PORT_CONTROL)
         return;
     for (int port = 0; port < ports_per_unit; port++)
@@ -230,7 +231,7 @@ oxhal_sim::report_answer node::secy_asks(process& by, const oxhal_sim::call_repo
     if (left > 0 && --left == 0) {
         answer.error = 5;
         stage_.note(by.name + ": the SecY refuses " + call.operation + " " + call.port);
-        cause_gone_ns_ = stage_.now_ns();
+        disturbed_until(stage_.now_ns());
         keeps_association_ |= !strcmp(call.operation, "receive_sa_delete");
     }
     if (!strcmp(call.operation, "generate_key")) {
@@ -298,6 +299,7 @@ void node::ended(process& which, bool killed, int status) {
     int unit = which.unit;
     role what = which.what;
     uint64_t down_ns = std::exchange(down_ns_[{unit, what}], second);
+    disturbed_until(stage_.now_ns() + down_ns);
     at(down_ns, [this, unit, what] { start(unit, what); });
 }
 
@@ -348,7 +350,7 @@ void node::note_fault(fault kind, uint64_t lasts_ns) {
     occurred_ |= 1u << kind;
     outcome_.by_kind[kind].injected++;
     last_fault_ = kind;
-    cause_gone_ns_ = stage_.now_ns() + lasts_ns;
+    disturbed_until(stage_.now_ns() + lasts_ns);
 }
 
 // One fault and nothing else: how long the links take once its cause is gone.
@@ -360,7 +362,7 @@ void node::single_fault() {
         return;
     stage_.note(std::string("a single fault: ") + fault_names[last_fault_]);
     pass(settling_ns + quiet_ns);
-    spare_who_is_doomed();
+    be_quiet();
     expect_nothing_open();
     uint64_t took_ns = good_since_ns_ > cause_gone_ns_ ? good_since_ns_ - cause_gone_ns_ : 0;
     recoveries& of = outcome_.by_kind[last_fault_];
@@ -479,13 +481,12 @@ void node::spare_who_is_doomed() {
     }
 }
 
-// Whatever disturbs is over; who is down comes back.
+// Ends every disturbance. Processes that are down come back at their time.
 void node::calm() {
     calm_ = true;
     stage_.note("calm");
     stage_.mend_all();
     stage_.set_lag(0);
-    spare_who_is_doomed();
     for (int unit : units_) {
         for (role each : roles) {
             if (process* running = stage_.find(unit, each))
@@ -495,7 +496,14 @@ void node::calm() {
             set_port({unit, port}, true);
     }
     set_all_edits(edit::NONE);
-    pass(11 * second);
+    disturbed_until(stage_.now_ns());
+}
+
+// A fault that strikes late counts from then on; one that has found no occasion by now never will.
+void node::be_quiet() {
+    spare_who_is_doomed();
+    while (violation_.empty() && stage_.now_ns() < cause_gone_ns_ + quiet_ns)
+        pass(cause_gone_ns_ + quiet_ns - stage_.now_ns());
 }
 
 void node::round() {
@@ -506,7 +514,7 @@ void node::round() {
         at(stage_.draw.spread(ms, second), [this] { inject(); });
     pass(stage_.draw.spread(10 * second, 300 * second));
     calm();
-    pass(quiet_ns);
+    be_quiet();
     expect_nothing_open();
     is_settled_ = true;
     pass(stage_.draw.one_in(3) ? 400 * second : stage_.draw.below(10 * second));
