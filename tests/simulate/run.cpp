@@ -420,10 +420,13 @@ void node::inject(fault kind) {
         at(lasts_ns, [=, this] { stage_.mend(one, other); });
         break;
     }
-    case DELAY:
-        stage_.set_lag(draw.spread(10 * ms, 4 * second));
+    case DELAY: {
+        uint64_t longest_ns = draw.spread(10 * ms, 4 * second);
+        stage_.set_lag(longest_ns);
         at(lasts_ns, [this] { stage_.set_lag(0); });
+        lasts_ns += longest_ns; // until the last late delivery arrives
         break;
+    }
     case STALL:
         lasts_ns = draw.spread(10 * ms, 6 * second);
         if (process* stalled = stage_.find(unit, roles[draw.below(std::size(roles))])) {
