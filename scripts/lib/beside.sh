@@ -1,6 +1,6 @@
-# `beside COMMAND...` runs shell commands beside each other, each given as one word, and prints what each of them said,
-# one after the other. Fails when one of them did. Who ends it ends them: what a script puts into the background does
-# not hear the terminal's interrupt.
+# `beside COMMAND...` runs shell commands at the same time, each given as one word, and prints the output of each, one
+# after the other. It fails when one of them failed. When it is interrupted it kills them: processes in the background of
+# a script do not get the terminal's interrupt.
 
 beside() (
     said=$(mktemp -d)

@@ -1,11 +1,26 @@
-# Debian packages that a script needs, by name: `need_packages cpio qemu-system-x86` installs those that
-# are missing, as root or through sudo, and says what to type when it can do neither.
+# What every script begins with. Sets `root` to the folder of the repository. With --help as its first argument, the script
+# prints the comment at its head and ends.
 
-packages_lock=$(realpath "${BASH_SOURCE[0]}")
+root=$(realpath "$(dirname "${BASH_SOURCE[0]}")/../..")
+script=$(realpath "$0")
 
-# One at a time: scripts that run beside each other may need the same.
+case ${1-} in
+--help | -h)
+    sed -n '2,/^set /s/^# \{0,1\}//p' "$script"
+    exit
+    ;;
+esac
+
+# refuse WHY: ends the script because of its arguments.
+refuse() {
+    echo "${script#"$root/"}: $*; see ${script#"$root/"} --help" >&2
+    exit 2
+}
+
+# need_packages PACKAGE...: installs the Debian packages of these names that are missing, as root or through sudo, or says
+# what to type when it can do neither. One script at a time, since others may need the same.
 need_packages() {
-    (flock 8 && install_missing "$@") 8<"$packages_lock"
+    (flock 8 && install_missing "$@") 8<"$root/scripts/lib/script.sh"
 }
 
 install_missing() {
