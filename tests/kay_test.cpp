@@ -509,6 +509,7 @@ TEST_F(kay, CreationThatFailsLeavesNothing) {
     EXPECT_FALSE(kay_create_instance(port)) << "the second clearing, on the way to unauthenticated";
     create();
     EXPECT_FALSE(kay_create_instance(port));
+    EXPECT_FALSE(kay_create_instance("IDLA1")) << "two names of one port";
     EXPECT_FALSE(kay_connect_secured("IDL_B1", ca, "mka-key-server", options_));
 }
 

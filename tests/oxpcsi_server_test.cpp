@@ -443,11 +443,14 @@ TEST(oxpcsi_server_command_line, is_taken_or_refused_with_what_to_do) {
         {{"--help"}, command::end_well, "Usage: oxpcsi-server [--port NAME=INTERFACE]"},
         {{}, command::end_with_usage, "no port is given; name each with an option such as --port"},
         {{"--port", "IDL_A1"}, command::end_with_usage, "'IDL_A1' has no interface"},
-        {{"--port", "0123456789abcdef=eth1"}, command::end_with_usage, "is not a port name"},
+        {{"--port", "IDL_C1=eth1"}, command::end_with_usage, "'IDL_C1' is no port; there are IDL_A1 IDL_B1"},
+        {{}, command::end_with_usage, "OXHAL_PORTS: none of the ports is one that carries a link", "P=a:b"},
         {{"--port", "IDL_A1=../eth1"}, command::end_with_usage, "'../eth1' is not an interface name"},
-        {{"--port", "A=x", "--port", "A=y"}, command::end_with_usage, "port 'A' is given twice"},
-        {{"--port", "A=x", "--port", "B=x"}, command::end_with_usage, "'x' is given to two ports"},
-        {{"--port", "A=x", "eth1"}, command::end_with_usage, "unexpected argument 'eth1'"},
+        {{"--port", "IDL_A1=x", "--port", "IDLA1=y"},
+         command::end_with_usage,
+         "port 'IDLA1' is given twice; 'IDL_A1' is the same"},
+        {{"--port", "IDL_A1=x", "--port", "IDL_B1=x"}, command::end_with_usage, "'x' is given to two ports"},
+        {{"--port", "IDL_A1=x", "eth1"}, command::end_with_usage, "unexpected argument 'eth1'"},
     };
     for (auto row : cases) {
         row.arguments.insert(row.arguments.begin(), "oxpcsi-server");

@@ -38,17 +38,19 @@ TEST(unit_configuration, is_taken_or_refused_with_line_and_remedy) {
          "FILE:3: OKA_TIPC_INTERFACES is 'eth1,eth2:'; 'eth1,eth2:' is no"},
         {good + "OKA_TIPC_TOLERANCE=49", "FILE:3: OKA_TIPC_TOLERANCE is '49'; write milliseconds"},
         {good + "OKA_TIPC_IDENTITY=0123456789abcdef", "FILE:3: OKA_TIPC_IDENTITY is"},
-        {good + "OXHAL_DRIVER=Sim\033", "FILE:3: OXHAL_DRIVER is 'Sim?'; write one of: macsec sim"},
+        {good + "OXHAL_DRIVER=Sim\033",
+         "FILE:3: OXHAL_DRIVER is 'Sim?'; there is no 'Sim?'; write some of: macsec sim"},
         {"OXHAL_PORTS=", "FILE:1: OXHAL_PORTS is ''; no port is named; write them as"},
         {"OXHAL_PORTS=DiPort_A1=eth1",
          "FILE:1: OXHAL_PORTS is 'DiPort_A1=eth1'; 'DiPort_A1=eth1' is no port;"},
         {"OXHAL_PORTS=DiPort_A1=eth1:0123456789abcdef", "FILE:1: OXHAL_PORTS is"},
-        {"OXHAL_PORTS=DiPort_C1=e:s",
-         "FILE:1: OXHAL_PORTS is 'DiPort_C1=e:s'; 'DiPort_C1=e:s' names a port that there is not"},
-        {"OXHAL_PORTS=DiPort_A1=e:s DiPort_A1=f:t",
-         "FILE:1: OXHAL_PORTS is 'DiPort_A1=e:s DiPort_A1=f:t'; port 'DiPort_A1' is given twice"},
+        {"OXHAL_PORTS=DiPort_C1=e:s", "FILE:1: OXHAL_PORTS is 'DiPort_C1=e:s'; none of the ports is one that "
+                                      "carries a link; there are DiPort_A1"},
+        {"MPID=3\nOXHAL_PORTS=\"P=eth1:sec1 DiPort_A1=eth2:sec2\"", ""},
+        {"OXHAL_PORTS=DiPort_A1=e:s DiPort_A1=f:t", "FILE:1: OXHAL_PORTS is 'DiPort_A1=e:s DiPort_A1=f:t'; "
+                                                    "'DiPort_A1=f:t' names 'DiPort_A1' a second time"},
         {"OXHAL_PORTS=DiPort_A1=e:s DiPort_B1=s:t",
-         "FILE:1: OXHAL_PORTS is 'DiPort_A1=e:s DiPort_B1=s:t'; interface 's' is named twice"},
+         "FILE:1: OXHAL_PORTS is 'DiPort_A1=e:s DiPort_B1=s:t'; 'DiPort_B1=s:t' names 's' a second time"},
     };
     for (const auto& row : cases) {
         unit_configuration read = parse_unit_configuration(row.content, "FILE");

@@ -4,14 +4,16 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 
 #include "base/wire.h"
 #include "platform/oka.h"
+#include "protocols/port_names.h"
 
 namespace bench {
 
-constexpr unsigned max_ports = 4;
-constexpr const char* port_names[max_ports] = {"IDL_A1", "IDL_B1", "IDL_A2", "IDL_B2"};
+constexpr unsigned max_ports = std::size(tavu::usual_port_names);
+inline constexpr auto& port_names = tavu::usual_port_names;
 
 class unit_services {
   public:

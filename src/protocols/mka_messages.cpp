@@ -54,13 +54,13 @@ constexpr enum_text standard_names[] = {
     ENUM_TEXT(MKA_STANDARD_IEEE_802_1AEcg_2017),
 };
 
-constexpr enum_text cipher_names[] = {
-    ENUM_TEXT(MKA_CIPHER_NULL),
-    ENUM_TEXT(MKA_CIPHER_GCM_AES_128),
-    ENUM_TEXT(MKA_CIPHER_GCM_AES_256),
-    ENUM_TEXT(MKA_CIPHER_GCM_AES_XPN_128),
-    ENUM_TEXT(MKA_CIPHER_GCM_AES_XPN_256),
-};
+#define CIPHER_NAME(number, name, key_length, supported) ENUM_TEXT(MKA_CIPHER_##name),
+constexpr enum_text cipher_names[] = {ENUM_TEXT(MKA_CIPHER_NULL), OXHAL_CIPHER_SUITES(CIPHER_NAME)};
+#undef CIPHER_NAME
+
+#define CIPHER_SUITE(number, name, key_length, supported) {MKA_CIPHER_##name, key_length, supported},
+constexpr cipher_suite cipher_suites[] = {OXHAL_CIPHER_SUITES(CIPHER_SUITE)};
+#undef CIPHER_SUITE
 
 const uint8_t* octets_of(const oka_message* message) {
     return reinterpret_cast<const uint8_t*>(message);
@@ -82,6 +82,13 @@ const char* mka_error_to_str(uint32_t reason) {
 }
 const char* standard_to_str(uint32_t standard) {
     return enum_to_str(standard_names, standard);
+}
+const cipher_suite* find_cipher_suite(uint32_t value) {
+    for (const cipher_suite& suite : cipher_suites) {
+        if (suite.value == value)
+            return &suite;
+    }
+    return nullptr;
 }
 const char* cipher_to_str(uint32_t cipher) {
     return enum_to_str(cipher_names, cipher);

@@ -8,12 +8,13 @@
 #pragma once
 
 #include "base/wire.h"
+#include "platform/oxhal_ciphers.h"
 #include "protocols/message_numbers.h"
 
 namespace tavu {
 
 constexpr uint32_t mka_protocol_version = 1;
-constexpr uint32_t sak_len_max = 32;
+constexpr uint32_t sak_len_max = OXHAL_KEY_SIZE_MAX;
 
 // Procedure references of the client's requests. That of the connection is the client's id plus the base.
 constexpr uint32_t mka_client_proc_ref_connection_base = 100;
@@ -41,13 +42,20 @@ enum mka_standard : uint32_t {
     MKA_STANDARD_IEEE_802_1AEcg_2017 = 3,
 };
 
+#define MKA_CIPHER_CONSTANT(number, name, key_length, supported) MKA_CIPHER_##name = (number),
 enum mka_cipher : uint32_t {
     MKA_CIPHER_NULL = 0,
-    MKA_CIPHER_GCM_AES_128 = 1,
-    MKA_CIPHER_GCM_AES_256 = 2,
-    MKA_CIPHER_GCM_AES_XPN_128 = 3,
-    MKA_CIPHER_GCM_AES_XPN_256 = 4,
+    OXHAL_CIPHER_SUITES(MKA_CIPHER_CONSTANT) //
 };
+#undef MKA_CIPHER_CONSTANT
+
+struct cipher_suite {
+    mka_cipher value;
+    uint32_t sak_len; // in octets
+    bool is_supported;
+};
+// Null for a value that is none; MKA_CIPHER_NULL has no row.
+const cipher_suite* find_cipher_suite(uint32_t value);
 
 enum mka_reject_reason : uint32_t {
     MKA_REJ_UNSUPPORTED_PROTOCOL_VERSION = 1,

@@ -5,20 +5,11 @@
 #include "base/record_list.h"
 #include "base/trace.h"
 #include "platform/oxhal.h"
+#include "protocols/port_names.h"
 
 namespace tavu {
 
 namespace {
-
-struct port_map_row {
-    const char* idl_name;
-    const char* hardware_name;
-};
-
-constexpr port_map_row port_map[] = {
-    {"IDL_A1", "DiPort_A1"}, {"IDLA1", "DiPort_A1"}, {"IDL_B1", "DiPort_B1"}, {"IDLB1", "DiPort_B1"},
-    {"IDL_A2", "DiPort_A2"}, {"IDLA2", "DiPort_A2"}, {"IDL_B2", "DiPort_B2"}, {"IDLB2", "DiPort_B2"},
-};
 
 static_assert(sizeof(oxhal_vport) == 108 && offsetof(oxhal_vport, name) == 8);
 
@@ -64,15 +55,14 @@ bool initialize_oxhal() {
 
 bool get_port_handle_by_idl_port_name(const char* idl_port_name, char (&hardware_name)[16]) {
     TAVU_FUNCTION();
-    for (const port_map_row& row : port_map) {
-        if (strncmp(idl_port_name, row.idl_name, sizeof(port_name)) == 0) {
-            snprintf(hardware_name, sizeof hardware_name, "%s", row.hardware_name);
-            TRACE("TAVU: IDLe port name '%s' -> DiPort name '%s'", idl_port_name, hardware_name);
-            return true;
-        }
+    const char* mapped = hardware_name_of(idl_port_name);
+    if (!mapped) {
+        TRACE_ERROR("TAVU: Cannot map IDL port name '%s' to DiPort name", idl_port_name);
+        return false;
     }
-    TRACE_ERROR("TAVU: Cannot map IDL port name '%s' to DiPort name", idl_port_name);
-    return false;
+    snprintf(hardware_name, sizeof hardware_name, "%s", mapped);
+    TRACE("TAVU: IDLe port name '%s' -> DiPort name '%s'", idl_port_name, hardware_name);
+    return true;
 }
 
 bool idl_port_name_to_port_handle(const char* idl_port_name, uint32_t& port_handle) {

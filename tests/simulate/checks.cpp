@@ -9,11 +9,9 @@ namespace simulate {
 
 namespace {
 
-// "DiPort_A1" is the hardware's name of "IDL_A1".
 int port_of(const char* hardware_name) {
-    const char* place = strchr(hardware_name, '_');
-    for (size_t port = 0; place && port < port_names.size(); port++) {
-        if (!strcmp(place, port_names[port] + 3))
+    for (size_t port = 0; port < port_names.size(); port++) {
+        if (!strcmp(hardware_name, tavu::hardware_name_of(port_names[port])))
             return static_cast<int>(port);
     }
     return -1;

@@ -9,12 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "protocols/port_names.h"
 #include "simulate/stage.h"
 
 namespace simulate {
 
-constexpr int ports_per_unit = 4;
-constexpr std::array<const char*, ports_per_unit> port_names = {"IDL_A1", "IDL_B1", "IDL_A2", "IDL_B2"};
+constexpr auto port_names = std::to_array(tavu::usual_port_names);
+constexpr int ports_per_unit = port_names.size();
 
 struct link_end {
     int unit;
@@ -25,7 +26,7 @@ struct link {
     link_end ends[2];
 };
 
-using key = std::array<uint8_t, oxhal::key_size>;
+using key = std::array<uint8_t, OXHAL_KEY_SIZE_MAX>;
 using sci = std::array<uint8_t, 8>;
 
 class checks {

@@ -1,10 +1,12 @@
 // The port control service of a simulated unit: the server that ships, with facts that the conductor sends
 // instead of the kernel.
+#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 
 #include "platform/oka_timer.h"
 #include "platform/zeb.h"
+#include "protocols/port_names.h"
 #include "services/oxpcsi-server/port_control_server.h"
 #include "simulate/ports.h"
 
@@ -14,8 +16,11 @@ int main() {
     if (!oka_timer_service_init() || oka_init(37, 0, 0, 0, 0) != 0)
         return 1;
     oka_mailbox root = oka_create_mailbox(simulate::ports_mailbox_name, 0);
-    const oxpcsi::port_setting ports[] = {
-        {"IDL_A1", "eth1"}, {"IDL_B1", "eth2"}, {"IDL_A2", "eth3"}, {"IDL_B2", "eth4"}};
+    oxpcsi::port_setting ports[std::size(tavu::usual_port_names)];
+    for (size_t port = 0; port < std::size(ports); port++) {
+        snprintf(ports[port].name, sizeof ports[port].name, "%s", tavu::usual_port_names[port]);
+        snprintf(ports[port].interface, sizeof ports[port].interface, "eth%zu", port + 1);
+    }
     oxpcsi::port_control_server_init(ports, std::size(ports), "");
     const char* mpid = getenv("MPID");
     auto unit = static_cast<uint8_t>(mpid ? atoi(mpid) : 0);

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <net/if.h>
 
 #include "platform/oxhal/clear_frames.h"
 #include "platform/oxhal/macsec_kernel.h"
@@ -153,7 +154,7 @@ int place_controlled_port(port& on) {
 
 int init(port_list& list) {
     const char* text = getenv("OXHAL_PORTS");
-    return parse_ports(text ? text : "", list);
+    return read_ports(text ? text : "", list);
 }
 
 int prepare(const port_list&) {
@@ -274,7 +275,7 @@ int delete_channel(port& on, direction way, const channel& which) {
 }
 
 int create_association(port& on, direction way, const channel& of, uint8_t an, const association& what,
-                       const uint8_t (&key)[key_size]) {
+                       const oxhal_macsec_key& key) {
     int error =
         kernel::create_association(on.controlled_port_index, sci_for(way, of), an, what.packet_number, key);
     return error ? FAILED_GENERIC(error, "no association in '%s'", on.controlled_port) : 0;
@@ -328,7 +329,7 @@ int read_in_use(const port& on, direction way, const channel& of, uint8_t an, bo
 namespace oxhal {
 
 const driver macsec_driver = {
-    .name = "macsec",
+    .name = macsec_driver_name,
     .init = init,
     .prepare = prepare,
     .capabilities = capabilities,

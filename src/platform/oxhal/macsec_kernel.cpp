@@ -220,17 +220,17 @@ int delete_receive_channel(unsigned index, const oxhal_macsec_sci& sci) {
 }
 
 int create_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, uint32_t packet_number,
-                       const uint8_t (&key)[key_size]) {
+                       const oxhal_macsec_key& key) {
     // The kernel wants a name for the key, which it shows to everybody: what one end sends with is recognised
     // by it at the other.
     static_assert(MACSEC_KEYID_LEN == fingerprint_size);
     uint8_t key_id[MACSEC_KEYID_LEN];
-    fingerprint_of(key, key_size, key_id);
+    fingerprint_of(key.octets, key.length, key_id);
     return talk_association(index, MACSEC_CMD_ADD_TXSA, MACSEC_CMD_ADD_RXSA, sci, an, [&](nlmsghdr* message) {
         mnl_attr_put_u32(message, MACSEC_SA_ATTR_PN, packet_number);
         mnl_attr_put_u8(message, MACSEC_SA_ATTR_ACTIVE, 0);
         mnl_attr_put(message, MACSEC_SA_ATTR_KEYID, sizeof key_id, key_id);
-        mnl_attr_put(message, MACSEC_SA_ATTR_KEY, key_size, key);
+        mnl_attr_put(message, MACSEC_SA_ATTR_KEY, key.length, key.octets);
     });
 }
 

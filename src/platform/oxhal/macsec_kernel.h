@@ -47,7 +47,7 @@ int encrypt_with(unsigned index, uint8_t an, bool confidentiality);
 int create_receive_channel(unsigned index, const oxhal_macsec_sci& sci);
 int delete_receive_channel(unsigned index, const oxhal_macsec_sci& sci);
 int create_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, uint32_t packet_number,
-                       const uint8_t (&key)[key_size]);
+                       const oxhal_macsec_key& key);
 int activate_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, bool active);
 int delete_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an);
 int read_contents(unsigned index, contents& found);

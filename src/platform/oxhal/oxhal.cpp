@@ -20,24 +20,18 @@ static_assert(sizeof(oxhal_macsec_port_cap) == 88);
 
 constexpr uint32_t first_handle = 100; // apart from the index, so that the two are never mistaken
 
-struct {
-    const driver* current;
-    bool initialised;
-    bool prepared;
-    port_list list;
-} layer;
-
 const driver* const drivers[] = {&macsec_driver, &sim_driver};
 
 const driver* driver_by_environment() {
-    const char* name = getenv("OXHAL_DRIVER");
-    if (!name || !*name)
-        return drivers[0];
+    const char* value = getenv("OXHAL_DRIVER");
+    const char* name = value && *value ? value : drivers[0]->name;
     for (const driver* candidate : drivers) {
         if (!strcmp(candidate->name, name))
             return candidate;
     }
-    OXHAL_ERROR("no driver '%s'; OXHAL_DRIVER is 'macsec' (the kernel's MACsec, default) or 'sim'", name);
+    char wrong[256];
+    (void)oxhal_check_driver(name, wrong, sizeof wrong);
+    OXHAL_ERROR("OXHAL_DRIVER: %s", wrong);
     return nullptr;
 }
 
@@ -216,7 +210,8 @@ int create_association(const char* operation, uint32_t handle, direction way, co
     running.expect(of, ENOENT, "there is no such channel")
         .expect(an < associations_per_channel, EINVAL, "association numbers go from 0 to 3")
         .expect(packet_number, EINVAL, "packet numbers begin with 1")
-        .expect(key.octets && key.length == key_size, EINVAL, "a key of GCM-AES-128 has 16 octets");
+        .expect(key.octets && is_key_length(key.length), EINVAL,
+                "no cipher suite of the SecY has such a key");
     if (running.allowed())
         running.expect(!of->associations[an].installed, EEXIST, "the association number is taken");
     if (!running.allowed())
@@ -225,8 +220,7 @@ int create_association(const char* operation, uint32_t handle, direction way, co
                         .in_use = false,
                         .confidentiality = confidentiality,
                         .packet_number = packet_number};
-    const uint8_t(&octets)[key_size] = *reinterpret_cast<const uint8_t(*)[key_size]>(key.octets);
-    int error = layer.current->create_association(secy, way, *of, an, made, octets);
+    int error = layer.current->create_association(secy, way, *of, an, made, key);
     if (!error)
         of->associations[an] = made;
     return running.ends(error);
@@ -286,139 +280,7 @@ int read_in_use(const char* operation, uint32_t handle, direction way, const oxh
     return running.ends(layer.current->read_in_use(running.secy(), way, *of, an, in_use));
 }
 
-bool take_name(const char*& text, char end, char* name, size_t size) {
-    size_t length = strcspn(text, " =:");
-    bool right = length > 0 && length < size && text[length] == end && !memchr(text, '/', length);
-    if (right) {
-        memcpy(name, text, length);
-        name[length] = '\0';
-    }
-    text += length;
-    return right;
-}
-
-bool take_port(const char*& text, port& into) {
-    if (!take_name(text, '=', into.name, sizeof into.name))
-        return false;
-    ++text;
-    if (!take_name(text, ':', into.common_port, sizeof into.common_port))
-        return false;
-    ++text;
-    char end = strchr(text, ' ') ? ' ' : '\0';
-    return take_name(text, end, into.controlled_port, sizeof into.controlled_port);
-}
-
-bool named_twice(const port_list& list, const port& fresh) {
-    if (!strcmp(fresh.common_port, fresh.controlled_port))
-        return true;
-    for (uint32_t i = 0; i < list.count; ++i) {
-        const port& other = list.ports[i];
-        if (!strcmp(other.name, fresh.name) || !strcmp(other.common_port, fresh.common_port) ||
-            !strcmp(other.controlled_port, fresh.controlled_port) ||
-            !strcmp(other.controlled_port, fresh.common_port) ||
-            !strcmp(other.common_port, fresh.controlled_port))
-            return true;
-    }
-    return false;
-}
-
 } // namespace
-
-void reset(const driver* chosen) {
-    explicit_bzero(&layer, sizeof layer);
-    layer.current = chosen;
-}
-
-port_list& ports() {
-    return layer.list;
-}
-
-void forget_channels(port& on) {
-    on.transmit = {};
-    for (channel& each : on.receive)
-        each = {};
-}
-
-std::span<channel> places(port& on, direction way) {
-    return way == direction::transmit ? std::span(&on.transmit, 1) : std::span(on.receive);
-}
-
-channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci) {
-    for (channel& each : places(on, way)) {
-        if (each.exists && !memcmp(&each.sci, &sci, sizeof sci))
-            return &each;
-    }
-    return nullptr;
-}
-
-int kernel_random(uint32_t length, uint8_t* octets) {
-    if (getrandom(octets, length, GRND_NONBLOCK) == static_cast<ssize_t>(length))
-        return 0;
-    int error = errno;
-    OXHAL_ERROR("generate_key: the kernel's random number generator is not ready: %s; give the machine a "
-                "source of entropy",
-                strerror(error));
-    return error;
-}
-
-int parse_ports(const char* text, port_list& list) {
-    constexpr const char* remedy =
-        "write it as \"DiPort_A1=eth1:sec-a1 DiPort_B1=eth2:sec-b1\" (virtual port, "
-        "its interface, the MACsec interface to make)";
-    for (text += strspn(text, " "); *text; text += strspn(text, " ")) {
-        port fresh = {};
-        const char* entry = text;
-        bool right = take_port(text, fresh);
-        int length = static_cast<int>(strcspn(entry, " "));
-        if (!right) {
-            OXHAL_ERROR("OXHAL_PORTS: '%.*s' is not understood; %s", length, entry, remedy);
-            return EINVAL;
-        }
-        if (named_twice(list, fresh)) {
-            OXHAL_ERROR(
-                "OXHAL_PORTS: '%.*s' names a port or an interface a second time; each belongs to one port",
-                length, entry);
-            return EINVAL;
-        }
-        if (list.count == max_ports) {
-            OXHAL_ERROR("OXHAL_PORTS names more than %u ports", max_ports);
-            return EINVAL;
-        }
-        list.ports[list.count++] = fresh;
-    }
-    if (!list.count) {
-        OXHAL_ERROR("OXHAL_PORTS names no port; %s", remedy);
-        return EINVAL;
-    }
-    return 0;
-}
-
-void describe(const call& what, char (&text)[call_text_size]) {
-    char sci[32] = "", an[16] = "", number[40] = "";
-    if (what.sci) {
-        const uint8_t* octet = what.sci->octets;
-        snprintf(sci, sizeof sci, " %02x:%02x:%02x:%02x:%02x:%02x/%u", octet[0], octet[1], octet[2], octet[3],
-                 octet[4], octet[5], octet[6] * 256u + octet[7]);
-    }
-    if (what.an >= 0)
-        snprintf(an, sizeof an, " an=%d", what.an);
-    if (what.label)
-        snprintf(number, sizeof number, " %s%u", what.label, what.number);
-    snprintf(text, call_text_size, "%s%s%s%s%s%s%s%s", what.operation, what.port_name ? " " : "",
-             what.port_name ? what.port_name : "", sci, an, number, what.word ? " " : "",
-             what.word ? what.word : "");
-}
-
-void report(int line, const char* file, const char* format, ...) {
-    if (!(procInfo.trace_group_mask & (1u << ZEB_GROUP_ERROR)))
-        return;
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    lttngZebTrace(ZEB_GROUP_ERROR, short_fname(file), line, formatStr("OXHAL: %s", text), &procInfo);
-}
 
 } // namespace oxhal
 

@@ -4,17 +4,24 @@
 // rules allow, and only it knows whether the hardware can do it.
 #pragma once
 
-#include <net/if.h>
 #include <span>
 
 #include "platform/oxhal.h"
+#include "platform/oxhal_ciphers.h"
+#include "platform/oxhal_names.h"
 
 namespace oxhal {
 
-constexpr uint32_t max_ports = 16;
+constexpr uint32_t max_ports = OXHAL_PORTS_MAX;
 constexpr uint32_t max_receive_channels = 8;
 constexpr uint32_t associations_per_channel = 4;
-constexpr uint32_t key_size = 16; // GCM-AES-128
+
+// Whether a SecY of ours takes a key of so many octets.
+constexpr bool is_key_length(uint32_t octets) {
+#define TAKES_KEY_LENGTH(number, name, key_length, supported) || ((supported) && octets == (key_length))
+    return false OXHAL_CIPHER_SUITES(TAKES_KEY_LENGTH);
+#undef TAKES_KEY_LENGTH
+}
 
 enum class direction { transmit, receive };
 
@@ -68,9 +75,9 @@ constexpr oxhal_macsec_port_cap usual_capability = {
 
 struct port {
     uint32_t handle;
-    char name[64];
-    char common_port[IF_NAMESIZE]; // both as OXHAL_PORTS names them
-    char controlled_port[IF_NAMESIZE];
+    char name[64]; // all three as OXHAL_PORTS names them
+    char common_port[OXHAL_INTERFACE_NAME_SIZE];
+    char controlled_port[OXHAL_INTERFACE_NAME_SIZE];
     unsigned controlled_port_index; // the driver's, 0 while there is none
     bool enabled;
     settings wanted; // kept while there is no controlled port, and given to it when it comes
@@ -112,7 +119,7 @@ struct driver {
     int (*create_channel)(port& on, direction way, const oxhal_macsec_sci& sci);
     int (*delete_channel)(port& on, direction way, const channel& which); // with its associations
     int (*create_association)(port& on, direction way, const channel& of, uint8_t an, const association& what,
-                              const uint8_t (&key)[key_size]);
+                              const oxhal_macsec_key& key);
     int (*enable_association)(port& on, direction way, const channel& of, uint8_t an, bool enable);
     int (*delete_association)(port& on, direction way, const channel& of, uint8_t an);
     int (*read_in_use)(const port& on, direction way, const channel& of, uint8_t an, bool* in_use);
@@ -123,8 +130,19 @@ struct driver {
     void (*after)(const call& what, int result);
 };
 
+constexpr const char* macsec_driver_name = "macsec";
+constexpr const char* sim_driver_name = "sim";
 extern const driver sim_driver;
 extern const driver macsec_driver;
+
+// The layer's state: its driver, how far it has come, and its ports.
+struct layer_state {
+    const driver* current;
+    bool initialised;
+    bool prepared;
+    port_list list;
+};
+extern layer_state layer;
 
 // Forgets every port and makes `chosen` the driver of the process; null leaves the choice to OXHAL_DRIVER.
 void reset(const driver* chosen);
@@ -137,8 +155,8 @@ channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci);
 // Up to 256 octets come in one piece, or not at all while the kernel's generator is not seeded yet.
 int kernel_random(uint32_t length, uint8_t* octets);
 
-// Reads "DiPort_A1=eth1:sec-a1 ..." into the list; an error trace says what is wrong with it.
-int parse_ports(const char* text, port_list& list);
+// Reads a value of OXHAL_PORTS into the list; an error trace says what is wrong with it.
+int read_ports(const char* value, port_list& list);
 
 // An error trace that begins with "OXHAL: ".
 void report(int line, const char* file, const char* format, ...) __attribute__((format(printf, 3, 4)));

@@ -33,8 +33,13 @@ struct capability_list {
 };
 static_assert(offsetof(capability_list, entries) == offsetof(oxhal_macsec_port_cap_list, entries));
 
+struct stored_key {
+    uint8_t octets[OXHAL_KEY_SIZE_MAX];
+    uint32_t length;
+};
+
 struct channel_keys {
-    uint8_t keys[associations_per_channel][key_size];
+    stored_key keys[associations_per_channel];
 };
 
 // What stands beside each port of the layer's list.
@@ -53,7 +58,7 @@ struct {
         const char* operation;
         unsigned calls;
     } counts[max_operations];
-    uint8_t reported_key[key_size]; // until the call that brought it has ended
+    uint8_t reported_key[OXHAL_KEY_SIZE_MAX]; // until the call that brought it has ended
 } sim;
 
 // Hardware forgets its keys when it loses power.
@@ -97,8 +102,10 @@ channel_keys& keys_of(port& on, direction way, const channel& of) {
 }
 
 bool has_key(port& on, direction way, const channel* of, uint8_t an, const uint8_t* key, size_t length) {
-    return of && an < associations_per_channel && of->associations[an].installed && length == key_size &&
-           !memcmp(keys_of(on, way, *of).keys[an], key, key_size);
+    if (!of || an >= associations_per_channel || !of->associations[an].installed)
+        return false;
+    const stored_key& held = keys_of(on, way, *of).keys[an];
+    return length == held.length && !memcmp(held.octets, key, length);
 }
 
 void wipe(hardware& behind) {
@@ -108,10 +115,9 @@ void wipe(hardware& behind) {
 
 int init(port_list& list) {
     const char* named = getenv("OXHAL_PORTS");
-    int error = parse_ports(named && *named ? named
-                                            : "DiPort_A1=a1:sec-a1 DiPort_B1=b1:sec-b1 "
-                                              "DiPort_A2=a2:sec-a2 DiPort_B2=b2:sec-b2",
-                            list);
+#define PORT_OF_UNIT(name) "DiPort_" #name "=port-" #name ":sec-" #name " "
+    int error = read_ports(named && *named ? named : OXHAL_PORTS_OF_UNITS(PORT_OF_UNIT), list);
+#undef PORT_OF_UNIT
     for (hardware& behind : sim.ports)
         behind.capabilities = {.count = 1, .entries = {usual_capability}};
     return error;
@@ -148,10 +154,12 @@ int delete_channel(port& on, direction way, const channel& which) {
 }
 
 int create_association(port& on, direction way, const channel& of, uint8_t an, const association&,
-                       const uint8_t (&key)[key_size]) {
-    memcpy(keys_of(on, way, of).keys[an], key, key_size);
+                       const oxhal_macsec_key& key) {
+    stored_key& held = keys_of(on, way, of).keys[an];
+    memcpy(held.octets, key.octets, key.length);
+    held.length = key.length;
     if (oxhal_sim::reports())
-        memcpy(sim.reported_key, key, key_size);
+        memcpy(sim.reported_key, key.octets, key.length);
     return 0;
 }
 
@@ -160,7 +168,7 @@ int enable_association(port&, direction, const channel&, uint8_t, bool) {
 }
 
 int delete_association(port& on, direction way, const channel& of, uint8_t an) {
-    explicit_bzero(keys_of(on, way, of).keys[an], key_size);
+    explicit_bzero(&keys_of(on, way, of).keys[an], sizeof(stored_key));
     return 0;
 }
 
@@ -195,7 +203,7 @@ int before(const call& what) {
     }
     if (error == 0 && oxhal_sim::reports()) {
         oxhal_sim::report_answer answer = oxhal_sim::ask(what);
-        memcpy(sim.reported_key, answer.key, key_size);
+        memcpy(sim.reported_key, answer.key, sizeof sim.reported_key);
         explicit_bzero(answer.key, sizeof answer.key);
         error = answer.error;
     }
@@ -207,17 +215,17 @@ int generate_key(uint32_t length, uint8_t* key) {
     if (!oxhal_sim::reports())
         return kernel_random(length, key);
     for (uint32_t at = 0; at < length; ++at)
-        key[at] = sim.reported_key[at % key_size];
+        key[at] = sim.reported_key[at % sizeof sim.reported_key];
     return 0;
 }
 
-void show_association(const association& from, const uint8_t (&key)[key_size], oxhal_view_association& to) {
+void show_association(const association& from, const stored_key& key, oxhal_view_association& to) {
     if (!from.installed)
         return;
     to.installed = true;
     to.active = from.in_use;
     to.next_packet_number = from.packet_number;
-    fingerprint_of(key, key_size, to.fingerprint);
+    fingerprint_of(key.octets, key.length, to.fingerprint);
 }
 
 void show(port& on) {
@@ -276,7 +284,7 @@ bool changes_nothing(const std::string& line) {
 namespace oxhal {
 
 const driver sim_driver = {
-    .name = "sim",
+    .name = sim_driver_name,
     .init = init,
     .prepare = prepare,
     .capabilities = capabilities,

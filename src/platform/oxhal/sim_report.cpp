@@ -55,7 +55,7 @@ report_answer ask(const oxhal::call& what) {
     return answer;
 }
 
-void tell_ended(const oxhal::call& what, int result, const uint8_t (&key)[oxhal::key_size]) {
+void tell_ended(const oxhal::call& what, int result, const uint8_t (&key)[OXHAL_KEY_SIZE_MAX]) {
     call_report report = report_of(report_kind::ended, what);
     report.result = result;
     memcpy(report.key, key, sizeof report.key);

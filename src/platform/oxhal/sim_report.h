@@ -22,18 +22,18 @@ struct call_report {
     char port[32];
     char word[16];
     oxhal_macsec_sci sci;
-    uint8_t key[oxhal::key_size]; // of an association that was created
+    uint8_t key[OXHAL_KEY_SIZE_MAX]; // of an association that was created
 };
 
 struct report_answer {
     int32_t error;
-    uint8_t key[oxhal::key_size]; // for generate_key
+    uint8_t key[OXHAL_KEY_SIZE_MAX]; // for generate_key
 };
 
 // Whether somebody watches.
 bool reports();
 // The error that the call is to fail with, or 0; a key for generate_key.
 report_answer ask(const oxhal::call& what);
-void tell_ended(const oxhal::call& what, int result, const uint8_t (&key)[oxhal::key_size]);
+void tell_ended(const oxhal::call& what, int result, const uint8_t (&key)[OXHAL_KEY_SIZE_MAX]);
 
 } // namespace oxhal_sim

@@ -20,7 +20,7 @@ const char* variable(const char* name) {
 const char* controlled_port_of(const char* port_name) {
     static const oxhal::port_list list = [] {
         oxhal::port_list read = {};
-        if (oxhal::parse_ports(variable("OXHAL_PORTS"), read) != 0)
+        if (oxhal::read_ports(variable("OXHAL_PORTS"), read) != 0)
             read.count = 0;
         return read;
     }();
@@ -35,7 +35,7 @@ const char* controlled_port_of(const char* port_name) {
 
 int oxhal_view_get(const char* port_name, oxhal_view* view) {
     *view = {};
-    if (!strcmp(variable("OXHAL_DRIVER"), oxhal::sim_driver.name))
+    if (!strcmp(variable("OXHAL_DRIVER"), oxhal::sim_driver_name))
         return oxhal_sim::read_view(port_name, *view);
     const char* controlled_port = controlled_port_of(port_name);
     return controlled_port ? oxhal::kernel::read_view(controlled_port, *view) : ENOENT;

@@ -11,7 +11,9 @@
 #include <unistd.h>
 
 #include "platform/oka_names.h"
+#include "platform/oxhal_names.h"
 #include "platform/zeb_names.h"
+#include "protocols/port_names.h"
 
 namespace services {
 
@@ -19,12 +21,9 @@ namespace {
 
 constexpr size_t file_size_max = size_t{64} * 1024;
 constexpr size_t errors_max = 20;
-constexpr size_t interface_name_max = 15; // the kernel's
 constexpr std::string_view blanks = " \t\r";
 
 using word_list = std::initializer_list<std::string_view>;
-
-const word_list port_names = {"A1", "B1", "A2", "B2"};
 
 bool contains(word_list known, std::string_view word) {
     return std::find(known.begin(), known.end(), word) != known.end();
@@ -50,11 +49,6 @@ std::string_view next_word(std::string_view& text, std::string_view separators) 
     std::string_view word = text.substr(0, text.find_first_of(separators));
     text.remove_prefix(word.size());
     return word;
-}
-
-bool is_interface(std::string_view name) {
-    return !name.empty() && name.size() <= interface_name_max && name != "." && name != ".." &&
-           name.find_first_of("/:=") == std::string_view::npos;
 }
 
 // --- What each variable may be: "", or what to write instead.
@@ -89,8 +83,8 @@ std::string check_one_word(const std::string& value, word_list known) {
 std::string check_interfaces(const std::string& value) {
     for (std::string_view rest = value, word = next_word(rest, " "); !word.empty();
          word = next_word(rest, " ")) {
-        if (!is_interface(word))
-            return "'" + std::string(word) + "' is no interface; write the common ports, such as eth1 eth2";
+        if (std::string name(word); !oxhal_valid_interface_name(name.c_str()))
+            return "'" + name + "' is no interface; write the common ports, such as eth1 eth2";
     }
     return "";
 }
@@ -108,8 +102,13 @@ std::string check_tolerance(const std::string& value) {
 }
 
 std::string check_ports(const std::string& value) {
-    std::vector<hardware_port> ports;
-    return parse_hardware_ports(value, ports);
+    oxhal_port_settings settings;
+    char wrong[256];
+    if (!oxhal_read_ports(value.c_str(), &settings, wrong, sizeof wrong))
+        return wrong;
+    bool carries_links = std::any_of(settings.ports, settings.ports + settings.count,
+                                     [](const auto& port) { return tavu::idl_name_of(port.name); });
+    return carries_links ? "" : tavu::no_port_for_links();
 }
 
 const struct known_variable {
@@ -129,10 +128,7 @@ const struct known_variable {
     {"OKA_TIPC_IDENTITY", check_identity},
     {"OKA_TIPC_TOLERANCE", check_tolerance},
     {"OKA_TIPC_KEY_MARK", check_path},
-    {"OXHAL_DRIVER",
-     [](const std::string& value) {
-         return check_one_word(value, {"macsec", "sim"});
-     }},
+    {"OXHAL_DRIVER", ask_platform<oxhal_check_driver>},
     {"ZEB_TRACE", ask_platform<zeb_check_trace_groups>},
     {"ZEB_STAMP",
      [](const std::string& value) {
@@ -224,14 +220,18 @@ bool is_one_of(std::string_view words, std::string_view wanted) {
 // Over its controlled port a link's keys could never be agreed.
 void check_bearers(reader& file) {
     const variable* bearers = file.find("OKA_TIPC_INTERFACES");
-    std::vector<hardware_port> ports;
-    if (!bearers || !parse_hardware_ports(file.value("OXHAL_PORTS"), ports).empty())
+    const variable* ports = file.find("OXHAL_PORTS");
+    oxhal_port_settings settings;
+    char wrong[256];
+    if (!bearers || !ports || !oxhal_read_ports(ports->value.c_str(), &settings, wrong, sizeof wrong))
         return;
     file.line = bearers->line;
-    for (const hardware_port& port : ports) {
-        if (is_one_of(bearers->value, port.controlled))
-            file.complain("OKA_TIPC_INTERFACES names the controlled port '" + port.controlled +
-                          "'; write its common port, '" + port.common + "'");
+    for (uint32_t i = 0; i < settings.count; i++) {
+        const oxhal_port_setting& port = settings.ports[i];
+        if (is_one_of(bearers->value, port.controlled_port))
+            file.complain("OKA_TIPC_INTERFACES names the controlled port '" +
+                          std::string(port.controlled_port) + "'; write its common port, '" +
+                          port.common_port + "'");
     }
     file.line = 0;
 }
@@ -288,39 +288,6 @@ unit_configuration read_unit_configuration(const char* path) {
         return file.result;
     }
     return parse_unit_configuration({content.data(), static_cast<size_t>(length)}, path);
-}
-
-std::string parse_hardware_ports(std::string_view text, std::vector<hardware_port>& ports) {
-    constexpr std::string_view prefix = "DiPort_";
-    std::vector<std::string_view> interfaces;
-    ports.clear();
-    for (std::string_view word = next_word(text, " "); !word.empty(); word = next_word(text, " ")) {
-        size_t equals = std::min(word.find('='), word.size());
-        size_t colon = std::min(word.find(':', equals), word.size());
-        std::string_view name = word.substr(0, equals);
-        std::string_view common =
-            word.substr(std::min(equals + 1, colon), colon - std::min(equals + 1, colon));
-        std::string_view controlled = word.substr(std::min(colon + 1, word.size()));
-        std::string quoted = "'" + std::string(word.substr(0, 60)) + "'";
-        if (!is_interface(common) || !is_interface(controlled))
-            return quoted + " is no port; write it as DiPort_A1=eth1:sec-a1 (port, its interface, the MACsec "
-                            "interface to make)";
-        if (name.substr(0, prefix.size()) != prefix || !contains(port_names, name.substr(prefix.size())))
-            return quoted +
-                   " names a port that there is not; there are DiPort_A1 DiPort_B1 DiPort_A2 DiPort_B2";
-        std::string port = "IDL_" + std::string(name.substr(prefix.size()));
-        for (const hardware_port& other : ports) {
-            if (other.port == port)
-                return "port '" + std::string(name) + "' is given twice; remove either";
-        }
-        for (std::string_view interface : {common, controlled}) {
-            if (std::find(interfaces.begin(), interfaces.end(), interface) != interfaces.end())
-                return "interface '" + std::string(interface) + "' is named twice; each belongs to one port";
-            interfaces.push_back(interface);
-        }
-        ports.push_back({port, std::string(common), std::string(controlled)});
-    }
-    return ports.empty() ? "no port is named; write them as DiPort_A1=eth1:sec-a1 DiPort_B1=eth2:sec-b1" : "";
 }
 
 } // namespace services

@@ -28,14 +28,4 @@ unit_configuration parse_unit_configuration(std::string_view content, const char
 // A file that cannot be read is an error in the result.
 unit_configuration read_unit_configuration(const char* path);
 
-// One word of OXHAL_PORTS: "DiPort_A1=eth1:sec-a1".
-struct hardware_port {
-    std::string port;       // as the port control service calls it: "IDL_A1"
-    std::string common;     // "eth1"
-    std::string controlled; // "sec-a1"
-};
-
-// "", or what is wrong with the text, and what to write.
-[[nodiscard]] std::string parse_hardware_ports(std::string_view text, std::vector<hardware_port>& ports);
-
 } // namespace services

@@ -1,15 +1,14 @@
 #include "services/oxpcsi-server/oxpcsi_server.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "base/trace.h"
 #include "platform/oka_timer.h"
+#include "platform/oxhal_names.h"
+#include "protocols/port_names.h"
 #include "services/common/options.h"
-#include "services/common/unit_configuration.h"
 
 namespace oxpcsi {
 
@@ -48,13 +47,6 @@ void print_help(std::span<const services::option> options) {
            program, services::options_help(options).c_str(), exit_failure, exit_usage, program, example);
 }
 
-bool is_name(const std::string& text, const char* excluded) {
-    return !text.empty() && text.size() < sizeof port_setting::name &&
-           std::all_of(text.begin(), text.end(), [excluded](char c) {
-               return isgraph(static_cast<unsigned char>(c)) && !strchr(excluded, c);
-           });
-}
-
 // Adds a port to the settings; otherwise says what is wrong with it.
 std::string add_port(const std::string& value, settings& parsed) {
     size_t equals = value.find('=');
@@ -62,19 +54,19 @@ std::string add_port(const std::string& value, settings& parsed) {
         return "port '" + value + "' has no interface; write it as in " + example;
     std::string name = value.substr(0, equals);
     std::string interface = value.substr(equals + 1);
-    if (!is_name(name, ""))
-        return "'" + name + "' is not a port name: it takes 1 to 15 characters without blanks";
-    // What the kernel accepts.
-    if (!is_name(interface, "/:") || interface == "." || interface == "..")
+    const char* hardware_name = tavu::hardware_name_of(name.c_str());
+    if (!hardware_name)
+        return "'" + name + "' is no port; there are " + tavu::usual_port_names_text();
+    if (!oxhal_valid_interface_name(interface.c_str()))
         return "'" + interface + "' is not an interface name; 'ip link' shows those of this node";
     for (size_t i = 0; i < parsed.port_count; i++) {
-        if (name == parsed.ports[i].name)
-            return "port '" + name + "' is given twice";
-        if (interface == parsed.ports[i].interface)
+        const port_setting& other = parsed.ports[i];
+        if (tavu::hardware_name_of(other.name) == hardware_name)
+            return "port '" + name + "' is given twice" +
+                   (name == other.name ? "" : "; '" + std::string(other.name) + "' is the same");
+        if (interface == other.interface)
             return "interface '" + interface + "' is given to two ports";
     }
-    if (parsed.port_count == ports_max)
-        return "more than " + std::to_string(ports_max) + " ports are given";
     port_setting& added = parsed.ports[parsed.port_count++];
     strcpy(added.name, name.c_str());
     strcpy(added.interface, interface.c_str());
@@ -88,16 +80,22 @@ std::string add_hardware_ports(settings& parsed) {
     if (!text || !*text)
         return std::string("no port is given; name each with an option such as ") + example +
                ", or set OXHAL_PORTS";
-    std::vector<services::hardware_port> ports;
-    std::string error = services::parse_hardware_ports(text, ports);
-    if (!error.empty())
-        return "OXHAL_PORTS: " + error;
-    for (const services::hardware_port& each : ports) {
-        error = add_port(each.port + "=" + each.common, parsed);
+    oxhal_port_settings hardware;
+    char wrong[256];
+    if (!oxhal_read_ports(text, &hardware, wrong, sizeof wrong))
+        return std::string("OXHAL_PORTS: ") + wrong;
+    for (uint32_t i = 0; i < hardware.count; i++) {
+        const char* name = tavu::idl_name_of(hardware.ports[i].name);
+        if (!name) {
+            fprintf(stderr, "%s: OXHAL_PORTS: '%s' carries no link and is left out\n", program,
+                    hardware.ports[i].name);
+            continue;
+        }
+        std::string error = add_port(std::string(name) + "=" + hardware.ports[i].common_port, parsed);
         if (!error.empty())
             return error;
     }
-    return "";
+    return parsed.port_count > 0 ? "" : "OXHAL_PORTS: " + tavu::no_port_for_links();
 }
 
 // --- The process.

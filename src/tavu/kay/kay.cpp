@@ -146,6 +146,12 @@ bool kay_create_instance(const char* name) {
         TRACE_ERROR("TAVU: Could not get port handle for port '%s'", name);
         return false;
     }
+    // Two names of one port would take each other's keys away.
+    if (const kay_record* other =
+            self.kays.find([=](const kay_record& each) { return each.port_handle == port_handle; })) {
+        TRACE_ERROR("TAVU: Port '%s' is the same hardware port as '%s'", name, other->port.c_str());
+        return false;
+    }
     kay_record* kay = self.kays.add();
     if (!kay)
         return false;

@@ -9,7 +9,7 @@ namespace {
 
 bool parse_cipher_suite(uint32_t value, mka_cipher& cipher) {
     TAVU_FUNCTION();
-    if (value > MKA_CIPHER_GCM_AES_XPN_256) {
+    if (value != MKA_CIPHER_NULL && !find_cipher_suite(value)) {
         TRACE_ERROR("TAVU: Invalid mka_macsec_cipher value: %u", value);
         return false;
     }
@@ -17,31 +17,15 @@ bool parse_cipher_suite(uint32_t value, mka_cipher& cipher) {
     return true;
 }
 
+// Without encryption any length will do.
 bool verify_sak_len(uint32_t length, mka_cipher cipher) {
     TAVU_FUNCTION();
-    uint32_t expected = 0;
-    switch (cipher) {
-    case MKA_CIPHER_NULL:
+    const cipher_suite* suite = find_cipher_suite(cipher);
+    if (!suite || length == suite->sak_len)
         return true;
-    case MKA_CIPHER_GCM_AES_128:
-    case MKA_CIPHER_GCM_AES_XPN_128:
-        expected = 16;
-        break;
-    case MKA_CIPHER_GCM_AES_256:
-    case MKA_CIPHER_GCM_AES_XPN_256:
-        expected = 32;
-        break;
-    }
-    if (expected == 0) {
-        TRACE_ERROR("TAVU: Invalid mka_macsec_cipher value: %u", cipher);
-        return false;
-    }
-    if (length != expected) {
-        TRACE_ERROR("TAVU: Invalid SAK length for cipher '%s': actual %u, expected %u", cipher_to_str(cipher),
-                    length, expected);
-        return false;
-    }
-    return true;
+    TRACE_ERROR("TAVU: Invalid SAK length for cipher '%s': actual %u, expected %u", cipher_to_str(cipher),
+                length, suite->sak_len);
+    return false;
 }
 
 // A port keeps the first cipher suite that was accepted for as long as its KaY lives.

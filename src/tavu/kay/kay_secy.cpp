@@ -141,7 +141,8 @@ bool kay_secy_is_standard_supported(const kay_record& kay, mka_standard standard
 
 bool kay_secy_is_cipher_supported(const kay_record& kay, mka_standard standard, mka_cipher cipher) {
     TAVU_FUNCTION();
-    return kay_secy_is_standard_supported(kay, standard) && cipher == MKA_CIPHER_GCM_AES_128;
+    const cipher_suite* suite = find_cipher_suite(cipher);
+    return kay_secy_is_standard_supported(kay, standard) && suite && suite->is_supported;
 }
 
 void trace_standard_support(const kay_record& kay, mka_standard standard, const char* who, bool supported) {

@@ -109,23 +109,12 @@ ca_member* admit(uint32_t client_id, const oka_message* message, uint32_t& reaso
 
 uint32_t verify_sak_len(uint32_t cipher) {
     KEYSRV_FUNCTION();
-    uint32_t key_len = 0;
-    switch (cipher) {
-    case MKA_CIPHER_NULL:
-        key_len = 1;
-        break;
-    case MKA_CIPHER_GCM_AES_128:
-    case MKA_CIPHER_GCM_AES_XPN_128:
-        key_len = 16;
-        break;
-    case MKA_CIPHER_GCM_AES_256:
-    case MKA_CIPHER_GCM_AES_XPN_256:
-        key_len = 32;
-        break;
-    default:
+    const cipher_suite* suite = find_cipher_suite(cipher);
+    if (!suite && cipher != MKA_CIPHER_NULL) {
         TRACE_ERROR("KEYSRV: Invalid mka_macsec_cipher value: %u", cipher);
         return 0;
     }
+    uint32_t key_len = suite ? suite->sak_len : 1;
     TRACE_DETAIL("KEYSRV: SAK length for cipher '%s': key_len %u", cipher_to_str(cipher), key_len);
     return key_len;
 }
