@@ -1,4 +1,4 @@
-// Whole nodes under load and among clients that mean no good: real processes over AF_UNIX, on the simulated
+// Whole nodes under load and among hostile clients: real processes over AF_UNIX, on the simulated
 // SecY, with a secured link between units 3 and 7. The hostile ones are processes of their own, and speak
 // bytes. Files and capabilities of the daemons are those of an ordinary user.
 #include <algorithm>

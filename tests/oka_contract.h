@@ -97,7 +97,7 @@ class oka_contract : public testing::TestWithParam<arrangement> {
         return found.sender;
     }
 
-    // Whatever the agent sent before has arrived by then, so that nothing more can come of it.
+    // Everything that the agent sent before has arrived by then.
     void expect_silence() {
         command(chatter, "flush");
         arrival next = receive();

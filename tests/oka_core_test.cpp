@@ -180,7 +180,7 @@ class watch_test : public core_test {
 
 TEST_F(watch_test, a_readable_descriptor_is_one_message_at_a_time) {
     write_byte();
-    // Whoever leaves something unread is told again, and once the other messages had their turn.
+    // A reader that leaves something unread is told again, after the messages that were queued before.
     for (int unread = 2; unread > 0; --unread) {
         EXPECT_EQ(next(), (received{word, OKA_MAILBOX_NONE, root}));
         send(1, root, root);

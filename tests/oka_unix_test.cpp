@@ -313,7 +313,7 @@ TEST_F(unix_test, a_name_is_free_when_its_process_is_dead_and_not_when_it_is_a_f
 TEST_F(unix_test, only_the_same_user_root_and_an_open_folders_group_are_answered) {
     if (getuid() != 0)
         GTEST_SKIP() << "needs root, to become another user";
-    constexpr uid_t stranger = 54321;
+    constexpr uid_t another = 54321;
     constexpr gid_t group = 54322;
     const struct {
         const char* what;
@@ -322,9 +322,9 @@ TEST_F(unix_test, only_the_same_user_root_and_an_open_folders_group_are_answered
         gid_t supplementary;
         bool answered;
     } rows[] = {
-        {"another user", 0771, stranger, stranger, false},
-        {"a member of the group", 0771, group, stranger, true},
-        {"a member by a supplementary group", 0771, stranger, group, true},
+        {"another user", 0771, another, another, false},
+        {"a member of the group", 0771, group, another, true},
+        {"a member by a supplementary group", 0771, another, group, true},
         {"a member, and the folder is closed to its group", 0701, group, group, false},
     };
     start();
@@ -335,7 +335,7 @@ TEST_F(unix_test, only_the_same_user_root_and_an_open_folders_group_are_answered
     chmod(socket_path("root").c_str(), 0666);
     for (const auto& row : rows) {
         chmod(folder.c_str(), 0771);
-        ASSERT_TRUE(!setgroups(1, &row.supplementary) && !setegid(row.primary) && !seteuid(stranger));
+        ASSERT_TRUE(!setgroups(1, &row.supplementary) && !setegid(row.primary) && !seteuid(another));
         raw_client client(socket_path("root"));
         ASSERT_TRUE(!seteuid(0) && !setegid(0) && !setgroups(0, nullptr));
         ASSERT_TRUE(client.connected) << row.what;
@@ -374,7 +374,7 @@ TEST_F(unix_test, long_paths_are_reached) {
     expect_echo(find(unit + "/agent"));
 }
 
-TEST_F(unix_test, a_flood_of_strangers_keeps_nobody_out) {
+TEST_F(unix_test, half_open_connections_and_failing_accepts_keep_no_other_process_out) {
     agent_process process("here");
     start();
     std::list<raw_client> flood;

@@ -24,8 +24,8 @@ typedef uint32_t oka_mailbox;
 /* Identifies one supervision; never 0. */
 typedef uint32_t oka_monitor_ref;
 
-/* A message begins with its number, in the byte order of the machine that holds it, whatever order the
- * sender's machine has: a transport carries the number in one fixed order and converts it. The bytes
+/* A message begins with its number, in the byte order of the machine that holds it: a transport carries the
+ * number in one fixed order and converts it. The bytes
  * after the number belong to the protocol and are carried as they are. The buffer is aligned for any
  * type. Exactly one party owns a message at any time. */
 typedef struct oka_message {
@@ -61,8 +61,8 @@ oka_mailbox oka_create_mailbox(const char* name, uint32_t flags);
 oka_mailbox oka_clone_mailbox(oka_mailbox existing, const char* name);
 
 /* Deletes a mailbox of this process: its name is free again, messages still queued for it and locates
- * that it asked for are dropped, and whoever monitors it is told. OKA_MAILBOX_NONE and ids that are not
- * mailboxes of this process are ignored. */
+ * that it asked for are dropped, and the mailboxes that monitor it are told. OKA_MAILBOX_NONE and ids that
+ * are not mailboxes of this process are ignored. */
 void oka_delete_mailbox(oka_mailbox mailbox);
 
 /* A new message owned by the caller. `size` is in bytes and counts the number, so it is at least 4; all

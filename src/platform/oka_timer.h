@@ -32,8 +32,8 @@ bool oka_timer_service_stop(void);
 oka_timer_ref oka_timer_request_sig(uint32_t timeout_ms, oka_message** prepared);
 
 /* Stops a timer that has not expired; its message is freed and not delivered. A timer that has expired
- * already, and whose message waits to be received, delivers it all the same: whoever requests timers
- * recognises a stale one. 0 and unknown references are ignored. */
+ * already, and whose message waits to be received, delivers it all the same: the receiver has to
+ * recognise a stale one. 0 and unknown references are ignored. */
 void oka_timer_cancel(oka_timer_ref timer);
 
 #ifdef __cplusplus

@@ -1,7 +1,7 @@
 /* The trace service.
  *
  * A contract: records go to a sink of the platform's choice, and whether a record is wanted is one bit
- * test in a per-thread mask, so that a trace that nobody reads costs a load and a branch. Callers test
+ * test in a per-thread mask, so that a trace that is not wanted costs a load and a branch. Callers test
  * the bit before they format anything.
  */
 #ifndef QEL_TAVU_PLATFORM_ZEB_H

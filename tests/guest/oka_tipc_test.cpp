@@ -65,7 +65,7 @@ TEST_P(tipc_contract, who_names_another_mailbox_at_the_same_address_is_refused) 
         EXPECT_LE(recv(fd, &byte, 1, MSG_DONTWAIT), 0);
         close(fd);
     }
-    // Nobody else is harmed.
+    // Other connections are not affected.
     expect_silence();
     create_and_locate("another");
 }

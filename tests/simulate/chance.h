@@ -20,7 +20,7 @@ class chance {
     }
     size_t below(size_t bound) { return static_cast<size_t>(next() % bound); }
     bool one_in(size_t times) { return below(times) == 0; }
-    // Every order of magnitude is as likely as the next: what breaks hides in the short ones.
+    // Every order of magnitude is equally likely: faults often show only at short times.
     uint64_t spread(uint64_t least, uint64_t most) {
         double part = static_cast<double>(next() >> 11) / 9007199254740992.0;
         return static_cast<uint64_t>(static_cast<double>(least) *

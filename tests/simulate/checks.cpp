@@ -140,9 +140,9 @@ void checks::mailbox_gone(mailbox_ref mailbox) {
     });
 }
 
-// The one known exception: a KaY remembers over its lives that its frames were to be protected, so that one
-// which joins again reports encryption with its first keys, some messages before the key server has it
-// protect. It sends clear frames until then, which a strict receiver drops.
+// The one known exception: a KaY that leaves and joins again remembers that its frames were to be protected.
+// With its first keys it reports encryption, some messages before the key server has it protect. Until then
+// it sends clear frames, which a strict receiver drops.
 bool checks::is_yet_to_protect(const link_end& end) const {
     auto at = secys_.find(end);
     return at != secys_.end() && !at->second.protects && !at->second.was_protecting;

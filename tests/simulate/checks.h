@@ -44,7 +44,7 @@ class checks {
 
     // After every step.
     void look_at_links();
-    // Both ends say so, and frames get through both ways.
+    // Both ends report it, and frames arrive in both directions.
     bool is_good(const link& which) const;
     bool all_good() const;
     // What is wrong with the links and requests once nothing disturbs them any more.

@@ -30,7 +30,7 @@ double in_s(uint64_t ns) {
     return static_cast<double>(ns) / 1e9;
 }
 
-// Who hands over to whom runs fastest on one processor.
+// Processes that hand over to each other run fastest on one processor.
 void stay_on_processor(size_t which) {
     cpu_set_t here;
     if (sched_getaffinity(0, sizeof here, &here) != 0)

@@ -66,7 +66,7 @@ class node : audience {
     fault draw_fault();
     void single_fault();
     void expect_nothing_open();
-    void spare_who_is_doomed();
+    void withdraw_pending_faults();
     void calm();
     void be_quiet();
     void round();
@@ -283,14 +283,14 @@ void node::sent(mailbox_ref from, process& sender, mailbox_ref to, const bytes& 
 
 void node::traced(process& by, std::string_view line) {
     // A KaY that failed while it gave up its channels stays failed when its port is to be unauthenticated,
-    // and the port manager tries again every second, until the port is to be secured: so much is known.
+    // and the port manager tries again every second, until the port is to be secured: this is known.
     if (line.find("Could not set MACsec role 'MACSEC_ROLE_UNAUTHENTICATED'") != line.npos)
         stuck_[by.unit][std::string(line.substr(line.rfind(' ')))] = stage_.now_ns();
     if (!is_explained(line, occurred_))
         fail(by.name + " traces what no fault explains: " + std::string(line));
 }
 
-// The system starts again whatever ends.
+// Programs that end are started again, as the system does.
 void node::ended(process& which, bool killed, int status) {
     if (which.what == role::DAEMON)
         checks_.daemon_ended(which.unit);
@@ -309,7 +309,7 @@ void node::stepped() {
     if (is_good && !was_good_)
         good_since_ns_ = stage_.now_ns();
     // An association that could not be deleted is in the way when its number comes round again, three
-    // refreshes later: that is a cause, if a late one.
+    // refreshes later: so the fault explains it.
     if (!is_good && was_good_ && is_settled_ && !keeps_association_)
         fail("a working link is touched without a cause: " + checks_.open_matters());
     was_good_ = is_good;
@@ -468,13 +468,13 @@ void node::inject() {
     if (calm_)
         return;
     inject(draw_fault());
-    // Now and then another comes right behind, into the middle of what the first one causes.
+    // Now and then another follows at once, in the middle of what the first one causes.
     uint64_t shortest_ns = stage_.draw.one_in(3) ? 100'000 : longest_pause_ns_ / 100;
     at(stage_.draw.spread(shortest_ns, longest_pause_ns_), [this] { inject(); });
 }
 
-// What was to strike in the middle of something, and nothing came.
-void node::spare_who_is_doomed() {
+// Faults that wait for a call or message which did not come.
+void node::withdraw_pending_faults() {
     failing_call_.clear();
     for (int unit : units_) {
         for (role each : roles) {
@@ -504,7 +504,7 @@ void node::calm() {
 
 // A fault that strikes late counts from then on; one that has found no occasion by now never will.
 void node::be_quiet() {
-    spare_who_is_doomed();
+    withdraw_pending_faults();
     while (violation_.empty() && stage_.now_ns() < cause_gone_ns_ + quiet_ns)
         pass(cause_gone_ns_ + quiet_ns - stage_.now_ns());
 }
@@ -578,7 +578,7 @@ outcome node::play() {
         for (role each : roles)
             at(stage_.draw.below(second), [=, this] { start(unit, each); });
     }
-    // What stays behind of a life of the links is to be the same after many of them.
+    // Links that come and go many times must leave no more behind than those that do once.
     pass(settling_ns);
     show_links();
     set_all_edits(edit::ABSENT);

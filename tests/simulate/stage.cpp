@@ -213,7 +213,7 @@ void stage::serve(process& running) {
     audience_.stepped();
 }
 
-// False when its doom came.
+// False when it was killed.
 bool stage::take_packet(process& from, const unsigned char* packet, size_t size, bool& waits) {
     auto lives = [&from] { return from.doomed_after == none || from.doomed_after-- > 0; };
     auto kind = *reinterpret_cast<const oxhal_sim::report_kind*>(packet);
@@ -470,7 +470,7 @@ void stage::perform(candidate chosen) {
         grant(runs, record, what.message.data());
     }
     serve(runs);
-    // Empty queues of those who are gone are not looked at for ever.
+    // Empty queues from processes that are gone are removed, so that their number does not grow.
     if (process* still = chosen.from ? by_id(id) : nullptr)
         std::erase_if(still->inbox, [this](const auto& entry) {
             return entry.second.empty() && !by_id(entry.first.process);

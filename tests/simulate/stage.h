@@ -49,7 +49,7 @@ struct delivery {
     search answered; // located
 };
 
-// One life of a program.
+// One incarnation of a program.
 struct process {
     uint32_t id;
     int unit;

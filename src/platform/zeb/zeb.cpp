@@ -68,7 +68,7 @@ struct line {
     size_t size = 0;
 };
 
-// A record is one line, whatever a peer wrote into the text that is shown.
+// A record stays one line, even if a peer put a line feed into a text that is shown.
 void replace_control_characters(char* text, size_t size) {
     for (size_t at = 0; at < size; at++) {
         if (static_cast<unsigned char>(text[at]) < ' ' || text[at] == '\x7f')
@@ -160,7 +160,7 @@ void write_to_stderr(const zeb::record& record) {
         unread.lost++;
 }
 
-// Why a process ended is worth some waiting.
+// The last errors tell why the process ended, so this waits for a moment.
 void write_unread_at_the_end() {
     (void)write_unread(patience_at_the_end_ms);
 }

@@ -51,14 +51,14 @@ struct clock {
 
 struct transport {
     const char* name;
-    // Whether it leads to other hosts: then hunt paths are its business, and only its.
+    // Whether it leads to other hosts. Then it gets the hunt paths, and the others do not.
     bool between_hosts;
     // Returns 0 or an error number that it has reported.
     int (*start)(const char* own_unit);
     void (*stop)();
-    // Makes a mailbox of this process reachable by its name, and takes that back and tells whoever knows
-    // the mailbox that it is gone.
+    // Makes a mailbox of this process reachable by its name.
     bool (*announce)(oka_mailbox mailbox, const char* name);
+    // Takes that back, and tells other processes that know the mailbox that it is gone.
     void (*withdraw)(oka_mailbox mailbox);
     // Searches until answer_locate or cancel_locate. `unit` is "" for the own one.
     void (*locate)(uint32_t locate, const char* unit, const char* name);
@@ -79,7 +79,7 @@ uint64_t now_ns();
 // A mailbox of another process became known, under an id that it keeps until remove_remote. Messages for it
 // go to `send`, which owns them; their `sender` is a mailbox of this process or none.
 oka_mailbox add_remote(void (*send)(void* handle, envelope* message), void* handle);
-// It is gone, for whatever reason: its monitors fire.
+// It is gone: its monitors fire.
 void remove_remote(oka_mailbox mailbox);
 // Queues a message for oka_receive, or frees it when its receiver is gone.
 void deliver(envelope* message);

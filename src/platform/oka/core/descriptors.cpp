@@ -44,7 +44,7 @@ bool change_watch(descriptor& watched, uint32_t events) {
 void unwatch(descriptor& watched) {
     if (epoll_ctl(set.epoll, EPOLL_CTL_DEL, watched.fd, nullptr) == 0)
         --set.watched;
-    // Its owner may be freed next, and may stand further down in the events that are being handed out.
+    // Its owner may be freed next, while an event for it may still be waiting to be handed out.
     for (int index = 0; index < set.ready; ++index) {
         if (set.events[index].data.ptr == &watched)
             set.events[index].data.ptr = nullptr;

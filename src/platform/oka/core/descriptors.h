@@ -6,7 +6,7 @@
 
 namespace oka {
 
-// Embedded in whatever owns the descriptor. `ready` may unwatch any descriptor, its own too.
+// Embedded in the record that owns the descriptor. `ready` may unwatch any descriptor, its own too.
 struct descriptor {
     int fd = -1;
     void (*ready)(void* context, uint32_t events) = nullptr;
@@ -18,7 +18,7 @@ bool watch(descriptor& watched, uint32_t events);
 bool change_watch(descriptor& watched, uint32_t events);
 void unwatch(descriptor& watched);
 uint32_t watched_descriptors();
-// Lets go of the epoll itself, unless someone still uses it: a child process must not share it.
+// Closes the epoll itself, unless a descriptor is still watched: a child process must not share it.
 void release_descriptors();
 
 // One system call: waits at most `timeout_ms` (-1 for ever) and calls `ready` for those that are. Whether

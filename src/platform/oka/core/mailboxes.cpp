@@ -21,7 +21,7 @@ struct monitor {
 
 namespace {
 
-// Mailboxes that are gone and still remembered for the mailbox through which they were known.
+// How many mailboxes that are gone stay known.
 constexpr uint32_t remembered_gone_mailboxes = 256;
 
 constinit struct {
@@ -93,8 +93,8 @@ void forget_oldest_gone() {
     delete oldest;
 }
 
-// A mailbox that is gone stays known for a while: a supervision that is asked for now is answered at once, on
-// the mailbox through which it became known.
+// A mailbox that is gone stays known for a while, so that a supervision of it is answered at once, on the
+// mailbox through which it became known.
 void remember_gone(mailbox* gone) {
     assert(!gone->monitors && !gone->path);
     gone->where = place::gone;
@@ -124,7 +124,7 @@ void fire_monitors(mailbox* gone) {
     }
 }
 
-// A supervision's message outlives the mailbox that it was to arrive on.
+// The message of a supervision is delivered even when the mailbox that it was meant for is gone.
 void redirect_to_root(oka_mailbox ended) {
     if (state.root == OKA_MAILBOX_NONE)
         return;

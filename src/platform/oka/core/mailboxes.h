@@ -27,9 +27,10 @@ mailbox* find_local_path(const char* path);
 mailbox* any_local();
 
 mailbox* add_local(const char* path);
-// For one that nobody knows yet.
+// For one that could not be announced.
 void forget_local(mailbox* fresh);
-// It is no longer local; its name is free. The second call drops what is queued for it, and tells of its end.
+// Deleting has two steps: the mailbox stops being local and its name is free; then what is queued for it is
+// dropped and its monitors fire.
 void close_local(mailbox* ended);
 void finish_local(mailbox* ended);
 

@@ -1,8 +1,8 @@
 // One-shot timers: a list in the order of the due times, and of the requests among equal ones.
 //
-// The timers of a daemon are many heartbeats of one period and a few that wait much longer, so that a new one
-// finds its place within a few steps from the end, and cancelling one, which every heartbeat does, is a step
-// or two whatever else is running.
+// A daemon's timers are many heartbeats with one period and a few timers that wait much longer. So a new
+// timer finds its place within a few steps from the end of the list. Cancelling one, which every heartbeat
+// does, takes a step or two, however many timers run.
 #include <cstdlib>
 #include <vector>
 
@@ -12,8 +12,8 @@
 
 namespace {
 
-// A reference is a slot and how often that slot has been used, so that it outlives its timer by 65535 others
-// in the same slot before it can name one again.
+// A reference is a slot and how often that slot has been used: it names another timer only after 65535 more
+// uses of the same slot.
 constexpr uint32_t slot_bits = 16;
 constexpr uint32_t slots_max = 1u << slot_bits;
 constexpr uint32_t none = UINT32_MAX;
@@ -133,7 +133,7 @@ bool oka_timer_service_init() {
 bool oka_timer_service_stop() {
     bool was_up = timers.up;
     timers.up = false;
-    // The platform's own timers end with what they serve.
+    // The platform's own timers are cancelled by the parts of the platform that started them.
     for (uint32_t slot = 0; slot < timers.slots.size(); slot++) {
         if (at(slot).running && at(slot).prepared)
             oka::free_envelope(release(slot).prepared);

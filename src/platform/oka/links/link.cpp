@@ -19,7 +19,7 @@ namespace oka {
 namespace {
 
 constexpr size_t connections_limit = 512;
-// So many that a process cannot use up all of them. A peer needs two.
+// One process must not be able to use up all connections. A well-behaved one needs two.
 constexpr size_t connections_per_process_limit = 128;
 constexpr size_t mailboxes_per_peer_limit = 256;
 // Frames that a peer at its end may still have sent: more than TIPC lets wait on a connection.
@@ -84,7 +84,7 @@ void send_message(void* handle, envelope* message) {
 
 // --- Peers: their mailboxes
 
-// Null when the peer has more than anyone needs.
+// Null when the peer has too many.
 remote_mailbox* know_mailbox(peer* of, uint32_t id) {
     if (remote_mailbox* known = of->mailboxes.find(id))
         return known;
@@ -114,7 +114,7 @@ link_search* take_asking(peer& of, uint32_t mailbox) {
     return nullptr;
 }
 
-// --- Peers: their life
+// --- Peers: beginning and attaching
 
 peer* new_peer(connection* first) {
     auto* fresh = new peer;
@@ -126,8 +126,8 @@ peer* new_peer(connection* first) {
     return fresh;
 }
 
-// The peer of that number, unless it has hung up and is only now seen to have: then a new connection with
-// this number belongs to its next incarnation.
+// The peer with that number. If it has hung up, which is noticed only now, it is finished, and a connection
+// with the same number begins a new incarnation.
 peer* find_peer(const process_id& process) {
     for (peer* each = links.peers; each; each = each->next) {
         if (!same(each->process, process))
@@ -181,7 +181,7 @@ outcome handle_welcome(connection* from, const greeting_frame& welcome) {
     uint32_t mailbox = be32toh(welcome.header.sender_be);
     from->process = welcome.process;
     if (same(welcome.process, links.process)) {
-        // A way round to a mailbox of our own.
+        // The socket leads to this process itself.
         close_connection(from);
         if (is_local(mailbox))
             search->found(*search, mailbox);
@@ -377,9 +377,10 @@ void ready(void* context, uint32_t events) {
         receive(of);
 }
 
-// What the peer sent before its end is received first: on every connection, since its messages may be on
-// another one than the one that ended. Not every kind of socket keeps what has arrived through the shutdown,
-// so most of it is received before; nothing can be added after it, so that comes to an end.
+// Receives what the peer sent before its end, on each of its connections, since messages may wait on another
+// one than the one that ended. After the shutdown nothing more can arrive, so the second loop ends. Some
+// kinds of socket drop at the shutdown what has arrived, so the first loop receives as much as may be
+// waiting.
 void drain(connection* from) {
     for (int frames = 0; frames < drained_frames_limit && receive_frame(from) == outcome::handled; ++frames) {
     }
@@ -451,8 +452,8 @@ void accept_link(int fd, uint32_t pid, oka_mailbox mailbox, admits_packet admits
         return;
     fresh->mailbox = mailbox;
     fresh->admits = admits;
-    // A well-behaved process has said hello before it is accepted, and so is never the oldest that is
-    // half-open.
+    // A well-behaved process has sent its hello before it is accepted. Reading it at once keeps the
+    // connection from being closed as the oldest half-open one.
     receive(fresh);
 }
 

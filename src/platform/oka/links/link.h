@@ -1,13 +1,15 @@
 // Links between processes, over connected SOCK_SEQPACKET sockets of any family: the handshake, the frames,
-// the mailboxes of the other process and its death. How such a socket comes about, and who may have one, is
-// the transport's business.
+// the mailboxes of the other process and its death. Listening, searching and access rights are not handled
+// here.
 //
-// A process is known by a random number of its own, so that all connections to it are one peer and its
-// mailboxes have one id each. The side that connects says who it is, learns who answered, and then either
-// attaches the connection or, when the two are attached already, closes it again; a connection that was
-// never attached is nobody's death. Each side sends on one connection only, the first that it attached or
-// saw attached, which keeps the order. It then asks for the mailbox on that connection: so the answer stands
-// in order with the news that the mailbox is gone.
+// A process draws a random number when it starts. All connections to the process with that number are one
+// peer, so that each of its mailboxes has one id. The side that connects sends its number in a hello and
+// receives the other's in a welcome. If the two are not attached yet, it attaches the connection; otherwise
+// it closes it. The end of a connection that was never attached does not mean that a process died.
+//
+// Each side sends on one connection only, the first that was attached, which keeps messages in order. The
+// lookup of a mailbox goes over that connection too, so that its answer and the news that the mailbox is gone
+// cannot overtake each other.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +22,7 @@ namespace oka {
 struct connection;
 struct peer;
 
-// One search for a mailbox behind a connected socket; embedded in the record of whoever searches.
+// One search for a mailbox behind a connected socket; embedded in the record of the search.
 struct link_search {
     // Either is called once for every begin_link, unless cancel_link comes first.
     void (*found)(link_search& search, oka_mailbox mailbox) = nullptr;
@@ -47,8 +49,8 @@ void stop_links();
 
 // Whether one more connection may be opened or accepted.
 bool room_for_link();
-// A socket that was accepted on behalf of a mailbox of this process. Owns the socket. `pid` is the process
-// that the kernel says is behind it, between hosts its machine: nobody joins the connections of another one.
+// A socket that was accepted for a mailbox of this process; owns the socket. `pid` is the process at the
+// other end as the kernel tells it, between hosts its machine: only connections with the same one are a peer.
 // `admits` is null when connections begin with the hello.
 void accept_link(int fd, uint32_t pid, oka_mailbox mailbox, admits_packet admits);
 // A socket that is connected, or still connecting, to what should be the wanted mailbox. Owns the socket. May

@@ -80,7 +80,7 @@ void pause_accepting(int error) {
         listeners.accept_timer = call_later(accept_pause_ms, accept_after_pause, nullptr);
 }
 
-// One that is not there, or no longer. Any other error would come again at once.
+// There is no connection, or no longer. Any other error would come again at once.
 bool means_no_connection(int error) {
     return error == EAGAIN || error == EINTR || error == ECONNABORTED;
 }
@@ -110,7 +110,8 @@ void accept_one(void* context, uint32_t) {
 void close_socket(listener& closed) {
     if (closed.socket.fd < 0)
         return;
-    // The name goes first: while the socket listens nobody takes it for a stale one and puts another there.
+    // The name is removed first: while the socket still listens, no other process takes it for a stale one
+    // and replaces it.
     if (closed.over->withdraw)
         closed.over->withdraw(closed.at(), closed.socket);
     unwatch(closed.watched);
@@ -141,7 +142,7 @@ void watch_places(const family& over) {
         over.watch_places();
 }
 
-// Connections live on without the name of their socket; the name is for those that are still to come.
+// Existing connections do not need the name of the socket; new ones do.
 void restore_sockets(void*) {
     listeners.restore_timer = 0;
     bool complete = true;
@@ -170,8 +171,9 @@ bool announce_listener(const family& over, oka_mailbox mailbox, const char* name
     fresh->mailbox = mailbox;
     bool is_first = !*find_link([&](const listener& each) { return each.over == &over; });
     int error = open_socket(*fresh);
-    // The first one shows whether anything can be published. When something runs short later, a mailbox works
-    // without its socket, but that nobody new finds it; the socket follows as soon as it can.
+    // If the first one cannot be published, the environment is wrong, and that is an error. If a later one
+    // cannot, resources are short: the mailbox works for those that know it, and is published as soon as
+    // possible.
     if (error && (is_first || error == EADDRINUSE)) {
         delete fresh;
         return false;

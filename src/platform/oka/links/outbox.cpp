@@ -17,7 +17,7 @@ namespace {
 
 // What a peer that does not read may cost, in bytes that wait for it here, beside what the kernel holds.
 constexpr size_t backlog_limit = size_t{1} << 20;
-// And all such peers together; then the one with the most has to go.
+// And all such peers together; above that, the peer with the most is cut off.
 constexpr size_t backlogs_limit = size_t{4} << 20;
 
 struct {
@@ -49,7 +49,7 @@ void count_more(outbox& out, size_t bytes) {
     outboxes.highest_bytes = std::max(outboxes.highest_bytes, outboxes.bytes);
 }
 
-// The allocator would keep the memory of many small messages for ever.
+// Without the trim the allocator would keep the memory of many small messages for ever.
 void count_less(outbox& out, size_t bytes) {
     assert(out.bytes >= bytes && outboxes.bytes >= bytes);
     out.bytes -= bytes;
@@ -67,8 +67,8 @@ void drop_waiting(outbox& out) {
     count_less(out, out.bytes);
 }
 
-// What the other side sent before it broke is still to be received; the end is seen behind that. One that has
-// not ended by itself is ended here; not every kind of socket keeps what has arrived through that.
+// What the other side sent before is still received, and then the end of the connection is seen. If the other
+// side has not ended it, it is ended here, though some kinds of socket then drop what has arrived.
 void stop_sending(outbox& out, int error) {
     out.closed = true;
     drop_waiting(out);

@@ -181,7 +181,7 @@ uint64_t now() {
 }
 
 bool wait(uint64_t deadline_ns) {
-    // Nothing is there but what the conductor grants.
+    // Nothing happens but what the conductor grants.
     if (deadline_ns <= self.now_ns)
         return true;
     uint32_t flags =

@@ -1,7 +1,7 @@
-// What a conducted process and its conductor say to each other, over one SOCK_SEQPACKET socket between two
-// processes of one host and one build. A packet from the process holds records of all that it did since it
-// was last granted a step, and ends with one that is waited on; the conductor's holds the one record that
-// answers.
+// The packets between a conducted process and its conductor, over one SOCK_SEQPACKET socket between two
+// processes of one host and one build. A packet from the process holds a record for everything that it did
+// since its last step; it waits for the answer to the last record. A packet from the conductor holds one
+// record, the answer.
 #pragma once
 
 #include <cstdint>
@@ -9,12 +9,13 @@
 namespace oka {
 
 enum class conduct : uint32_t {
-    // The process did, a mailbox being its own id and a remote one the alias that the conductor gave it:
+    // What the process did. Own mailboxes appear by their id, others by the alias that the conductor gave
+    // them.
     send = 1,          // a: to the alias, b: from the mailbox or none; the message's bytes
     withdraw = 2,      // a: mailbox
     locate = 3,        // a: locate; the unit, NUL, and the name
     cancel_locate = 4, // a: locate
-    // and is waiting:
+    // What it waits for:
     hello = 8,
     announce = 5, // a: mailbox; its name
     wait = 6,     // a: conduct_wait flags, c: until this time at the latest
@@ -55,7 +56,7 @@ struct conduct_balance {
     uint64_t heap; // bytes in use
 };
 
-// Every packet is smaller, one record too that holds a message of the largest size.
+// Larger than every packet, also than a record with a message of the largest size.
 constexpr uint32_t conduct_packet_max = 96 * 1024;
 
 } // namespace oka

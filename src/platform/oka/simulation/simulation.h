@@ -2,7 +2,7 @@
 //
 // plug() before anything else; then oka_timer_service_init, oka_init and the rest work as ever. Time stands
 // still until the test moves it. oka_receive never waits: it returns NULL when nothing is queued, no timer
-// is due and no watched descriptor is readable, whatever its time-out.
+// is due and no watched descriptor is readable, even with a time-out.
 #pragma once
 
 #include <cstdint>
@@ -27,11 +27,11 @@ void queue_due_timers();
 // is found under this hunt path.
 oka_mailbox create_mailbox(const char* path);
 
-// Makes a message pretend that only its first `size` bytes arrived, as a careless peer's would.
+// Makes a message look as if only its first `size` bytes had arrived.
 void truncate(oka_message* message, uint32_t size);
 
-// What is alive: all zero after oka_timer_service_stop and oka_exit when nothing was left behind. A message
-// counts wherever it is: queued, prepared for a locate, monitor or timer, or held by its receiver.
+// What is alive: all zero after oka_timer_service_stop and oka_exit, unless something leaked. Messages count
+// while they are queued, prepared for a locate, monitor or timer, or held by their receiver.
 struct balance {
     uint32_t messages = 0;
     uint32_t mailboxes = 0; // of this process, the test's too

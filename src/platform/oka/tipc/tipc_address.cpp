@@ -9,7 +9,7 @@ namespace {
 // Service types below are the kernel's own.
 constexpr uint32_t first_free_type = TIPC_RESERVED_TYPES;
 
-// FNV-1a: spreads names well, and is the same everywhere. Nothing rests on it being hard to invert.
+// FNV-1a: spreads names well, and is the same on every machine. It need not be hard to invert.
 uint32_t hash(const char* text) {
     uint32_t value = 2166136261u;
     for (; *text; ++text)

@@ -25,7 +25,7 @@ struct {
     uint32_t reconnect_timer = 0;
 } server;
 
-// Blocking, since the server is the kernel's own and answers at once; -1 with errno.
+// The socket blocks, since the server is in the kernel and answers at once. -1 with errno.
 int connect_to_server() {
     int fd = socket(AF_TIPC, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0)
@@ -55,7 +55,8 @@ bool send_subscription(int fd, const tipc_subscr& subscription) {
            static_cast<ssize_t>(sizeof subscription);
 }
 
-// One that cannot be sent is made up for when the server is asked anew: then it has closed the connection.
+// If it cannot be sent, the server has closed the connection; all searches are subscribed when it is opened
+// anew.
 void subscribe(const search& of, uint32_t filter) {
     tipc_subscr subscription = subscription_to(service_of(of.wanted()));
     subscription.filter |= filter;
@@ -129,7 +130,7 @@ void look(search& of) {
             open_server(nullptr);
         return;
     }
-    // What was told already is told again.
+    // So the server tells again of what it told already.
     unsubscribe(of);
     subscribe(of, 0);
 }
@@ -145,8 +146,8 @@ uint32_t count_publications(const tipc_service_addr& service, uint32_t node) {
     int fd = connect_to_server();
     if (fd < 0)
         return 0;
-    // The server works off one subscription after the other, and is published itself: the event that tells of
-    // the server comes behind all those that are asked for.
+    // The server handles subscriptions in order, and is published itself: the event about the server comes
+    // after all events about the service.
     const tipc_subscr subscriptions[] = {subscription_to(service),
                                          subscription_to({.type = TIPC_TOP_SRV, .instance = TIPC_TOP_SRV})};
     bool sent = true;

@@ -22,7 +22,7 @@ extern const family sockets;
 namespace {
 
 constexpr int waiting_connections = 128;
-// How long a machine may take to answer; one that is gone is known sooner, by the end of its TIPC link.
+// How long a machine may take to answer. One that is gone is noticed sooner, by the end of its TIPC link.
 constexpr uint32_t connect_timeout_ms = 5'000;
 
 // --- Whether the node's traffic is encrypted
@@ -32,7 +32,7 @@ const char* key_mark() {
     return chosen && *chosen ? chosen : "/run/oka-tipc-key";
 }
 
-// What the mark says, without the end of the line; "" when there is none, or it is not root's.
+// The first line of the mark; "" when there is no mark, or when it is not root's.
 void read_key_mark(char* text, size_t size) {
     text[0] = '\0';
     int fd = open(key_mark(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
@@ -126,7 +126,7 @@ bool bind_service(int fd, const tipc_service_addr& service) {
     bound.addrtype = TIPC_SERVICE_RANGE;
     bound.scope = TIPC_CLUSTER_SCOPE;
     bound.addr.nameseq = {.type = service.type, .lower = service.instance, .upper = service.instance};
-    // It is connected to the moment it is published.
+    // Listens first, since others connect the moment it is published.
     return listen(fd, waiting_connections) == 0 &&
            bind(fd, reinterpret_cast<const sockaddr*>(&bound), sizeof bound) == 0;
 }
@@ -148,7 +148,7 @@ int publish(const mailbox_address& at, published_socket& published) {
     return error;
 }
 
-// Every node of the cluster may: the key is what keeps others out.
+// Every node of the cluster may connect. The key of the cluster keeps other machines out.
 bool may_connect(int fd, const mailbox_address&, uint32_t& node) {
     node = other_node(fd);
     return true;

@@ -6,9 +6,9 @@
 // machine or of the cable ends connections, the latter two within the tolerance of the TIPC link.
 //
 // Keys of MACsec travel here. So the transport starts only where the node's TIPC traffic is encrypted, or
-// where OKA_TIPC_CLEAR=yes says that it need not be. The kernel takes a node key but does not tell whether it
-// has one; whoever sets it, as root, leaves a mark: a file of root's, OKA_TIPC_KEY_MARK or /run/oka-tipc-key,
-// with the name of the network namespace that was given the key ("net:[4026531840]").
+// where OKA_TIPC_CLEAR=yes says that it need not be. The kernel does not tell whether it has a node key. So
+// the program that sets the key, as root, leaves a mark: a file of root's, OKA_TIPC_KEY_MARK or
+// /run/oka-tipc-key, with the name of the network namespace that was given the key ("net:[4026531840]").
 #pragma once
 
 #include "platform/oka/core/core.h"

@@ -41,7 +41,7 @@ bool open_folder_watch(folder_watch& watch) {
     return watch.inotify.fd >= 0;
 }
 
-// Cuts a path short and mends it at the end of the scope.
+// Cuts a path short until the end of the scope.
 class cut_path {
   public:
     cut_path(char* path, size_t length) : at_(path + length), cut_(*at_) { *at_ = '\0'; }
@@ -71,8 +71,8 @@ size_t parent_of(const char* path, size_t length) {
     return length;
 }
 
-// From the folder upwards to the first part of its path that exists. One that appears below it meanwhile
-// would never be seen, so then it starts again.
+// Goes from the folder upwards to the first part of its path that exists. If the part below has appeared
+// meanwhile, no event would tell of it, so it starts again.
 bool watch_deepest(const folder_watch& watch, char* path, uint32_t events) {
     size_t full = strlen(path);
     size_t below = 0; // the next part down, which does not exist
@@ -96,7 +96,7 @@ bool watch_folder(folder_watch& watch, const unit_folder& folder, uint32_t event
     unit_folder copy = folder;
     if (!open_folder_watch(watch) || !watch_deepest(watch, copy.path, events))
         return false;
-    // Renaming a folder further up takes the whole path away.
+    // A folder further up may be renamed, and then the whole path is gone.
     size_t root = messaging_directory_length();
     for (size_t length = parent_of(copy.path, strlen(copy.path)); length >= root;
          length = parent_of(copy.path, length))

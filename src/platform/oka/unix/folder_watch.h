@@ -1,4 +1,4 @@
-// Being told of changes in folders that may not exist yet, and may go away and come back: inotify.
+// Learns of changes in folders, by inotify. A folder may not exist yet, and may be removed and come back.
 #pragma once
 
 #include <cstdint>
@@ -11,14 +11,15 @@ namespace oka::af_unix {
 struct folder_watch {
     // For every change: the name that it is about, or null when a folder went away or changes were lost.
     void (*changed)(const char* name) = nullptr;
-    // After all changes that were there.
+    // After all changes that were waiting.
     void (*settled)() = nullptr;
 
     descriptor inotify = {};
 };
 
-// Watches the folder, or the deepest part of its path that there is, for `events` (inotify's) and for the
-// next part to appear, and all of it for going away. False with errno when the kernel refuses.
+// Watches the folder for `events` (inotify's). If it does not exist, watches the deepest part of its path
+// that does, until the next part appears. Watches every part for being removed. False, with errno, when the
+// kernel refuses.
 bool watch_folder(folder_watch& watch, const unit_folder& folder, uint32_t events);
 // Ends all watches.
 void close_folder_watch(folder_watch& watch);

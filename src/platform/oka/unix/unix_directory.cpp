@@ -71,7 +71,7 @@ int new_socket() {
     return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
-// Below the messaging directory, folders are for those that it is for: this user, or a group.
+// Folders below the messaging directory are open to its group, if the directory is, and else to this user.
 mode_t mode_of_new_folder(const char* path) {
     struct stat root;
     bool for_group = strlen(path) > directory.root_length && stat(directory.root, &root) == 0 &&
@@ -79,7 +79,7 @@ mode_t mode_of_new_folder(const char* path) {
     return for_group ? 0770 : 0700;
 }
 
-// The group, and that it passes on, come from the folder above.
+// The kernel takes the group, and the bit that passes it on, from the folder above.
 bool make_directory(const char* path) {
     mode_t umask_before = umask(0);
     bool made = mkdir(path, mode_of_new_folder(path)) == 0;
@@ -104,7 +104,7 @@ bool make_directories(const char* path) {
     }
 }
 
-// Missing when someone removed it since the start.
+// Makes the folder again if it was removed since the start.
 int open_and_keep(const unit_folder& folder) {
     int fd = open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT && make_directories(folder.path))
@@ -112,8 +112,8 @@ int open_and_keep(const unit_folder& folder) {
     return fd;
 }
 
-// No more rights than the folder's group needs, and those only when the folder is open to its group. The
-// mode is the socket's before it has a name, so that there is no moment with more.
+// Gives the folder's group rights only when the folder is open to its group. The mode is set before the
+// socket has a name, so that there is no moment with more rights.
 bool bind_in(int folder, const char* name, int socket) {
     struct stat folder_status;
     sockaddr_un address;
@@ -129,7 +129,7 @@ bool bind_in(int folder, const char* name, int socket) {
     return true;
 }
 
-// Whether nobody listens behind the name any more. Anything that is not a socket is not ours to replace.
+// Whether no process listens behind the name any more. A file that is not a socket is never replaced.
 bool is_stale(int folder, const char* name) {
     struct stat status;
     if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) < 0)
@@ -139,8 +139,8 @@ bool is_stale(int folder, const char* name) {
            errno == ECONNREFUSED;
 }
 
-// Locks the folder against others who replace a stale socket in it. They hold the lock for a moment only;
-// one who does not is not waited for.
+// Locks the folder against other processes that replace a stale socket in it. They hold the lock for a moment
+// only, so this waits for 100 ms at most.
 bool lock_folder(int folder) {
     constexpr int attempts = 100;
     constexpr timespec pause = {.tv_sec = 0, .tv_nsec = 1'000'000};
@@ -152,11 +152,11 @@ bool lock_folder(int folder) {
     return false;
 }
 
-// Gives the bound and listening socket its name: from here on it can be found, and connected to at once.
+// Gives the bound and listening socket its name. From here on it can be found and connected to.
 bool move_into_place(int folder, const char* temporary, const char* name) {
     if (renameat2(folder, temporary, folder, name, RENAME_NOREPLACE) == 0)
         return true;
-    // EINVAL comes from file systems that cannot rename so.
+    // EINVAL: the file system does not know this kind of rename.
     if ((errno != EEXIST && errno != EINVAL) || !lock_folder(folder))
         return false;
     bool moved = is_stale(folder, name) && renameat(folder, temporary, folder, name) == 0;

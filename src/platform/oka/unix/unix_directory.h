@@ -1,5 +1,5 @@
-// The messaging directory: where units are folders and mailboxes are socket files. Publishing a socket
-// there, connecting to one, and who may.
+// The messaging directory, in which units are folders and mailboxes are socket files: publishes sockets
+// there, connects to them, and decides which processes may connect.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +26,7 @@ void unpublish(const mailbox_address& at, const published_socket& published);
 bool is_in_place(const mailbox_address& at, const published_socket& published);
 
 // The connected, non-blocking socket and the process behind it, or -1 with errno: ENOENT when there is no
-// such mailbox now, EPERM when the process behind it is none that we talk to.
+// such mailbox now, EPERM when its process belongs to a user that we do not talk to.
 int connect_socket(const unit_folder& folder, const char* name, uint32_t& pid);
 
 // Whether the process at the other end may talk to us through a mailbox of that folder: the same user,

@@ -16,7 +16,7 @@ extern const family sockets;
 
 namespace {
 
-// There is one place to look at: the file of that name.
+// There is only one place where a mailbox can be: the file of its name.
 constexpr uint64_t the_file = 0;
 
 void note_removed(const char* name);
@@ -76,8 +76,8 @@ void look_at_changed() {
     try_places(sockets);
 }
 
-// Most mailboxes exist when they are searched. Only for those that do not are the folders watched, since
-// giving such a watch up again makes the kernel wait for several milliseconds.
+// Most mailboxes exist when they are searched for. The folders are watched only for the others, since the
+// kernel needs several milliseconds to end such a watch.
 int connect_watched(const search& of, uint64_t, uint32_t& peer) {
     unit_folder folder = folder_of(of.unit);
     int fd = connect_socket(folder, of.name, peer);
@@ -92,7 +92,7 @@ int connect_watched(const search& of, uint64_t, uint32_t& peer) {
 }
 
 void stop_looking(const search&) {
-    // With the last search go all watches, also those that earlier ones left.
+    // The last search ends all watches, those of earlier searches too.
     if (!next_search(sockets, nullptr))
         close_folder_watch(searched_folders);
 }
