@@ -96,6 +96,7 @@ void limit_half_open() {
     connection* oldest = nullptr;
     for (connection* each = connections.all; each; each = each->next)
         oldest = is_half_open(each->now) ? each : oldest;
+    assert(oldest);
     close_connection(oldest);
 }
 

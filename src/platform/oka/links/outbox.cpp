@@ -89,6 +89,7 @@ void make_room(outbox& out, size_t bytes) {
         outbox* longest = outboxes.all;
         for (outbox* each = longest; each; each = each->next)
             longest = each->bytes > longest->bytes ? each : longest;
+        assert(longest);
         cut_off(*longest);
     }
 }
