@@ -29,7 +29,7 @@ struct family {
     // Returns 0 or an error number that it has reported.
     int (*start)(const char* own_unit);
     // After its last listener and search. Null when there is nothing to stop.
-    void (*stop)();
+    void (*stop)() = nullptr;
 
     // --- Listening
 
@@ -37,17 +37,17 @@ struct family {
     // has reported, EADDRINUSE when the name is taken.
     int (*publish)(const mailbox_address& at, published_socket& published);
     // It is no longer found; it is closed after this. Null when closing is enough.
-    void (*withdraw)(const mailbox_address& at, const published_socket& published);
+    void (*withdraw)(const mailbox_address& at, const published_socket& published) = nullptr;
     // Whether it can still be found. Null when it always can.
-    bool (*is_in_place)(const mailbox_address& at, const published_socket& published);
+    bool (*is_in_place)(const mailbox_address& at, const published_socket& published) = nullptr;
     // Calls restore_listeners when one may not be found any more. Null when they always are.
-    void (*watch_places)();
+    void (*watch_places)() = nullptr;
     // Who is behind an accepted socket: the process, between hosts its machine. False, after reporting why,
     // when it may not connect.
     bool (*may_connect)(int fd, const mailbox_address& to, uint32_t& peer);
     // Whether the first packet of a connection names the mailbox that it came to. Null when connections begin
     // with the hello.
-    bool (*admits)(oka_mailbox mailbox, uint32_t peer, const void* packet, size_t size);
+    bool (*admits)(oka_mailbox mailbox, uint32_t peer, const void* packet, size_t size) = nullptr;
 
     // --- Searching
 
@@ -58,9 +58,9 @@ struct family {
     // A socket that is connected to the place or, with `connects_later`, may still be connecting; and who is
     // there. -1 with errno: ENOENT when no mailbox is there now, and one that appears will be added.
     int (*connect)(const search& of, uint64_t place, uint32_t& peer);
-    bool connects_later;
+    bool connects_later = false;
     // Sends the first packet, the one that `admits` expects. Null when there is none.
-    bool (*introduce)(int fd, const mailbox_address& wanted);
+    bool (*introduce)(int fd, const mailbox_address& wanted) = nullptr;
 };
 
 } // namespace oka

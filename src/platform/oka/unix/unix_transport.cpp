@@ -99,21 +99,20 @@ void stop_looking(const search&) {
 
 } // namespace
 
-constexpr family sockets = {.name = "unix",
-                            .between_hosts = false,
-                            .start = use_messaging_directory,
-                            .stop = [] { close_folder_watch(own_folder); },
-                            .publish = publish,
-                            .withdraw = unpublish,
-                            .is_in_place = is_in_place,
-                            .watch_places = watch_own_folder,
-                            .may_connect = may_connect,
-                            .admits = nullptr,
-                            .look = look,
-                            .stop_looking = stop_looking,
-                            .connect = connect_watched,
-                            .connects_later = false,
-                            .introduce = nullptr};
+constexpr family sockets = {
+    .name = "unix",
+    .between_hosts = false,
+    .start = use_messaging_directory,
+    .stop = [] { close_folder_watch(own_folder); },
+    .publish = publish,
+    .withdraw = unpublish,
+    .is_in_place = is_in_place,
+    .watch_places = watch_own_folder,
+    .may_connect = may_connect,
+    .look = look,
+    .stop_looking = stop_looking,
+    .connect = connect_watched,
+};
 
 } // namespace oka::af_unix
 
