@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "protocols/topology_messages.h"
+#include "services/idl-topologyd/link_record.h"
 #include "services/idl-topologyd/links_file.h"
 #include "services/idl-topologyd/topologyd.h"
 #include "support/world.h"
@@ -125,19 +126,19 @@ class idl_topologyd : public test::world {
         says.port.assign("IDL_C2");
         says.remote_port.assign("IDL_A1");
         says.remote_mpid = own_mpid;
-        says.life = 1000;
+        says.incarnation = 1000;
         settle();
         other_says(TOPOLOGY_PHASE_DOWN);
     }
     void other_says(topology_phase phase) {
         (void)heard();
         says.phase = phase;
-        says.seen_life = told.life;
+        says.seen_incarnation = told.incarnation;
         other->send(manager, TOPOLOGY_PEER_LINK_IND, says);
         settle();
     }
     void other_starts_over() {
-        says.life = says.life + 1;
+        says.incarnation = says.incarnation + 1;
         other_says(TOPOLOGY_PHASE_DOWN);
     }
     // What the other end was told last.
@@ -304,10 +305,10 @@ TEST_F(idl_topologyd, connects_subscribes_publishes_and_tells_the_other_end) {
               // reference, version 1, both ports, the other's MP id
               "00 00 00 01 00 00 00 00 00 00 00 01 49 44 4c 5f 41 31 00 00 00 00 00 00 00 00 00 00 "
               "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 07 "
-              // a life, none seen, stopping, and no trouble
+              // an incarnation, none seen, stopping, and no fault
               "00 00 03 e9 00 00 00 00 00 00 00 02 00 00 00 00");
     reply(ADDED + 2, 4, 2, OXMSI_REJ_UNKNOWN_PORT_NAME);
-    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_REFUSED);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_REFUSED);
     EXPECT_NE(strstr(told.words.octets, "no port of this name"), nullptr) << told.words.octets;
 }
 
@@ -404,7 +405,7 @@ TEST_F(idl_topologyd, drops_what_is_not_the_daemons_answer) {
 
 // --- Towards the other end.
 
-TEST_F(idl_topologyd, starts_over_when_the_life_of_the_link_ended) {
+TEST_F(idl_topologyd, starts_over_when_the_other_end_does) {
     struct end {
         const char* how;
         std::function<void()> happens;
@@ -420,13 +421,13 @@ TEST_F(idl_topologyd, starts_over_when_the_life_of_the_link_ended) {
     };
     start_encrypted();
     for (const end& each : ends) {
-        uint32_t life = heard().life;
+        uint32_t before = heard().incarnation;
         each.happens();
         settle();
         each.is_let_go ? take_anew() : take_down();
         EXPECT_TRUE(daemon->is_silent()) << each.how << ": " << daemon->waiting();
         other ? other_starts_over() : other_end_appears();
-        EXPECT_NE(heard().life, life) << each.how;
+        EXPECT_NE(heard().incarnation, before) << each.how;
         become_encrypted(take_up());
         advance(20000);
     }
@@ -437,7 +438,7 @@ TEST_F(idl_topologyd, publishes_anew_ever_less_often_while_the_port_is_down) {
     start_ready();
     tell(UPDATED + 1, take_up(), unsecured);
     indicate(subscription, unsecured);
-    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_PORT_DOWN);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_PORT_DOWN);
     for (uint32_t pause_ms : {1000u, 2000u, 4000u}) {
         advance(pause_ms - 1);
         EXPECT_TRUE(daemon->is_silent()) << pause_ms;
@@ -457,7 +458,7 @@ TEST_F(idl_topologyd, tries_again_ever_less_often_while_the_cause_lasts) {
             advance(1);
         EXPECT_GE(waited_ms, most_ms * 3 / 4);
     }
-    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_FAILED);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_FAILED);
     // Keys that do not come are a failure, too.
     take_up();
     indicate(subscription, joining);
@@ -465,7 +466,7 @@ TEST_F(idl_topologyd, tries_again_ever_less_often_while_the_cause_lasts) {
     EXPECT_TRUE(daemon->is_silent());
     advance(1);
     take_down();
-    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_NO_KEYS);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_NO_KEYS);
 }
 
 TEST_F(idl_topologyd, is_not_harmed_by_an_end_that_talks_nonsense) {
@@ -480,7 +481,7 @@ TEST_F(idl_topologyd, is_not_harmed_by_an_end_that_talks_nonsense) {
         {"another version, whatever its size", [](word& bad) { bad.version = 2; }, 20, 1},
         {"too short for a version", [](word&) {}, 15, 0},
         {"too short", [](word&) {}, 275, 2},
-        {"no life", [](word& bad) { bad.life = 0; }, 276, 2},
+        {"no incarnation", [](word& bad) { bad.incarnation = 0; }, 276, 2},
         {"no such phase", [](word& bad) { bad.phase = 9; }, 276, 2},
         {"a name without an end", [](word& bad) { memset(&bad.port, 'x', 16); }, 276, 2},
         {"no such link", [](word& bad) { bad.remote_port.assign("IDL_ZZ"); }, 276, 4},
@@ -490,7 +491,7 @@ TEST_F(idl_topologyd, is_not_harmed_by_an_end_that_talks_nonsense) {
     (void)heard();
     for (const auto& each : cases) {
         word spoilt = says;
-        spoilt.life = says.life + 7; // which would end the life of the link
+        spoilt.incarnation = says.incarnation + 7; // which would have the link start over
         spoilt.header.procedure_reference = static_cast<uint32_t>(&each - cases);
         each.spoil(spoilt);
         for (int flood = 0; flood < 100; flood++)
@@ -503,13 +504,13 @@ TEST_F(idl_topologyd, is_not_harmed_by_an_end_that_talks_nonsense) {
         EXPECT_TRUE(daemon->is_silent()) << each.rule << ": " << daemon->waiting();
     }
     // Nor by one that is not the end of this link.
-    says.life = says.life + 7;
+    says.incarnation = says.incarnation + 7;
     test::peer("site/mp9/idl-topologyd").send(manager, IND, says);
     settle();
     EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
     // One that never listens is told only once.
-    says.life = says.life - 7;
-    says.seen_life = 0;
+    says.incarnation = says.incarnation - 7;
+    says.seen_incarnation = 0;
     for (int flood = 0; flood < 100; flood++)
         other->send(manager, IND, says);
     settle();
@@ -527,39 +528,39 @@ TEST_F(idl_topologyd, meets_an_end_that_changes_its_mind_all_the_time_with_pause
         other_says(TOPOLOGY_PHASE_DOWN);
     }
     EXPECT_EQ(rounds, 10);
-    EXPECT_EQ(heard().trouble, TOPOLOGY_TROUBLE_RESTLESS);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_FLAPPING);
 }
 
 TEST_F(idl_topologyd, says_what_is_wrong_and_where) {
     start_ready(9);
-    auto expect_trouble = [&](topology_trouble_code code, topology_end end, const char* words) {
+    auto expect_fault = [&](topology_fault_code code, topology_end end, const char* words) {
         advance(1500);
         const auto status = take_status();
         const topology_link& link = status.as<shown>().link;
-        EXPECT_EQ(link.trouble, code) << words << ": " << link.words.octets;
-        EXPECT_EQ(link.trouble_end, end) << words;
-        EXPECT_GE(link.trouble_since.in_ms(), 1500u) << words;
+        EXPECT_EQ(link.fault, code) << words << ": " << link.words.octets;
+        EXPECT_EQ(link.fault_end, end) << words;
+        EXPECT_GE(link.fault_since.in_ms(), 1500u) << words;
         EXPECT_NE(strstr(link.words.octets, words), nullptr) << link.words.octets;
     };
     says.remote_mpid = 7;
     other_says(TOPOLOGY_PHASE_DOWN);
-    expect_trouble(TOPOLOGY_TROUBLE_MPIDS, TOPOLOGY_END_HERE, "remote-mpid is 7 at both ends");
+    expect_fault(TOPOLOGY_FAULT_MPIDS, TOPOLOGY_END_HERE, "remote-mpid is 7 at both ends");
     says.remote_mpid = 9;
-    says.trouble = TOPOLOGY_TROUBLE_NO_DAEMON;
+    says.fault = TOPOLOGY_FAULT_NO_DAEMON;
     says.words.assign("no \x1b daemon");
     other_says(TOPOLOGY_PHASE_NO_DAEMON);
-    expect_trouble(TOPOLOGY_TROUBLE_NO_DAEMON, TOPOLOGY_END_THERE, "no ? daemon");
+    expect_fault(TOPOLOGY_FAULT_NO_DAEMON, TOPOLOGY_END_THERE, "no ? daemon");
     other_says(TOPOLOGY_PHASE_OFF);
-    expect_trouble(TOPOLOGY_TROUBLE_OFF, TOPOLOGY_END_THERE, "not to be secured there");
+    expect_fault(TOPOLOGY_FAULT_OFF, TOPOLOGY_END_THERE, "not to be secured there");
     topology_rej rej{};
     rej.reason = TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION;
     rej.words.assign("version 9 only");
     other->send(manager, TOPOLOGY_PEER_LINK_REJ, rej);
-    expect_trouble(TOPOLOGY_TROUBLE_PEER_REFUSES, TOPOLOGY_END_THERE, "refuses: version 9 only");
+    expect_fault(TOPOLOGY_FAULT_PEER_REFUSES, TOPOLOGY_END_THERE, "refuses: version 9 only");
     other.reset();
-    expect_trouble(TOPOLOGY_TROUBLE_NO_PEER, TOPOLOGY_END_THERE, "no idl-topologyd is found at 'site/mp7'");
+    expect_fault(TOPOLOGY_FAULT_NO_PEER, TOPOLOGY_END_THERE, "no idl-topologyd is found at 'site/mp7'");
     daemon.reset();
-    expect_trouble(TOPOLOGY_TROUBLE_NO_DAEMON, TOPOLOGY_END_HERE, "qel-tavu is not reachable");
+    expect_fault(TOPOLOGY_FAULT_NO_DAEMON, TOPOLOGY_END_HERE, "qel-tavu is not reachable");
 }
 
 // --- Towards people.
@@ -624,6 +625,27 @@ TEST_F(idl_topologyd, refuses_what_it_does_not_understand_and_more_than_it_can_k
     }
     ask(TOPOLOGY_WATCH_REQ);
     EXPECT_EQ(take_reject(TOPOLOGY_WATCH_REJ), TOPOLOGY_REJ_BUSY);
+}
+
+// Row by row: the state that is left, and those that may be entered.
+template<class State, size_t N>
+void expect_changes(const uint32_t (&changes)[N], const char* const (&allowed)[N]) {
+    for (size_t from = 0; from < N; from++) {
+        for (size_t entered = 0; entered < N; entered++) {
+            bool expected =
+                from == entered || strchr(allowed[from], static_cast<int>('0' + entered)) != nullptr;
+            EXPECT_EQ(topologyd::is_allowed(changes, static_cast<State>(from), static_cast<State>(entered)),
+                      expected)
+                << from << " -> " << entered;
+        }
+    }
+}
+
+TEST(idl_topologyd_states, change_as_their_tables_say_and_in_no_other_way) {
+    expect_changes<topologyd::agreement_state>(topologyd::agreement_state_changes,
+                                               {"1", "0234", "034", "04", "0"});
+    expect_changes<topologyd::held_link>(topologyd::held_link_changes, {"12", "02", "0"});
+    expect_changes<topologyd::subscription_state>(topologyd::subscription_state_changes, {"1", "02", "01"});
 }
 
 } // namespace

@@ -87,9 +87,9 @@ topology_link refused_link() {
     link.last_reason = OXMSI_REJ_INTERNAL_ERROR;
     link.milliseconds_to_next = 500;
     link.phase = TOPOLOGY_PHASE_STOPPING;
-    link.trouble = TOPOLOGY_TROUBLE_NO_PEER;
-    link.trouble_end = TOPOLOGY_END_THERE;
-    link.trouble_since = topology_age::of_ms(2000);
+    link.fault = TOPOLOGY_FAULT_NO_PEER;
+    link.fault_end = TOPOLOGY_END_THERE;
+    link.fault_since = topology_age::of_ms(2000);
     link.words.assign("nobody; look");
     return link;
 }
@@ -143,7 +143,7 @@ TEST(tavuctl_picture, is_json) {
               R"("last_reason":"OXMSI_REJ_INTERNAL_ERROR","last_answer_in_words":)"
               R"("link added: refused: qel-tavu is not ready, or out of memory; asked again in 0.5 s",)"
               R"("answered_ms":500,"next_attempt_ms":500,"phase":"stopping",)"
-              R"("trouble":{"code":"no-peer","at":"other end","since_ms":2000,"words":"nobody; look"}}]})");
+              R"("fault":{"code":"no-peer","at":"other end","since_ms":2000,"words":"nobody; look"}}]})");
 }
 
 TEST(tavuctl_picture, tells_changes_but_no_ages) {

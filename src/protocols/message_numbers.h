@@ -1,5 +1,14 @@
-// The number space of every message that the daemon sends or receives. The lists are the one place where a
-// message's number and name stand; the constants and the texts of traces are both made from them.
+// The numbers of all messages, in one space. The lists are the one place where a message's number and name
+// stand; the constants and the texts of traces are both made from them.
+//
+//   0x1b0701 - 0x1b0724   MKA, between clients and key servers
+//   0x1b1041 - 0x1b1068   port control
+//   0x1b1142 - 0x1b115a   the MACsec service, "oxmsi"
+//   0x1b1220 - 0x1b1228   of the daemon to itself
+//   0x1b1240 - 0x1b1242   of oxpcsi-server to itself
+//   0x1b1301 - 0x1b130c   the topology manager's, in topology_messages.h
+//   0x1b1341 - 0x1b1349   of idl-topologyd to itself
+//   0x1b1361 - 0x1b1364   of tavuctl to itself
 #pragma once
 
 #include <cstdint>
@@ -129,3 +138,36 @@ INTERNAL_MESSAGES(MESSAGE_NUMBER_CONSTANT)
 #define MESSAGE_NUMBER_TEXT(name, number) {number, #name},
 
 } // namespace tavu
+
+// What the programs beside the daemon send to themselves, through timers, supervisions, lookups and watched
+// descriptors.
+namespace oxpcsi {
+
+constexpr uint32_t NETLINK_READABLE_IND = 0x1b1240;
+constexpr uint32_t READ_AGAIN_TIMEOUT_IND = 0x1b1241;
+constexpr uint32_t CLIENT_DOWN_IND = 0x1b1242;
+
+} // namespace oxpcsi
+
+namespace topologyd {
+
+constexpr uint32_t CONNECT_RETRY_IND = 0x1b1341;
+constexpr uint32_t LINK_RETRY_IND = 0x1b1342;
+constexpr uint32_t REFRESH_TIMEOUT_IND = 0x1b1343;
+constexpr uint32_t WATCH_REFRESH_IND = 0x1b1344;
+constexpr uint32_t CLIENT_DOWN_IND = 0x1b1345;
+constexpr uint32_t LINKS_FILE_CHANGED_IND = 0x1b1346;
+constexpr uint32_t FOLLOW_RETRY_IND = 0x1b1347;
+constexpr uint32_t PEER_UP_IND = 0x1b1348;
+constexpr uint32_t PEER_DOWN_IND = 0x1b1349;
+
+} // namespace topologyd
+
+namespace tavuctl {
+
+constexpr uint32_t MANAGER_UP_IND = 0x1b1361;
+constexpr uint32_t MANAGER_DOWN_IND = 0x1b1362;
+constexpr uint32_t TIMEOUT_IND = 0x1b1363;
+constexpr uint32_t REDRAW_IND = 0x1b1364;
+
+} // namespace tavuctl

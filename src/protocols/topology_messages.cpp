@@ -46,20 +46,20 @@ constexpr word phase_table[] = {
     {TOPOLOGY_PHASE_ENCRYPTED, "encrypted"},
 };
 
-constexpr word trouble_table[] = {
-    {TOPOLOGY_TROUBLE_NONE, "none"},
-    {TOPOLOGY_TROUBLE_NO_DAEMON, "no-daemon"},
-    {TOPOLOGY_TROUBLE_REFUSED, "refused"},
-    {TOPOLOGY_TROUBLE_PORT_DOWN, "port-down"},
-    {TOPOLOGY_TROUBLE_FAILED, "failed"},
-    {TOPOLOGY_TROUBLE_BROKEN, "broken"},
-    {TOPOLOGY_TROUBLE_NO_KEYS, "no-keys"},
-    {TOPOLOGY_TROUBLE_NO_PEER, "no-peer"},
-    {TOPOLOGY_TROUBLE_PEER_REFUSES, "peer-refuses"},
-    {TOPOLOGY_TROUBLE_SILENT_PEER, "silent-peer"},
-    {TOPOLOGY_TROUBLE_MPIDS, "mpids"},
-    {TOPOLOGY_TROUBLE_OFF, "off"},
-    {TOPOLOGY_TROUBLE_RESTLESS, "restless"},
+constexpr word fault_table[] = {
+    {TOPOLOGY_FAULT_NONE, "none"},
+    {TOPOLOGY_FAULT_NO_DAEMON, "no-daemon"},
+    {TOPOLOGY_FAULT_REFUSED, "refused"},
+    {TOPOLOGY_FAULT_PORT_DOWN, "port-down"},
+    {TOPOLOGY_FAULT_FAILED, "failed"},
+    {TOPOLOGY_FAULT_BROKEN, "broken"},
+    {TOPOLOGY_FAULT_NO_KEYS, "no-keys"},
+    {TOPOLOGY_FAULT_NO_PEER, "no-peer"},
+    {TOPOLOGY_FAULT_PEER_REFUSES, "peer-refuses"},
+    {TOPOLOGY_FAULT_SILENT_PEER, "silent-peer"},
+    {TOPOLOGY_FAULT_MPIDS, "mpids"},
+    {TOPOLOGY_FAULT_OFF, "off"},
+    {TOPOLOGY_FAULT_FLAPPING, "flapping"},
 };
 
 constexpr word request_table[] = {
@@ -141,8 +141,8 @@ const char* link_status_words() {
 const char* phase_to_word(uint32_t phase) {
     return text_of(phase_table, phase);
 }
-const char* trouble_to_word(uint32_t trouble) {
-    return text_of(trouble_table, trouble);
+const char* fault_to_word(uint32_t fault) {
+    return text_of(fault_table, fault);
 }
 
 const char* request_in_words(uint32_t number) {

@@ -86,20 +86,20 @@ enum topology_phase : uint32_t {
 };
 
 // What keeps a link from being secured.
-enum topology_trouble_code : uint32_t {
-    TOPOLOGY_TROUBLE_NONE = 0,
-    TOPOLOGY_TROUBLE_NO_DAEMON = 1,
-    TOPOLOGY_TROUBLE_REFUSED = 2, // by the daemon
-    TOPOLOGY_TROUBLE_PORT_DOWN = 3,
-    TOPOLOGY_TROUBLE_FAILED = 4,  // the daemon could not secure the port
-    TOPOLOGY_TROUBLE_BROKEN = 5,  // it was secured, and is not any more
-    TOPOLOGY_TROUBLE_NO_KEYS = 6, // none came in time
-    TOPOLOGY_TROUBLE_NO_PEER = 7,
-    TOPOLOGY_TROUBLE_PEER_REFUSES = 8, // to talk about the link
-    TOPOLOGY_TROUBLE_SILENT_PEER = 9,
-    TOPOLOGY_TROUBLE_MPIDS = 10,
-    TOPOLOGY_TROUBLE_OFF = 11, // secured is wanted at one end only
-    TOPOLOGY_TROUBLE_RESTLESS = 12,
+enum topology_fault_code : uint32_t {
+    TOPOLOGY_FAULT_NONE = 0,
+    TOPOLOGY_FAULT_NO_DAEMON = 1,
+    TOPOLOGY_FAULT_REFUSED = 2, // by the daemon
+    TOPOLOGY_FAULT_PORT_DOWN = 3,
+    TOPOLOGY_FAULT_FAILED = 4,  // the daemon could not secure the port
+    TOPOLOGY_FAULT_BROKEN = 5,  // it was secured, and is not any more
+    TOPOLOGY_FAULT_NO_KEYS = 6, // none came in time
+    TOPOLOGY_FAULT_NO_PEER = 7,
+    TOPOLOGY_FAULT_PEER_REFUSES = 8, // to talk about the link
+    TOPOLOGY_FAULT_SILENT_PEER = 9,
+    TOPOLOGY_FAULT_MPIDS = 10,
+    TOPOLOGY_FAULT_OFF = 11, // secured is wanted at one end only
+    TOPOLOGY_FAULT_FLAPPING = 12,
 };
 
 // At which end.
@@ -150,7 +150,7 @@ struct topology_rej {
 TAVU_WIRE_LAYOUT(topology_rej, 256);
 
 // What is wrong and what to do, for people.
-using trouble_words = text<200>;
+using fault_words = text<200>;
 
 // What a manager tells the one at the other end of a link.
 struct topology_peer_link_ind {
@@ -160,16 +160,16 @@ struct topology_peer_link_ind {
     TAVU_FIELD(16, port, port_name); // the sender's
     TAVU_FIELD(32, remote_port, port_name); // the receiver's
     TAVU_FIELD(48, remote_mpid, be32);      // the receiver's, as the sender's links file has it
-    TAVU_FIELD(52, life, be32);             // never 0; another one whenever the sender starts over
-    TAVU_FIELD(56, seen_life, be32);        // the receiver's that the sender heard of last, 0 for none
+    TAVU_FIELD(52, incarnation, be32);      // never 0; another one whenever the sender starts over
+    TAVU_FIELD(56, seen_incarnation, be32); // the receiver's that the sender heard of last, 0 for none
     TAVU_FIELD(60, phase, be32);            // topology_phase
-    TAVU_FIELD(64, trouble, be32);          // topology_trouble_code of the sender's own end
-    TAVU_FIELD(68, trouble_since, topology_age);
-    TAVU_FIELD(76, words, trouble_words);
+    TAVU_FIELD(64, fault, be32);            // topology_fault_code of the sender's own end
+    TAVU_FIELD(68, fault_since, topology_age);
+    TAVU_FIELD(76, words, fault_words);
 };
 TAVU_WIRE_LAYOUT(topology_peer_link_ind, 276);
 
-// One link with the facts of its life.
+// One link with its facts.
 struct topology_link {
     TAVU_FIELD(0, port, port_name);
     TAVU_FIELD(16, remote_port, port_name);
@@ -193,10 +193,10 @@ struct topology_link {
     TAVU_FIELD(176, answered, topology_age);
     TAVU_FIELD(184, milliseconds_to_next, be32); // until the daemon is asked again; 0 when nothing is planned
     TAVU_FIELD(188, phase, be32);                // topology_phase
-    TAVU_FIELD(192, trouble, be32);              // topology_trouble_code
-    TAVU_FIELD(196, trouble_end, be32);          // topology_end
-    TAVU_FIELD(200, trouble_since, topology_age);
-    TAVU_FIELD(208, words, trouble_words);
+    TAVU_FIELD(192, fault, be32);                // topology_fault_code
+    TAVU_FIELD(196, fault_end, be32);            // topology_end
+    TAVU_FIELD(200, fault_since, topology_age);
+    TAVU_FIELD(208, words, fault_words);
 };
 TAVU_WIRE_LAYOUT(topology_link, 408);
 
@@ -232,7 +232,7 @@ const char* link_status_words();
 
 // "encrypted", "no-daemon"; for programs as well as for people.
 const char* phase_to_word(uint32_t phase);
-const char* trouble_to_word(uint32_t trouble);
+const char* fault_to_word(uint32_t fault);
 
 // What an answer of the daemon means, for people: "link added", "no such port on this unit".
 const char* request_in_words(uint32_t number);

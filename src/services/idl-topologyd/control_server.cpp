@@ -6,11 +6,11 @@
 
 #include "base/dispatch.h"
 #include "base/trace.h"
+#include "protocols/message_numbers.h"
 #include "protocols/topology_messages.h"
 #include "services/common/one_shot.h"
 #include "services/common/options.h"
 #include "services/idl-topologyd/clock.h"
-#include "services/idl-topologyd/internal_numbers.h"
 #include "services/idl-topologyd/links_follower.h"
 #include "services/idl-topologyd/oxmsi_client.h"
 #include "services/idl-topologyd/topology.h"
@@ -77,9 +77,9 @@ topology_daemon_state daemon_state() {
 topology_publication publication_of(const link_record& link) {
     if (!link.is_in_file)
         return TOPOLOGY_LINK_REMOVING;
-    if (link.pending != link_request::NONE)
+    if (link.published.pending != link_request::NONE)
         return TOPOLOGY_LINK_REQUESTED;
-    return link.held == held_link::LINK ? TOPOLOGY_LINK_PUBLISHED : TOPOLOGY_LINK_WAITING;
+    return link.published.held == held_link::LINK ? TOPOLOGY_LINK_PUBLISHED : TOPOLOGY_LINK_WAITING;
 }
 
 topology_age age_of(uint64_t moment_ms) {
@@ -102,22 +102,23 @@ void fill_link(topology_link& shown, const link_record& link) {
     shown.status = link.set_status.value_or(link.file.status);
     shown.is_status_set = link.set_status.has_value();
     shown.publication = publication_of(link);
-    shown.published = age_of(link.published_ms);
-    shown.oper_state = link.oper_state;
-    shown.encryption_state = link.encryption_state;
-    shown.state_since = age_of(link.state_since_ms);
-    shown.state_told = age_of(link.state_told_ms);
-    shown.last_request = link.last_request;
-    shown.requested = age_of(link.requested_ms);
-    shown.last_answer = link.last_answer.number;
-    shown.last_reason = link.last_answer.reason;
-    shown.answered = age_of(link.answered_ms);
-    shown.milliseconds_to_next = ms_until(std::max(link.requests.retry_at_ms, link.agreed.pause_until_ms));
+    shown.published = age_of(link.published.published_ms);
+    shown.oper_state = link.published.oper_state;
+    shown.encryption_state = link.published.encryption_state;
+    shown.state_since = age_of(link.published.state_since_ms);
+    shown.state_told = age_of(link.published.state_told_ms);
+    shown.last_request = link.published.last_request;
+    shown.requested = age_of(link.published.requested_ms);
+    shown.last_answer = link.published.last_answer.number;
+    shown.last_reason = link.published.last_answer.reason;
+    shown.answered = age_of(link.published.answered_ms);
+    shown.milliseconds_to_next =
+        ms_until(std::max(link.published.requests.until_ms, link.agreed.failing.until_ms));
     shown.phase = phase_of(link, is_connected(), now_ms());
-    shown.trouble = link.agreed.shown.code;
-    shown.trouble_end = link.agreed.shown.end;
-    shown.trouble_since = age_of(link.agreed.shown.since_ms);
-    shown.words = link.agreed.shown.words;
+    shown.fault = link.shown.code;
+    shown.fault_end = link.shown.end;
+    shown.fault_since = age_of(link.shown.since_ms);
+    shown.words = link.shown.words;
 }
 
 void send_snapshot(const requester& to, uint32_t number) {
@@ -247,9 +248,10 @@ bool settle_link_set(const requester& from) {
                  "qel-tavu went away before it confirmed; the setting is kept and published when it is back");
     else if (is_fulfilled(*link))
         send_link_set_cfm(from, *link);
-    else if (link->requests.failures > 0)
+    else if (link->published.requests.failures > 0)
         send_rej(from, TOPOLOGY_REJ_REFUSED,
-                 std::string("qel-tavu refused: ") + reject_reason_in_words(link->last_answer.reason) +
+                 std::string("qel-tavu refused: ") +
+                     reject_reason_in_words(link->published.last_answer.reason) +
                      "; the setting is kept and asked for again");
     else
         return false;

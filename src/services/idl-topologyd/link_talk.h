@@ -2,7 +2,7 @@
 // end does not know it yet, and takes in what the other end's says.
 #pragma once
 
-#include "services/idl-topologyd/link_life.h"
+#include "services/idl-topologyd/link_record.h"
 
 namespace topologyd {
 
@@ -15,6 +15,6 @@ void say_farewell(const link_record& link);
 // When something that was held back may be told; 0 for nothing.
 uint64_t next_talk_ms(const link_record& link);
 
-peer_word hear(const services::topology_peer_link_ind& said, uint64_t now_ms);
+peer_report hear(const services::topology_peer_link_ind& said, uint64_t now_ms);
 
 } // namespace topologyd

@@ -10,8 +10,8 @@
 
 #include "base/trace.h"
 #include "platform/oka_watch.h"
+#include "protocols/message_numbers.h"
 #include "services/common/one_shot.h"
-#include "services/idl-topologyd/internal_numbers.h"
 
 namespace topologyd {
 

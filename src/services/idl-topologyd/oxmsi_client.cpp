@@ -3,9 +3,9 @@
 #include "base/dispatch.h"
 #include "base/enum_text.h"
 #include "base/trace.h"
+#include "protocols/message_numbers.h"
 #include "services/common/one_shot.h"
 #include "services/idl-topologyd/clock.h"
-#include "services/idl-topologyd/internal_numbers.h"
 
 namespace topologyd {
 
@@ -169,7 +169,7 @@ void handle_connection_establish_rej(const oka_message* message) {
         return;
     self.refusal = rej->reason;
     self.connecting.fail(now_ms());
-    uint32_t pause_ms = static_cast<uint32_t>(self.connecting.retry_at_ms - now_ms());
+    uint32_t pause_ms = static_cast<uint32_t>(self.connecting.until_ms - now_ms());
     TRACE_ERROR("TOPOLOGYD: '%s' refused the connection: %s; trying again in %u ms", service_name,
                 oxmsi_error_to_str(self.refusal), pause_ms);
     change_state(OXMSI_CLIENT_STATE_REFUSED);

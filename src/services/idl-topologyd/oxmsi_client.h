@@ -5,7 +5,7 @@
 // It never closes a connection: the daemon releases every port when any of its clients closes.
 #pragma once
 
-#include "services/idl-topologyd/link_life.h"
+#include "services/idl-topologyd/publication.h"
 
 namespace topologyd {
 

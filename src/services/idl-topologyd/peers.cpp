@@ -6,8 +6,8 @@
 
 #include "base/dispatch.h"
 #include "base/trace.h"
+#include "protocols/message_numbers.h"
 #include "services/common/options.h"
-#include "services/idl-topologyd/internal_numbers.h"
 
 namespace topologyd {
 
@@ -126,7 +126,7 @@ bool verify_word(const oka_message* message) {
     }
     const auto& word = as<topology_peer_link_ind>(message);
     if (word.port.is_terminated() && word.remote_port.is_terminated() && word.words.is_terminated() &&
-        word.life != 0 && word.phase <= TOPOLOGY_PHASE_ENCRYPTED)
+        word.incarnation != 0 && word.phase <= TOPOLOGY_PHASE_ENCRYPTED)
         return true;
     send_rej(message, TOPOLOGY_REJ_MALFORMED, "the indication makes no sense");
     return false;
@@ -136,9 +136,9 @@ void handle_peer_link_ind(const oka_message* message) {
     if (!verify_word(message))
         return;
     const auto& word = as<topology_peer_link_ind>(message);
-    TRACE_RECEIVE(message, "TOPOLOGYD: %s for port '%s': life=%u, seen life=%u, phase=%s",
-                  topology_msg_no_to_str(message->number), word.remote_port.c_str(), uint32_t{word.life},
-                  uint32_t{word.seen_life}, phase_to_word(word.phase));
+    TRACE_RECEIVE(message, "TOPOLOGYD: %s for port '%s': incarnation=%u, seen incarnation=%u, phase=%s",
+                  topology_msg_no_to_str(message->number), word.remote_port.c_str(),
+                  uint32_t{word.incarnation}, uint32_t{word.seen_incarnation}, phase_to_word(word.phase));
     if (const char* objection = self.callbacks.handle_word(word, oka_sender(message)))
         send_rej(message, TOPOLOGY_REJ_UNKNOWN_PORT, objection);
     else if (peer* from =
@@ -195,9 +195,9 @@ void peers_tell(const oka_hunt_path& path, const topology_peer_link_ind& word) {
     indication->header = header;
     indication->version = topology_peer_version;
     oka_mailbox peer = peers_find(path);
-    TRACE_SEND(indication, peer, "TOPOLOGYD: %s of port '%s': life=%u, seen life=%u, phase=%s",
-               topology_msg_no_to_str(indication.number()), word.port.c_str(), uint32_t{word.life},
-               uint32_t{word.seen_life}, phase_to_word(word.phase));
+    TRACE_SEND(indication, peer, "TOPOLOGYD: %s of port '%s': incarnation=%u, seen incarnation=%u, phase=%s",
+               topology_msg_no_to_str(indication.number()), word.port.c_str(), uint32_t{word.incarnation},
+               uint32_t{word.seen_incarnation}, phase_to_word(word.phase));
     indication.send(peer, self.mailbox);
 }
 

@@ -3,14 +3,14 @@
 #include <algorithm>
 
 #include "base/trace.h"
+#include "protocols/message_numbers.h"
 #include "protocols/topology_messages.h"
 #include "services/common/one_shot.h"
 #include "services/idl-topologyd/clock.h"
-#include "services/idl-topologyd/internal_numbers.h"
+#include "services/idl-topologyd/faults.h"
 #include "services/idl-topologyd/link_talk.h"
 #include "services/idl-topologyd/oxmsi_client.h"
 #include "services/idl-topologyd/peers.h"
-#include "services/idl-topologyd/trouble.h"
 
 namespace topologyd {
 
@@ -38,14 +38,13 @@ link_record* find_link(Predicate accepts) {
 }
 
 void subscribe(link_record& link) {
-    link.subscription_reference = oxmsi_client_subscribe(link.file.port);
-    link.subscription = subscription_state::REQUESTED;
+    subscription_sent(link.published, oxmsi_client_subscribe(link.file.port));
 }
 
 // Begins the subscription anew, which tells the port's status as it is once the daemon has come to this
 // request. The daemon tells a subscriber what differs from what it told that one last, and no success.
 void renew_subscription(link_record& link) {
-    if (link.subscription == subscription_state::NONE)
+    if (link.published.subscription == subscription_state::NONE)
         return;
     (void)oxmsi_client_unsubscribe(link.file.port);
     subscribe(link);
@@ -64,17 +63,31 @@ void trace_request(const due_request& due) {
 
 // Sends what is due for one link.
 void pursue(link_record& link) {
-    if (subscription_is_due(link, now_ms()))
+    if (link.is_in_file && subscription_is_due(link.published, now_ms()))
         subscribe(link);
-    due_request due = next_request(link, now_ms());
+    due_request due = next_request(link.published, wanted_of(link), now_ms());
     if (due.request == link_request::NONE)
         return;
     trace_request(due);
     uint32_t reference = oxmsi_client_send_link(due);
-    request_sent(link, due, oxmsi_request_number(due.request), reference, now_ms());
-    if (link.agreed.stands == standing::STARTING && is_published_up(link))
+    request_sent(link.published, due, oxmsi_request_number(due.request), reference, now_ms());
+    if (link.agreed.state == agreement_state::STARTING && is_published_up(link.published))
         renew_subscription(link);
     self.callbacks.handle_changed();
+}
+
+// What the agreement wishes of the publication.
+void grant(link_record& link, wish wished) {
+    switch (wished) {
+    case wish::NONE:
+        break;
+    case wish::PUBLISH_ANEW:
+        doubt_held_link(link.published, doubt::AT_ONCE);
+        break;
+    case wish::PUBLISH_ANEW_UNLESS_PENDING:
+        doubt_held_link(link.published, doubt::UNLESS_PENDING);
+        break;
+    }
 }
 
 bool has_daemon() {
@@ -85,8 +98,8 @@ void arm_retry() {
     uint64_t now = now_ms();
     uint64_t next = UINT64_MAX;
     for (const link_record& link : self.links) {
-        for (uint64_t at : {link.requests.retry_at_ms, link.subscribing.retry_at_ms, next_decision_ms(link),
-                            next_talk_ms(link)}) {
+        for (uint64_t at : {link.published.requests.until_ms, link.published.subscribing.until_ms,
+                            next_decision_ms(link.agreed), next_talk_ms(link)}) {
             if (at > now)
                 next = std::min(next, at);
         }
@@ -98,15 +111,15 @@ void arm_retry() {
 
 void pursue_all() {
     for (link_record& link : self.links) {
-        (void)decide(link, has_daemon(), now_ms());
+        grant(link, decide(link.agreed, situation_of(link, has_daemon()), now_ms()));
         if (has_daemon())
             pursue(link);
-        if (update_trouble(link, has_daemon(), now_ms()))
+        if (update_fault(link, has_daemon(), now_ms()))
             self.callbacks.handle_changed();
         tell_other_end(link, has_daemon(), now_ms());
     }
     for (const link_record& link : self.links) {
-        if (is_over(link) && link.subscription != subscription_state::NONE)
+        if (is_over(link) && link.published.subscription != subscription_state::NONE)
             (void)oxmsi_client_unsubscribe(link.file.port);
     }
     if (std::erase_if(self.links, is_over) > 0)
@@ -119,8 +132,10 @@ void handle_connected() {
 }
 
 void handle_disconnected() {
-    for (link_record& link : self.links)
-        daemon_lost(link, now_ms());
+    for (link_record& link : self.links) {
+        agreement_without_daemon(link.agreed, now_ms());
+        daemon_lost(link.published);
+    }
     pursue_all();
 }
 
@@ -134,17 +149,15 @@ void take_subscription_reject(link_record& link, const daemon_answer& answer) {
     // One that is left from before is ended, so that the next attempt is told the status at once.
     if (answer.reason == OXMSI_REJ_SUBSCRIPTION_ALREADY_EXIST)
         (void)oxmsi_client_unsubscribe(link.file.port);
-    link.subscription = subscription_state::NONE;
-    link.subscription_reference = 0;
-    link.subscribing.fail(now_ms());
+    subscription_refused(link.published, now_ms());
 }
 
 void trace_answer(const link_record& link, const daemon_answer& answer) {
     const char* port = link.file.port.c_str();
-    const char* request = services::request_in_words(link.last_request);
+    const char* request = services::request_in_words(link.published.last_request);
     if (answer.reason == 0)
         TRACE_INFO("TOPOLOGYD: Port '%s': %s, confirmed after %llu ms: controlled port %s, encryption %s",
-                   port, request, static_cast<unsigned long long>(now_ms() - link.requested_ms),
+                   port, request, static_cast<unsigned long long>(now_ms() - link.published.requested_ms),
                    enabled_to_word(answer.oper_state), enabled_to_word(answer.encryption_state));
     else
         TRACE_ERROR("TOPOLOGYD: Port '%s': %s, refused: %s", port, request,
@@ -153,26 +166,31 @@ void trace_answer(const link_record& link, const daemon_answer& answer) {
 
 // True when it changed how the link stands.
 bool take_status(link_record& link, const daemon_answer& status, bool is_answer) {
-    bool has_changed = port_spoke(link, status.oper_state, status.encryption_state, is_answer, now_ms());
+    wish wished = wish::NONE;
+    bool has_changed =
+        is_published_up(link.published) &&
+        port_reported(link.agreed, status.oper_state, status.encryption_state, is_answer, now_ms(), wished);
+    grant(link, wished);
     // The subscriber was not told of it, so the end of it would be no news.
-    if (has_changed && is_answer && link.agreed.stands == standing::ENCRYPTED)
+    if (has_changed && is_answer && link.agreed.state == agreement_state::ENCRYPTED)
         renew_subscription(link);
     return has_changed;
 }
 
 void handle_answer(uint32_t reference, const daemon_answer& answer) {
     if (link_record* link = find_link([reference](const link_record& candidate) {
-            return candidate.pending != link_request::NONE && candidate.pending_reference == reference;
+            return candidate.published.pending != link_request::NONE &&
+                   candidate.published.pending_reference == reference;
         })) {
         trace_answer(*link, answer);
-        request_answered(*link, answer, now_ms());
+        request_answered(link->published, answer, now_ms());
         if (answer.reason == 0) {
-            (void)status_told(*link, answer.oper_state, answer.encryption_state, now_ms());
+            (void)status_told(link->published, answer.oper_state, answer.encryption_state, now_ms());
             take_status(*link, answer, true);
         }
     } else if (link_record* subscriber = find_link([reference](const link_record& candidate) {
-                   return candidate.subscription == subscription_state::REQUESTED &&
-                          candidate.subscription_reference == reference;
+                   return candidate.published.subscription == subscription_state::REQUESTED &&
+                          candidate.published.subscription_reference == reference;
                });
                subscriber && answer.number == OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REJ) {
         take_subscription_reject(*subscriber, answer);
@@ -187,17 +205,16 @@ void handle_answer(uint32_t reference, const daemon_answer& answer) {
 
 void handle_indication(uint32_t reference, const port_name& port, const daemon_answer& status) {
     link_record* link = find_link([reference, &port](const link_record& candidate) {
-        return candidate.subscription != subscription_state::NONE &&
-               candidate.subscription_reference == reference && candidate.file.port == port;
+        return candidate.published.subscription != subscription_state::NONE &&
+               candidate.published.subscription_reference == reference && candidate.file.port == port;
     });
     if (!link) {
         TRACE("TOPOLOGYD: An indication for port '%s' belongs to no subscription, procedure reference=%u",
               port.printable().c_str(), reference);
         return;
     }
-    link->subscription = subscription_state::ACTIVE;
-    link->subscribing.succeed();
-    bool is_news = status_told(*link, status.oper_state, status.encryption_state, now_ms());
+    subscription_confirmed(link->published);
+    bool is_news = status_told(link->published, status.oper_state, status.encryption_state, now_ms());
     if (!take_status(*link, status, false) && !is_news)
         return;
     TRACE_INFO("TOPOLOGYD: Port '%s': controlled port %s, encryption %s", link->file.port.c_str(),
@@ -216,8 +233,10 @@ constexpr oxmsi_client_callbacks client_callbacks = {
 
 void handle_peer_found(const oka_hunt_path& path) {
     for (link_record& link : self.links) {
-        if (link.file.hunt_path == path)
-            peer_found(link);
+        if (link.file.hunt_path == path) {
+            peer_found(link.agreed);
+            tell_again(link);
+        }
     }
     pursue_all();
 }
@@ -225,7 +244,7 @@ void handle_peer_found(const oka_hunt_path& path) {
 void handle_peer_lost(const oka_hunt_path& path) {
     for (link_record& link : self.links) {
         if (link.file.hunt_path == path)
-            peer_lost(link, now_ms());
+            peer_lost(link.agreed, now_ms());
     }
     pursue_all();
 }
@@ -243,19 +262,19 @@ const char* handle_peer_word(const topology_peer_link_ind& said, oka_mailbox sen
     }
     if (!(link->file.remote_port == said.port))
         return "the links file there has another remote-port for this link";
-    if (peer_spoke(*link, hear(said, now_ms()), now_ms()))
+    if (peer_reported(link->agreed, hear(said, now_ms()), now_ms()))
         tell_again(*link);
     pursue_all();
     return nullptr;
 }
 
 void handle_peer_refusal(const services::topology_rej& rej, oka_mailbox sender) {
-    services::trouble_words why = quote_words(rej.words.printable().octets);
+    services::fault_words why = quote_words(rej.words.printable().octets);
     for (link_record& link : self.links) {
         bool is_meant = rej.reason == services::TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION ||
                         link.agreed.reference == rej.header.procedure_reference;
         if (is_meant && link.agreed.peer_is_found && peers_find(link.file.hunt_path) == sender)
-            peer_refused(link, why);
+            peer_refused(link.agreed, why);
     }
     pursue_all();
 }
@@ -276,17 +295,21 @@ bool is_same_link(const link_attributes& one, const link_attributes& other) {
 }
 
 void meet_peer(link_record& link) {
-    agreement fresh{};
-    fresh.life = link.agreed.life;
-    fresh.reference = self.next_reference++;
-    link.agreed = fresh;
-    start_life(link, now_ms());
+    meet(link.agreed, link.file.port, link.file.remote_mpid, self.next_reference++, now_ms());
+    link.told = {};
+    link.shown = {};
     if (link.file.du_type == OXMSI_DU_TYPE_3)
         peers_look_for(link.file.hunt_path);
     link.agreed.peer_is_found = peers_find(link.file.hunt_path) != OKA_MAILBOX_NONE;
 }
 
-// The record of the port as the file has it now; its life with the daemon goes on.
+// What is wanted has changed: no pause of earlier failures holds it up.
+void take_up_anew(link_record& link) {
+    want_changed(link.published);
+    forget_pauses(link.agreed);
+}
+
+// The record of the port as the file has it now; what the daemon holds of it stays.
 link_record take_from_file(const link_attributes& attributes) {
     link_record* known = find_link(
         [&attributes](const link_record& candidate) { return candidate.file.port == attributes.port; });
@@ -304,7 +327,7 @@ link_record take_from_file(const link_attributes& attributes) {
         meet_peer(link);
     else if (link.file.du_type == OXMSI_DU_TYPE_3)
         peers_look_for(link.file.hunt_path);
-    want_changed(link);
+    take_up_anew(link);
     return link;
 }
 
@@ -335,7 +358,7 @@ void topology_follow(const std::vector<link_attributes>& links) {
         if (stays)
             continue;
         if (link.is_in_file)
-            want_changed(link);
+            take_up_anew(link);
         link.is_in_file = false;
         followed.push_back(link);
     }
@@ -353,7 +376,7 @@ bool topology_set_status(const port_name& port, std::optional<uint32_t> status) 
     TRACE_INFO("TOPOLOGYD: Port '%s': status set to %s", link->file.port.c_str(),
                status ? link_status_to_word(*status) : "that of the file");
     link->set_status = status;
-    want_changed(*link);
+    take_up_anew(*link);
     self.callbacks.handle_changed();
     pursue_all();
     return true;
@@ -361,14 +384,14 @@ bool topology_set_status(const port_name& port, std::optional<uint32_t> status) 
 
 void topology_refresh() {
     for (link_record& link : self.links) {
-        if (link.subscription == subscription_state::ACTIVE)
+        if (link.published.subscription == subscription_state::ACTIVE)
             renew_subscription(link);
     }
 }
 
 bool topology_is_refreshing() {
     return std::any_of(self.links.begin(), self.links.end(), [](const link_record& link) {
-        return link.subscription == subscription_state::REQUESTED;
+        return link.published.subscription == subscription_state::REQUESTED;
     });
 }
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "services/idl-topologyd/link_life.h"
+#include "services/idl-topologyd/link_record.h"
 
 namespace topologyd {
 

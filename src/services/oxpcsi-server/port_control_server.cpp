@@ -12,9 +12,6 @@ using namespace tavu;
 
 namespace {
 
-// Of this process to itself, by its supervision of a client.
-constexpr uint32_t CLIENT_DOWN_IND = 0x1b1242;
-
 struct port {
     port_name name;
     port_name interface;

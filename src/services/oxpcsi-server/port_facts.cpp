@@ -18,15 +18,12 @@
 #include "base/trace.h"
 #include "platform/oka_timer.h"
 #include "platform/oka_watch.h"
+#include "protocols/message_numbers.h"
 #include "services/oxpcsi-server/link_messages.h"
 
 namespace oxpcsi {
 
 namespace {
-
-// Messages of this process to itself.
-constexpr uint32_t NETLINK_READABLE_IND = 0x1b1240;
-constexpr uint32_t READ_AGAIN_TIMEOUT_IND = 0x1b1241;
 
 constexpr uint32_t read_again_period_ms = 1000;
 // Clients are served between two turns of reading, however much the kernel has to say.

@@ -79,12 +79,12 @@ std::string show_answer(const topology_link& link, uint64_t elapsed_ms) {
 }
 
 // What keeps the link from being secured: "wrong at mp7 for 3.2 s: what it is; what to do".
-std::string show_trouble(const topology_link& link, uint64_t elapsed_ms) {
-    if (link.trouble == TOPOLOGY_TROUBLE_NONE)
+std::string show_fault(const topology_link& link, uint64_t elapsed_ms) {
+    if (link.fault == TOPOLOGY_FAULT_NONE)
         return "";
-    std::string where = link.trouble_end == TOPOLOGY_END_THERE ? format("at mp%u", uint32_t{link.remote_mpid})
-                                                               : "at this end";
-    return "wrong " + where + " for " + show_age(link.trouble_since, elapsed_ms) + ": " + link.words.c_str();
+    std::string where =
+        link.fault_end == TOPOLOGY_END_THERE ? format("at mp%u", uint32_t{link.remote_mpid}) : "at this end";
+    return "wrong " + where + " for " + show_age(link.fault_since, elapsed_ms) + ": " + link.words.c_str();
 }
 
 std::string show_status(const topology_link& link) {
@@ -162,13 +162,13 @@ class json {
     std::string text_;
 };
 
-std::string trouble_as_json(const topology_link& link) {
-    if (link.trouble == TOPOLOGY_TROUBLE_NONE)
+std::string fault_as_json(const topology_link& link) {
+    if (link.fault == TOPOLOGY_FAULT_NONE)
         return "null";
     return json()
-        .add("code", json::quote(trouble_to_word(link.trouble)))
-        .add("at", json::quote(link.trouble_end == TOPOLOGY_END_THERE ? "other end" : "this end"))
-        .add("since_ms", json::age(link.trouble_since))
+        .add("code", json::quote(fault_to_word(link.fault)))
+        .add("at", json::quote(link.fault_end == TOPOLOGY_END_THERE ? "other end" : "this end"))
+        .add("since_ms", json::age(link.fault_since))
         .add("words", json::quote(link.words.c_str()))
         .object();
 }
@@ -198,7 +198,7 @@ std::string link_as_json(const topology_link& link) {
         .add("answered_ms", json::age(link.answered))
         .add("next_attempt_ms", link.milliseconds_to_next)
         .add("phase", json::quote(phase_to_word(link.phase)))
-        .add("trouble", trouble_as_json(link))
+        .add("fault", fault_as_json(link))
         .object();
 }
 
@@ -209,8 +209,8 @@ bool differs(const topology_link& before, const topology_link& after) {
            before.is_status_set != after.is_status_set || before.publication != after.publication ||
            before.oper_state != after.oper_state || before.encryption_state != after.encryption_state ||
            before.last_answer != after.last_answer || before.last_reason != after.last_reason ||
-           before.phase != after.phase || before.trouble != after.trouble ||
-           before.trouble_end != after.trouble_end || !(before.words == after.words);
+           before.phase != after.phase || before.fault != after.fault ||
+           before.fault_end != after.fault_end || !(before.words == after.words);
 }
 
 const topology_link* find_link(const picture& among, const port_name& port) {
@@ -274,8 +274,8 @@ std::string show_table(const picture& shown, uint64_t elapsed_ms) {
     }
     text += show_rows(rows);
     for (const topology_link& link : shown.links) {
-        if (link.trouble != TOPOLOGY_TROUBLE_NONE)
-            text += std::string("\n") + link.port.c_str() + ": " + show_trouble(link, elapsed_ms) + "\n";
+        if (link.fault != TOPOLOGY_FAULT_NONE)
+            text += std::string("\n") + link.port.c_str() + ": " + show_fault(link, elapsed_ms) + "\n";
     }
     return text;
 }
@@ -305,8 +305,8 @@ std::string show_link(const topology_link& link) {
                   uint32_t{link.link_id}, uint32_t{link.remote_mpid}, link.remote_port.c_str(),
                   show_status(link).c_str(), state_in_words(link.oper_state),
                   state_in_words(link.encryption_state)) +
-           show_answer(link, 0) +
-           (link.trouble == TOPOLOGY_TROUBLE_NONE ? "" : "; " + show_trouble(link, 0)) + "\n";
+           show_answer(link, 0) + (link.fault == TOPOLOGY_FAULT_NONE ? "" : "; " + show_fault(link, 0)) +
+           "\n";
 }
 
 std::string show_changes(const picture& before, const picture& after) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "platform/oka_clock.h"
+#include "protocols/message_numbers.h"
 #include "services/common/one_shot.h"
 #include "services/tavuctl/picture.h"
 
@@ -13,11 +14,6 @@ namespace {
 
 using namespace tavu;
 using namespace services;
-
-constexpr uint32_t MANAGER_UP_IND = 0x1b1361;
-constexpr uint32_t MANAGER_DOWN_IND = 0x1b1362;
-constexpr uint32_t TIMEOUT_IND = 0x1b1363;
-constexpr uint32_t REDRAW_IND = 0x1b1364;
 
 // A manager that runs is found at once; this is for one that is just being restarted.
 constexpr uint32_t locate_timeout_ms = 2000;

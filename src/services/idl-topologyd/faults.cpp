@@ -1,0 +1,140 @@
+#include "services/idl-topologyd/faults.h"
+
+#include <string>
+
+namespace topologyd {
+
+namespace {
+
+using namespace tavu;
+using namespace services;
+
+fault describe(topology_fault_code code, topology_end end, const std::string& what) {
+    fault described{};
+    described.code = code;
+    described.end = end;
+    described.words.assign(what.c_str());
+    return described;
+}
+
+fault here(topology_fault_code code, const std::string& what) {
+    return describe(code, TOPOLOGY_END_HERE, what);
+}
+
+fault there(topology_fault_code code, const std::string& what) {
+    return describe(code, TOPOLOGY_END_THERE, what);
+}
+
+fault refusal_of_daemon(const link_record& link) {
+    return here(TOPOLOGY_FAULT_REFUSED, std::string("qel-tavu refuses the link: ") +
+                                            reject_reason_in_words(link.published.last_answer.reason) +
+                                            "; asked again with pauses");
+}
+
+// The last failure, while it was not put right.
+fault failure_of(const agreement& agreed) {
+    switch (agreed.failure) {
+    case TOPOLOGY_FAULT_FAILED:
+        return here(agreed.failure,
+                    "qel-tavu could not secure the port, its traces say why (SecY, key server); "
+                    "tried again with pauses");
+    case TOPOLOGY_FAULT_BROKEN:
+        return here(agreed.failure,
+                    "the port lost its keys, qel-tavu's traces say why; tried again with pauses");
+    case TOPOLOGY_FAULT_NO_KEYS:
+        return here(agreed.failure,
+                    "no keys came in time; compare ports and remote-mpid of both links files "
+                    "with MPID of both units, then see qel-tavu's traces; tried again with pauses");
+    case TOPOLOGY_FAULT_FLAPPING:
+        return here(agreed.failure,
+                    "the link starts over again and again, by a cable, by the other end, or by "
+                    "another client of \"oxmsi\"; see idl-topologyd's traces at both ends");
+    default:
+        return {};
+    }
+}
+
+// What the other end says of itself.
+fault fault_there(const peer_report& peer) {
+    if (peer.fault == TOPOLOGY_FAULT_NONE)
+        return {};
+    fault told{};
+    told.code = static_cast<topology_fault_code>(peer.fault);
+    told.end = TOPOLOGY_END_THERE;
+    told.since_ms = peer.fault_since_ms;
+    told.words = peer.words;
+    return told;
+}
+
+fault fault_between(const link_record& link) {
+    const agreement& agreed = link.agreed;
+    std::string path = link.file.hunt_path.c_str();
+    if (!agreed.peer_is_found)
+        return there(TOPOLOGY_FAULT_NO_PEER, "no idl-topologyd is found at '" + path +
+                                                 "'; see that it runs there, that hunt-path is right, and "
+                                                 "that messages pass");
+    if (agreed.refusal.length() > 0)
+        return there(TOPOLOGY_FAULT_PEER_REFUSES,
+                     "idl-topologyd at '" + path + "' refuses: " + agreed.refusal.c_str());
+    if (agreed.peer.incarnation == 0)
+        return there(TOPOLOGY_FAULT_SILENT_PEER, "idl-topologyd at '" + path +
+                                                     "' has not said anything of this link; is it of this "
+                                                     "version?");
+    if (agreed.peer.own_mpid == link.file.remote_mpid)
+        return here(TOPOLOGY_FAULT_MPIDS, "remote-mpid is " + std::to_string(link.file.remote_mpid) +
+                                              " at both ends; each must name the other's MPID");
+    if (agreed.peer.phase == TOPOLOGY_PHASE_OFF)
+        return there(TOPOLOGY_FAULT_OFF, "the link is not to be secured there; set its status to up, and "
+                                         "du-type to type-3");
+    return {};
+}
+
+} // namespace
+
+fault own_fault(const link_record& link, bool has_daemon, uint64_t now_ms) {
+    if (!wants_security(link) || link.agreed.state == agreement_state::ENCRYPTED)
+        return {};
+    if (!has_daemon)
+        return here(TOPOLOGY_FAULT_NO_DAEMON, "qel-tavu is not reachable; see that it runs, and that "
+                                              "oxpcsi-server tells it its ports");
+    if (link.published.requests.failures > 0)
+        return refusal_of_daemon(link);
+    if (phase_of(link, has_daemon, now_ms) == TOPOLOGY_PHASE_PORT_DOWN)
+        return here(TOPOLOGY_FAULT_PORT_DOWN, "the port is not in operation; put the cable in, or set the "
+                                              "interface up");
+    return failure_of(link.agreed);
+}
+
+fault fault_of(const link_record& link, bool has_daemon, uint64_t now_ms) {
+    if (!wants_security(link) || link.agreed.state == agreement_state::ENCRYPTED)
+        return {};
+    fault own = own_fault(link, has_daemon, now_ms);
+    if (own.code == TOPOLOGY_FAULT_NO_DAEMON || own.code == TOPOLOGY_FAULT_REFUSED)
+        return own;
+    if (fault between = fault_between(link); between.code != TOPOLOGY_FAULT_NONE)
+        return between;
+    if (own.code != TOPOLOGY_FAULT_NONE)
+        return own;
+    return fault_there(link.agreed.peer);
+}
+
+bool update_fault(link_record& link, bool has_daemon, uint64_t now_ms) {
+    fault now = fault_of(link, has_daemon, now_ms);
+    fault& shown = link.shown;
+    bool goes_on = now.code == shown.code && now.end == shown.end;
+    if (now.since_ms == 0)
+        now.since_ms = goes_on ? shown.since_ms : now_ms;
+    bool changed = !goes_on || !(now.words == shown.words);
+    shown = now;
+    return changed;
+}
+
+fault_words quote_words(const char* said) {
+    fault_words words;
+    words.assign(said);
+    for (char* at = words.octets; *at; at++)
+        *at = *at < ' ' || *at > '~' ? '?' : *at;
+    return words;
+}
+
+} // namespace topologyd
