@@ -3,11 +3,13 @@
 // tavuctl, the links file, traces and exit statuses.
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -271,6 +273,32 @@ TEST_F(node, refuses_to_run_where_it_cannot_work) {
     }
     // Who was there first is not disturbed.
     ASSERT_NO_FATAL_FAILURE(secure_link());
+}
+
+TEST_F(node, ends_in_order_when_it_is_asked_to) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    ASSERT_NO_FATAL_FAILURE(secure_link());
+    const std::string sockets = folder.path() + "/mp3/";
+    const struct {
+        std::optional<test::process>& asked;
+        int with;
+        int status;
+        const char* socket;
+    } rows[] = {
+        {three.watch, SIGINT, 0, nullptr},
+        {three.daemon, SIGTERM, 1, "mka-key-server"},
+        {three.port_control, SIGTERM, 0, "oxpcsi-server"},
+        {three.topology, SIGINT, 0, "idl-topologyd"},
+    };
+    for (const auto& row : rows) {
+        std::string socket = row.socket ? sockets + row.socket : "";
+        EXPECT_TRUE(socket.empty() || access(socket.c_str(), F_OK) == 0) << socket;
+        ASSERT_EQ(kill(row.asked->pid(), row.with), 0);
+        EXPECT_EQ(row.asked->wait_for_end(), row.status) << row.asked->output();
+        EXPECT_TRUE(socket.empty() || access(socket.c_str(), F_OK) != 0) << socket;
+    }
+    EXPECT_EQ(run({QEL_TAVU, "--version"}, {}).status, 0);
+    EXPECT_EQ(run({QEL_TAVU, "--verison"}, {}).status, 1);
 }
 
 } // namespace

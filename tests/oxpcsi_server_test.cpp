@@ -433,39 +433,30 @@ TEST_F(kernel_port_facts, name_the_namespace_they_are_in_by_what_the_node_calls_
 TEST(oxpcsi_server_command_line, is_taken_or_refused_with_what_to_do) {
     const struct {
         std::vector<const char*> arguments;
-        command result;
+        int exit_status; // -1: the service is to run
         const char* output;
         const char* hardware_ports = "";
     } cases[] = {
-        {{"--port", "IDL_A1=eth1", "--port=IDL_B1=eth2"}, command::serve, "", "not looked at"},
-        {{}, command::serve, "", "DiPort_A1=eth1:sec-a1  DiPort_B1=eth2:sec-b1"},
-        {{}, command::end_with_usage, "OXHAL_PORTS: 'IDL_A1=eth1' is no port; write it as", "IDL_A1=eth1"},
-        {{"--help"}, command::end_well, "Usage: oxpcsi-server [--port NAME=INTERFACE]"},
-        {{}, command::end_with_usage, "no port is given; name each with an option such as --port"},
-        {{"--port", "IDL_A1"}, command::end_with_usage, "'IDL_A1' has no interface"},
-        {{"--port", "IDL_C1=eth1"}, command::end_with_usage, "'IDL_C1' is no port; there are IDL_A1 IDL_B1"},
-        {{}, command::end_with_usage, "OXHAL_PORTS: none of the ports is one that carries a link", "P=a:b"},
-        {{"--port", "IDL_A1=../eth1"}, command::end_with_usage, "'../eth1' is not an interface name"},
-        {{"--port", "IDL_A1=x", "--port", "IDLA1=y"},
-         command::end_with_usage,
-         "port 'IDLA1' is given twice; 'IDL_A1' is the same"},
-        {{"--port", "IDL_A1=x", "--port", "IDL_B1=x"}, command::end_with_usage, "'x' is given to two ports"},
-        {{"--port", "IDL_A1=x", "eth1"}, command::end_with_usage, "unexpected argument 'eth1'"},
+        {{"--port", "IDL_A1=eth1", "--port=IDL_B1=eth2"}, -1, "", "not looked at"},
+        {{}, -1, "", "DiPort_A1=eth1:sec-a1  DiPort_B1=eth2:sec-b1"},
+        {{}, 2, "OXHAL_PORTS: 'IDL_A1=eth1' is no port; write it as", "IDL_A1=eth1"},
+        {{"--help"}, 0, "Usage: oxpcsi-server [--port NAME=INTERFACE]"},
+        {{}, 2, "no port is given; name each with an option such as --port"},
+        {{"--port", "IDL_A1"}, 2, "'IDL_A1' has no interface"},
+        {{"--port", "IDL_C1=eth1"}, 2, "'IDL_C1' is no port; there are IDL_A1 IDL_B1"},
+        {{}, 2, "OXHAL_PORTS: none of the ports is one that carries a link", "P=a:b"},
+        {{"--port", "IDL_A1=../eth1"}, 2, "'../eth1' is not an interface name"},
+        {{"--port", "IDL_A1=x", "--port", "IDLA1=y"}, 2, "port 'IDLA1' is given twice; 'IDL_A1' is the same"},
+        {{"--port", "IDL_A1=x", "--port", "IDL_B1=x"}, 2, "'x' is given to two ports"},
+        {{"--port", "IDL_A1=x", "eth1"}, 2, "unexpected argument 'eth1'"},
     };
-    for (auto row : cases) {
-        row.arguments.insert(row.arguments.begin(), "oxpcsi-server");
+    for (const auto& row : cases) {
         setenv("OXHAL_PORTS", row.hardware_ports, 1);
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
         settings parsed;
-        EXPECT_EQ(parse_command_line(static_cast<int>(row.arguments.size()), row.arguments.data(), parsed),
-                  row.result)
-            << row.output;
-        const std::string answer = testing::internal::GetCapturedStdout();
-        const std::string complaint = testing::internal::GetCapturedStderr();
-        EXPECT_NE((answer + complaint).find(row.output), std::string::npos) << answer << complaint;
-        EXPECT_EQ(complaint.empty(), row.result != command::end_with_usage) << complaint;
-        if (row.result == command::serve) {
+        auto answer = read_command_line(row.arguments, parsed);
+        EXPECT_EQ(answer ? answer->exit_status : -1, row.exit_status) << row.output;
+        EXPECT_NE((answer ? answer->text : "").find(row.output), std::string::npos) << answer->text;
+        if (row.exit_status == -1) {
             ASSERT_EQ(parsed.port_count, 2u);
             EXPECT_STREQ(parsed.ports[1].name, "IDL_B1");
             EXPECT_STREQ(parsed.ports[1].interface, "eth2");

@@ -23,26 +23,29 @@ TEST(tavuctl_command_line, is_read_or_refused) {
         {{"status"}, action::STATUS, ""},
         {{"watch", "--json"}, action::WATCH, ""},
         {{"link", "set", "--status=file", "IDL_A1", "--timeout=1"}, action::LINK_SET, ""},
-        {{"status", "--help"}, action::TELL, "Usage: tavuctl status"},
-        {{"link", "set", "--help"}, action::TELL, "4  not confirmed in time"},
-        {{"--version"}, action::TELL, "tavuctl 0."},
+        {{"status", "--help"}, action::ANSWER, "Usage: tavuctl status"},
+        {{"link", "set", "--help"}, action::ANSWER, "4  not confirmed in time"},
+        {{"--version"}, action::ANSWER, "tavuctl 0."},
+        {{"help"}, action::ANSWER, "Usage: tavuctl COMMAND"},
+        {{"status", "-h"}, action::ANSWER, "Usage: tavuctl status"},
         {{"check", "unit.conf"}, action::CHECK, ""},
-        {{"check", "a", "b"}, action::REFUSE, "unexpected argument 'b'"},
-        {{}, action::REFUSE, "say what to do\nTry 'tavuctl --help'."},
-        {{"stauts"}, action::REFUSE, "unknown command 'stauts'"},
-        {{"link"}, action::REFUSE, "Try 'tavuctl link --help'."},
-        {{"status", "--jsno"}, action::REFUSE, "unknown option '--jsno'"},
-        {{"status", "--timeout=0"}, action::REFUSE, "--timeout is '0'; it must be from 1 to 86400"},
-        {{"status", "--timeout=99999999999999999999"}, action::REFUSE, "--timeout is"},
-        {{"link", "set"}, action::REFUSE, "say which port's link to set"},
-        {{"link", "set", "P"}, action::REFUSE, "say which status"},
-        {{"link", "set", "P", "--status", "on"}, action::REFUSE, "--status is 'on'; it must be file, up"},
-        {{"link", "set", "0123456789012345", "--status", "up"}, action::REFUSE, "1 to 15 characters"},
+        {{"check", "a", "b"}, action::ANSWER, "unexpected argument 'b'"},
+        {{}, action::ANSWER, "say what to do\nTry 'tavuctl --help'."},
+        {{"stauts"}, action::ANSWER, "unknown command 'stauts'"},
+        {{"link"}, action::ANSWER, "Try 'tavuctl link --help'."},
+        {{"status", "--jsno"}, action::ANSWER, "unknown option '--jsno'"},
+        {{"status", "--timeout=0"}, action::ANSWER, "--timeout is '0'; it must be from 1 to 86400"},
+        {{"status", "--timeout=99999999999999999999"}, action::ANSWER, "--timeout is"},
+        {{"link", "set"}, action::ANSWER, "say which port's link to set"},
+        {{"link", "set", "P"}, action::ANSWER, "say which status"},
+        {{"link", "set", "P", "--status", "on"}, action::ANSWER, "--status is 'on'; it must be file, up"},
+        {{"link", "set", "0123456789012345", "--status", "up"}, action::ANSWER, "1 to 15 characters"},
     };
     for (const auto& each : cases) {
         command_line line = read_command_line(each.arguments);
-        EXPECT_EQ(line.wanted, each.wanted) << each.text << ":\n" << line.text;
-        EXPECT_NE(line.text.find(each.text), std::string::npos) << each.text << ":\n" << line.text;
+        EXPECT_EQ(line.wanted, each.wanted) << each.text << ":\n" << line.answer.text;
+        EXPECT_NE(line.answer.text.find(each.text), std::string::npos) << each.text << ":\n"
+                                                                       << line.answer.text;
     }
 }
 

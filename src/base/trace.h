@@ -7,18 +7,12 @@
 
 #include "platform/zeb.h"
 
-#define TRACE_AT(group, ...)                                                                                 \
-    do {                                                                                                     \
-        if (::tavu::is_traced(group))                                                                        \
-            lttngZebTrace(group, short_fname(__FILE__), __LINE__, formatStr(__VA_ARGS__), &procInfo);        \
-    } while (0)
-
-#define TRACE_ERROR(...) TRACE_AT(ZEB_GROUP_ERROR, __VA_ARGS__)
-#define TRACE_INFO(...) TRACE_AT(ZEB_GROUP_INFO, __VA_ARGS__)
+#define TRACE_ERROR(...) ZEB_TRACE(ZEB_GROUP_ERROR, __VA_ARGS__)
+#define TRACE_INFO(...) ZEB_TRACE(ZEB_GROUP_INFO, __VA_ARGS__)
 // Progress.
-#define TRACE(...) TRACE_AT(ZEB_GROUP_TRACE, __VA_ARGS__)
-#define TRACE_DETAIL(...) TRACE_AT(ZEB_GROUP_DETAIL, __VA_ARGS__)
-#define TRACE_STATE_CHANGE(...) TRACE_AT(ZEB_GROUP_STATE_CHANGE, __VA_ARGS__)
+#define TRACE(...) ZEB_TRACE(ZEB_GROUP_TRACE, __VA_ARGS__)
+#define TRACE_DETAIL(...) ZEB_TRACE(ZEB_GROUP_DETAIL, __VA_ARGS__)
+#define TRACE_STATE_CHANGE(...) ZEB_TRACE(ZEB_GROUP_STATE_CHANGE, __VA_ARGS__)
 
 // Before a message is sent. `message` is an outgoing<T>.
 #define TRACE_SEND(message, receiver, ...)                                                                   \

@@ -82,8 +82,9 @@ void oka_send(oka_message** message, oka_mailbox receiver, oka_mailbox sender);
  * numbers: an array whose first word counts the numbers that follow, or NULL for all; messages that are
  * not selected stay queued in their order. `timeout_ms` is OKA_WAIT_FOREVER, 0 to poll, or the longest
  * time to wait. `sender_selector` is OKA_ANY_SENDER or the only sender that is wanted. Returns NULL
- * when the time-out passed or nothing can ever arrive. Waits in one system call, and makes none while
- * nothing happens. */
+ * when the time-out passed, when nothing can ever arrive, and always once the process was asked to end
+ * (SIGTERM or SIGINT): it then has all the time that it needs to end in order. Waits in one system call, and
+ * makes none while nothing happens. */
 oka_message* oka_receive(const uint32_t* numbers, int32_t timeout_ms, uint32_t sender_selector);
 
 /* The mailbox a received message came from; a reply is sent to it. OKA_MAILBOX_NONE for a timer's. */

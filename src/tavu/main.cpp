@@ -5,15 +5,27 @@
 
 #include "tavu/tavu_main.h"
 
-int main(int argc, char** argv) {
-    if (argc > 1) {
-        bool help = argc == 2 && strcmp(argv[1], "--help") == 0;
-        fprintf(help ? stdout : stderr,
-                "Usage: MPID=<own MP id> qel-tavu\n"
-                "The MACsec control daemon of one unit. It takes no arguments and stays in the foreground;\n"
-                "the environment configures it and the platform under it (OKA_*, OXHAL_*, ZEB_*).\n");
-        return help ? 0 : 1;
+namespace {
+
+int answer(const char* argument) {
+    if (strcmp(argument, "--version") == 0) {
+        printf("qel-tavu %s\n", QEL_TAVU_VERSION);
+        return 0;
     }
+    bool help = strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0;
+    fprintf(help ? stdout : stderr,
+            "Usage: MPID=<own MP id> qel-tavu\n"
+            "The MACsec control daemon of one unit. It takes no arguments but --help and --version, and "
+            "stays in the\n"
+            "foreground; the environment configures it and the platform under it (OKA_*, OXHAL_*, ZEB_*).\n");
+    return help ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1)
+        return answer(argc == 2 ? argv[1] : "");
     // Keys pass through this process's memory. A core file would keep them, and other processes of the same
     // user could attach and read them.
     const rlimit no_core_file = {.rlim_cur = 0, .rlim_max = 0};

@@ -119,7 +119,7 @@ void print_summary(const totals& all, double took_s) {
 } // namespace
 
 int main(int argc, char** argv) {
-    services::option options[] = {
+    std::vector<services::option> options = {
         {"seed", "N", "the first seed; that of the day unless given. Alone: this one only"},
         {"seeds", "N", "how many seeds"},
         {"hours", "H", "virtual hours, instead of a number of seeds"},
@@ -129,17 +129,19 @@ int main(int argc, char** argv) {
         {"faults", "MASK", "a bit for each kind of fault that may be drawn, in the order of the summary"},
         {"jobs", "J", "runs at a time; one for each processor unless given"},
         {"verbose", nullptr, "every event on standard error"},
-        {"help", nullptr, "shows this text"},
     };
-    auto& [seed, seeds, hours, units, links, rounds, faults, jobs, verbose, help] = options;
     std::vector<std::string> operands;
-    std::string error;
-    if (!services::parse_options({argv + 1, static_cast<size_t>(argc - 1)}, options, operands, error) ||
-        !operands.empty() || help.given()) {
-        fprintf(help.given() ? stdout : stderr, "%s\nUsage: simulate [OPTION]...\n\n%s", error.c_str(),
-                services::options_help(options).c_str());
-        return help.given() ? 0 : 2;
-    }
+    constexpr services::program_help help = {
+        "simulate", "[OPTION]...", "Runs whole nodes on virtual time, with faults drawn from seeds.", ""};
+    auto answer = services::read_options(help, {argv + 1, static_cast<size_t>(argc - 1)}, options, operands);
+    if (!answer && !operands.empty())
+        answer = services::refusal(help.program, "unexpected argument '" + operands[0] + "'");
+    if (answer)
+        return services::give(*answer);
+    enum { SEED, SEEDS, HOURS, UNITS, LINKS, ROUNDS, FAULTS, JOBS, VERBOSE };
+    const services::option &seed = options[SEED], &seeds = options[SEEDS], &hours = options[HOURS],
+                           &units = options[UNITS], &links = options[LINKS], &rounds = options[ROUNDS],
+                           &faults = options[FAULTS], &jobs = options[JOBS], &verbose = options[VERBOSE];
     auto number = [](const services::option& given, unsigned long long otherwise) {
         return given.given() ? strtoull(given.values.back().c_str(), nullptr, 0) : otherwise;
     };

@@ -10,6 +10,7 @@
 
 #include "platform/oka/core/core_internal.h"
 #include "platform/oka/core/oka_trace.h"
+#include "platform/oka/core/signals.h"
 #include "platform/oka/tipc/tipc_transport.h"
 #include "platform/oka/unix/unix_transport.h"
 #include "platform/oka_names.h"
@@ -108,6 +109,8 @@ int oka_init(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
     if (!oka::clock_plugged() && !oka::transport_plugged()) {
         if (int error = plug_transports())
             return error;
+        if (!oka::watch_signals())
+            return EMFILE;
     }
     return oka::start_core(own_unit);
 }

@@ -20,8 +20,7 @@ namespace {
 using namespace oxhal;
 
 // An error trace with the kernel's reason, and the error itself to return.
-__attribute__((format(printf, 4, 5))) int failed(int line, int error, const netlink& asked,
-                                                 const char* format, ...) {
+__attribute__((format(printf, 3, 4))) int failed(int error, const netlink& asked, const char* format, ...) {
     char what[160];
     va_list arguments;
     va_start(arguments, format);
@@ -30,12 +29,11 @@ __attribute__((format(printf, 4, 5))) int failed(int line, int error, const netl
     const char* hint = error == EPERM       ? "; CAP_NET_ADMIN is needed"
                        : error == ETIMEDOUT ? "; the kernel does not answer"
                                             : "";
-    report(line, __FILE__, "%s: %s%s%s%s", what, strerror(error), *asked.why() ? ", " : "", asked.why(),
-           hint);
+    OXHAL_ERROR("%s: %s%s%s%s", what, strerror(error), *asked.why() ? ", " : "", asked.why(), hint);
     return error;
 }
-#define FAILED_ROUTE(error, ...) failed(__LINE__, error, kernel::route(), __VA_ARGS__)
-#define FAILED_GENERIC(error, ...) failed(__LINE__, error, kernel::generic(), __VA_ARGS__)
+#define FAILED_ROUTE(error, ...) failed(error, kernel::route(), __VA_ARGS__)
+#define FAILED_GENERIC(error, ...) failed(error, kernel::generic(), __VA_ARGS__)
 
 bool same(const oxhal_macsec_sci& one, const oxhal_macsec_sci& other) {
     return !memcmp(&one, &other, sizeof one);
@@ -196,9 +194,8 @@ void refresh(port& on) {
                     on.controlled_port, on.common_port);
     on.controlled_port_index = 0;
     forget_channels(on);
-    if (!place_controlled_port(on) && procInfo.trace_group_mask & (1u << ZEB_GROUP_INFO))
-        lttngZebTrace(ZEB_GROUP_INFO, short_fname(__FILE__), __LINE__,
-                      formatStr("OXHAL: %s: '%s' is there again", on.name, on.controlled_port), &procInfo);
+    if (!place_controlled_port(on))
+        ZEB_TRACE(ZEB_GROUP_INFO, "OXHAL: %s: '%s' is there again", on.name, on.controlled_port);
 }
 
 int disable(port& on) {

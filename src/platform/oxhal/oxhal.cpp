@@ -77,8 +77,7 @@ class port_call {
             if (reason)
                 OXHAL_ERROR("%s: %s", text, reason);
             else
-                lttngZebTrace(ZEB_GROUP_TRACE, short_fname(__FILE__), __LINE__,
-                              formatStr("OXHAL: %s = %d", text, error), &procInfo);
+                ZEB_TRACE(ZEB_GROUP_TRACE, "OXHAL: %s = %d", text, error);
         }
         if (layer.current && layer.current->after)
             layer.current->after(what, error);

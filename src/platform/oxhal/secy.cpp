@@ -1,12 +1,9 @@
 #include "platform/oxhal/secy.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <sys/random.h>
-
-#include "platform/zeb.h"
 
 namespace oxhal {
 
@@ -80,17 +77,6 @@ void describe(const call& what, char (&text)[call_text_size]) {
     snprintf(text, call_text_size, "%s%s%s%s%s%s%s%s", what.operation, what.port_name ? " " : "",
              what.port_name ? what.port_name : "", sci, an, number, what.word ? " " : "",
              what.word ? what.word : "");
-}
-
-void report(int line, const char* file, const char* format, ...) {
-    if (!(procInfo.trace_group_mask & (1u << ZEB_GROUP_ERROR)))
-        return;
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    lttngZebTrace(ZEB_GROUP_ERROR, short_fname(file), line, formatStr("OXHAL: %s", text), &procInfo);
 }
 
 } // namespace oxhal

@@ -9,6 +9,7 @@
 #include "platform/oxhal.h"
 #include "platform/oxhal_ciphers.h"
 #include "platform/oxhal_names.h"
+#include "platform/zeb.h"
 
 namespace oxhal {
 
@@ -159,7 +160,6 @@ int kernel_random(uint32_t length, uint8_t* octets);
 int read_ports(const char* value, port_list& list);
 
 // An error trace that begins with "OXHAL: ".
-void report(int line, const char* file, const char* format, ...) __attribute__((format(printf, 3, 4)));
-#define OXHAL_ERROR(...) oxhal::report(__LINE__, __FILE__, __VA_ARGS__)
+#define OXHAL_ERROR(...) ZEB_TRACE(ZEB_GROUP_ERROR, "OXHAL: " __VA_ARGS__)
 
 } // namespace oxhal

@@ -1,6 +1,7 @@
 #include "services/common/options.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 namespace services {
@@ -20,7 +21,7 @@ bool parse_options(std::span<const char* const> arguments, std::span<option> opt
                    std::vector<std::string>& operands, std::string& error) {
     bool options_ended = false;
     for (size_t i = 0; i < arguments.size(); i++) {
-        std::string argument = arguments[i];
+        std::string argument = strcmp(arguments[i], "-h") == 0 ? "--help" : arguments[i];
         if (options_ended || argument.size() < 2 || argument[0] != '-') {
             operands.push_back(argument);
             continue;
@@ -61,6 +62,9 @@ bool parse_options(std::span<const char* const> arguments, std::span<option> opt
     return true;
 }
 
+namespace {
+
+// One line an option, in two columns.
 std::string options_help(std::span<const option> options) {
     size_t width = 0;
     for (const option& described : options)
@@ -74,8 +78,34 @@ std::string options_help(std::span<const option> options) {
     return help;
 }
 
-const char* project_version() {
-    return QEL_TAVU_VERSION;
+} // namespace
+
+immediate_answer refusal(const char* program, const std::string& why) {
+    std::string name(program, strcspn(program, " "));
+    return {exit_usage, name + ": " + why + "\nTry '" + program + " --help'.\n"};
+}
+
+int give(const immediate_answer& answer) {
+    fputs(answer.text.c_str(), answer.exit_status == 0 ? stdout : stderr);
+    return answer.exit_status;
+}
+
+std::optional<immediate_answer> read_options(const program_help& of, std::span<const char* const> arguments,
+                                             std::vector<option>& options,
+                                             std::vector<std::string>& operands) {
+    size_t help = options.size(), version = help + 1;
+    options.push_back({"help", nullptr, "show this help"});
+    options.push_back({"version", nullptr, "show the version"});
+    std::string error;
+    if (!parse_options(arguments, options, operands, error))
+        return refusal(of.program, error);
+    if (options[help].given())
+        return immediate_answer{0, std::string(of.purpose) + "\n\nUsage: " + of.program + " " + of.usage +
+                                       "\n\nOptions:\n" + options_help(options) + of.more};
+    if (options[version].given())
+        return immediate_answer{0, std::string(of.program, strcspn(of.program, " ")) + " " +
+                                       QEL_TAVU_VERSION + "\n"};
+    return std::nullopt;
 }
 
 } // namespace services

@@ -2,7 +2,7 @@
 // What an option means is its program's business.
 #pragma once
 
-#include <cstdio>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -21,15 +21,34 @@ struct option {
     const char* value_or(const char* otherwise) const { return given() ? values[0].c_str() : otherwise; }
 };
 
-// Takes "--name value", "--name=value" and "--name"; "--" ends the options. What is no option goes to
-// `operands`, in order. False, with what is wrong in `error`, for an option that is unknown, given twice
-// though it is not repeatable, without its value, or with one that it does not take.
+// Takes "--name value", "--name=value" and "--name", and "-h" for "--help"; "--" ends the options. What is no
+// option goes to `operands`, in order. False, with what is wrong in `error`, for an option that is unknown,
+// given twice though it is not repeatable, without its value, or with one that it does not take.
 [[nodiscard]] bool parse_options(std::span<const char* const> arguments, std::span<option> options,
                                  std::vector<std::string>& operands, std::string& error);
 
-// One line an option, in two columns.
-std::string options_help(std::span<const option> options);
+// What a program says to a command line that it answers at once: its help, its version, or what is wrong.
+struct immediate_answer {
+    int exit_status; // 0, or exit_usage
+    std::string text;
+};
+constexpr int exit_usage = 2;
 
-const char* project_version();
+immediate_answer refusal(const char* program, const std::string& why);
+// Writes it to where it belongs, and returns its exit status.
+int give(const immediate_answer& answer);
+
+struct program_help {
+    const char* program; // as it is called: "idl-topologyd", "tavuctl status"
+    const char* usage;   // what follows
+    const char* purpose;
+    const char* more; // behind the options
+};
+
+// Reads the options, to which --help (-h too) and --version are added, and answers these and what is wrong.
+[[nodiscard]] std::optional<immediate_answer> read_options(const program_help& of,
+                                                           std::span<const char* const> arguments,
+                                                           std::vector<option>& options,
+                                                           std::vector<std::string>& operands);
 
 } // namespace services

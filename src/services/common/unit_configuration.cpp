@@ -1,19 +1,16 @@
 #include "services/common/unit_configuration.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 #include <optional>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "platform/oka_names.h"
 #include "platform/oxhal_names.h"
 #include "platform/zeb_names.h"
 #include "protocols/port_names.h"
+#include "services/common/plain_text.h"
+#include "services/common/small_file.h"
 
 namespace services {
 
@@ -146,10 +143,8 @@ struct reader {
     void complain(std::string words) {
         if (result.errors.size() >= errors_max)
             return;
-        // What is quoted from the file may be meant for a terminal.
-        for (char& c : words)
-            c = c < ' ' || c > '~' ? '?' : c;
-        result.errors.push_back(path + (line ? ":" + std::to_string(line) : "") + ": " + words);
+        result.errors.push_back(path + (line ? ":" + std::to_string(line) : "") + ": " +
+                                plain_text(std::move(words)));
     }
 
     const variable* find(std::string_view name) const {
@@ -269,25 +264,13 @@ unit_configuration parse_unit_configuration(std::string_view content, const char
 }
 
 unit_configuration read_unit_configuration(const char* path) {
-    reader file{path};
-    // A FIFO under this name must not stop us.
-    int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    std::string content(file_size_max + 1, '\0');
-    ssize_t length = descriptor < 0 ? -1 : read(descriptor, content.data(), content.size());
-    int error = errno;
-    if (descriptor >= 0)
-        close(descriptor);
-    if (length < 0) {
-        file.complain(
-            std::string("cannot be read: ") + strerror(error) +
-            (error == ENOENT ? "; create it, from unit.conf.example" : "; make it a readable file"));
-        return file.result;
-    }
-    if (static_cast<size_t>(length) > file_size_max) {
-        file.complain("is larger than 64 KiB; name the right file");
-        return file.result;
-    }
-    return parse_unit_configuration({content.data(), static_cast<size_t>(length)}, path);
+    small_file file = read_small_file(path, file_size_max);
+    if (file.error.empty())
+        return parse_unit_configuration(file.content, path);
+    reader failed{path};
+    failed.complain(file.error +
+                    (file.is_missing ? "; create it, from unit.conf.example" : "; make it a readable file"));
+    return failed.result;
 }
 
 } // namespace services

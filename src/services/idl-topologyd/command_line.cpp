@@ -1,62 +1,48 @@
 #include "services/idl-topologyd/command_line.h"
 
-#include "services/common/options.h"
 #include "services/idl-topologyd/topologyd.h"
 
 namespace topologyd {
 
 namespace {
 
-using services::option;
-
-std::string help(std::span<const option> options) {
-    return "idl-topologyd publishes the links of the links file to qel-tavu and keeps them there.\n"
-           "\n"
-           "Usage: idl-topologyd [OPTION]...\n"
-           "\n"
-           "Options:\n" +
-           services::options_help(options) +
-           "\n"
-           "The links file (TOML) has a table for each link and is followed while it changes:\n"
-           "  [[link]]\n"
-           "  port = \"IDL_A1\"          # own port\n"
-           "  id = 1                   # any number; names the link on its port\n"
-           "  remote-port = \"IDL_A1\"\n"
-           "  remote-mpid = 7\n"
-           "  du-type = \"type-3\"       # type-3 (secured; the default) or type-2\n"
-           "  status = \"up\"            # the default; any other but macsec-pending leaves it unsecured\n"
-           "  hunt-path = \"mp7\"        # the remote unit's path; needed for type-3\n"
-           "\n"
-           "Environment:\n"
-           "  OKA_DIR    directory of the messaging service (default /run/oka)\n"
-           "  OKA_UNIT   this unit's name in it\n"
-           "  ZEB_TRACE  trace groups to show: all, none, or a list (default error, info, state change)\n"
-           "\n"
-           "Exit status: 0 done; 1 the links file is not good, or starting failed; 2 wrong command line.\n";
-}
+constexpr services::program_help help = {
+    "idl-topologyd", "[OPTION]...",
+    "idl-topologyd publishes the links of the links file to qel-tavu and keeps them there.",
+    "\n"
+    "The links file (TOML) has a table for each link and is followed while it changes:\n"
+    "  [[link]]\n"
+    "  port = \"IDL_A1\"          # own port\n"
+    "  id = 1                   # any number; names the link on its port\n"
+    "  remote-port = \"IDL_A1\"\n"
+    "  remote-mpid = 7\n"
+    "  du-type = \"type-3\"       # type-3 (secured; the default) or type-2\n"
+    "  status = \"up\"            # the default; any other but macsec-pending leaves it unsecured\n"
+    "  hunt-path = \"mp7\"        # the remote unit's path; needed for type-3\n"
+    "\n"
+    "Environment:\n"
+    "  OKA_DIR    directory of the messaging service (default /run/oka)\n"
+    "  OKA_UNIT   this unit's name in it\n"
+    "  ZEB_TRACE  trace groups to show: all, none, or a list (default error, info, state change)\n"
+    "\n"
+    "Exit status: 0 asked to end, or the links file is good; 1 the links file is not good, or starting "
+    "failed; 2 wrong command line.\n"};
 
 } // namespace
 
 command_line read_command_line(std::span<const char* const> arguments) {
-    enum { LINKS, CHECK, HELP, VERSION };
-    option options[] = {
+    std::vector<services::option> options = {
         {"links", "FILE", "the links file (default /etc/qel-tavu/links.toml)"},
         {"check", nullptr, "say whether the links file is good, and exit"},
-        {"help", nullptr, "show this help"},
-        {"version", nullptr, "show the version"},
     };
     std::vector<std::string> operands;
-    std::string error;
-    if (!services::parse_options(arguments, options, operands, error))
-        return {action::REFUSE, "", error};
-    if (options[HELP].given())
-        return {action::TELL, "", help(options)};
-    if (options[VERSION].given())
-        return {action::TELL, "", std::string("idl-topologyd ") + services::project_version() + "\n"};
-    if (!operands.empty())
-        return {action::REFUSE, "", "unexpected argument '" + operands[0] + "'"};
-    return {options[CHECK].given() ? action::CHECK : action::RUN, options[LINKS].value_or(default_links_path),
-            ""};
+    command_line line;
+    line.answer = services::read_options(help, arguments, options, operands);
+    if (!line.answer && !operands.empty())
+        line.answer = services::refusal(help.program, "unexpected argument '" + operands[0] + "'");
+    line.links_path = options[0].value_or(default_links_path);
+    line.only_checks = options[1].given();
+    return line;
 }
 
 } // namespace topologyd

@@ -1,22 +1,14 @@
 // What idl-topologyd was asked to do.
 #pragma once
 
-#include <span>
-#include <string>
+#include "services/common/options.h"
 
 namespace topologyd {
 
-enum class action {
-    RUN,
-    CHECK, // whether the links file is good
-    TELL,  // print `text`: help or version
-    REFUSE // print `text`, what is wrong with the command line
-};
-
 struct command_line {
-    action wanted;
-    std::string links_path;
-    std::string text;
+    std::optional<services::immediate_answer> answer{}; // then nothing else is to be done
+    bool only_checks = false;                           // whether the links file is good
+    std::string links_path{};
 };
 
 command_line read_command_line(std::span<const char* const> arguments);

@@ -294,7 +294,7 @@ bool verify_request(const oka_message* message, const request_row& row, const re
     uint32_t version = as<topology_req>(message).version;
     if (version != topology_protocol_version) {
         send_rej(from, TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION,
-                 "idl-topologyd " + std::string(project_version()) + " speaks version " +
+                 "idl-topologyd " QEL_TAVU_VERSION " speaks version " +
                      std::to_string(topology_protocol_version) + " of the protocol, not " +
                      std::to_string(version) + "; install the tavuctl that belongs to it");
         return false;

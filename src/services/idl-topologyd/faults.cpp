@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "services/common/plain_text.h"
+
 namespace topologyd {
 
 namespace {
@@ -131,9 +133,7 @@ bool update_fault(link_record& link, bool has_daemon, uint64_t now_ms) {
 
 fault_words quote_words(const char* said) {
     fault_words words;
-    words.assign(said);
-    for (char* at = words.octets; *at; at++)
-        *at = *at < ' ' || *at > '~' ? '?' : *at;
+    words.assign(services::plain_text(said).c_str());
     return words;
 }
 

@@ -1,12 +1,8 @@
 #include "services/idl-topologyd/links_file.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
@@ -24,6 +20,8 @@
 #include <toml++/toml.h>
 
 #include "protocols/topology_messages.h"
+#include "services/common/plain_text.h"
+#include "services/common/small_file.h"
 
 namespace topologyd {
 
@@ -49,22 +47,16 @@ struct reader {
         va_start(arguments, format);
         vsnprintf(words, sizeof words, format, arguments);
         va_end(arguments);
-        // What is quoted from the file may be meant for a terminal.
-        for (char* at = words; *at; at++)
-            *at = *at < ' ' || *at > '~' ? '?' : *at;
         std::string line = path;
         if (where.begin.line != 0)
             line += ":" + std::to_string(where.begin.line);
-        result.errors.push_back(line + ": " + words);
+        result.errors.push_back(line + ": " + services::plain_text(words));
     }
 };
 
 bool is_printable(const std::string& value) {
-    for (char octet : value) {
-        if (octet <= ' ' || octet > '~')
-            return false;
-    }
-    return !value.empty();
+    return !value.empty() && std::all_of(value.begin(), value.end(), services::is_plain) &&
+           value.find(' ') == std::string::npos;
 }
 
 // The table of one link while its keys are read. Every complaint names the link, as far as it has a name.
@@ -207,36 +199,6 @@ void read_document(reader& file, const toml::table& document) {
     }
 }
 
-links_file unreadable(const char* path, const char* why, const char* remedy) {
-    links_file result;
-    result.errors.push_back(std::string(path) + ": cannot be read: " + why + "; " + remedy);
-    return result;
-}
-
-// The whole file, or the reason why not.
-links_file read_from(int descriptor, const char* path) {
-    struct stat status;
-    if (fstat(descriptor, &status) < 0)
-        return unreadable(path, strerror(errno), "check the file");
-    if (!S_ISREG(status.st_mode))
-        return unreadable(path, "it is no regular file", "name the links file with --links");
-    std::string content(file_size_max + 1, '\0');
-    size_t length = 0;
-    for (;;) {
-        ssize_t got = read(descriptor, content.data() + length, content.size() - length);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return unreadable(path, strerror(errno), "check the file");
-        if (got == 0)
-            break;
-        length += static_cast<size_t>(got);
-    }
-    if (length > file_size_max)
-        return unreadable(path, "it is larger than 256 KiB", "name the links file with --links");
-    return parse_links({content.data(), length}, path);
-}
-
 } // namespace
 
 links_file parse_links(std::string_view content, const char* path) {
@@ -253,14 +215,13 @@ links_file parse_links(std::string_view content, const char* path) {
 }
 
 links_file read_links_file(const char* path) {
-    // A FIFO under this name must not stop us.
-    int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor < 0)
-        return unreadable(path, strerror(errno),
-                          errno == ENOENT ? "create it, or name another with --links"
-                                          : "make it readable for this user");
-    links_file result = read_from(descriptor, path);
-    close(descriptor);
+    services::small_file file = services::read_small_file(path, file_size_max);
+    if (file.error.empty())
+        return parse_links(file.content, path);
+    links_file result;
+    result.errors.push_back(std::string(path) + ": " + file.error +
+                            (file.is_missing ? "; create it, or name another with --links"
+                                             : "; name the links file with --links, readable for this user"));
     return result;
 }
 

@@ -1,8 +1,7 @@
 #include <cstdio>
 
-#include "platform/oka_timer.h"
-#include "platform/zeb.h"
 #include "protocols/topology_messages.h"
+#include "services/common/service.h"
 #include "services/idl-topologyd/command_line.h"
 #include "services/idl-topologyd/links_file.h"
 #include "services/idl-topologyd/topologyd.h"
@@ -11,50 +10,35 @@ namespace {
 
 using namespace topologyd;
 
-int check(const char* path) {
-    links_file file = read_links_file(path);
+const char* links_path = nullptr;
+
+int check() {
+    links_file file = read_links_file(links_path);
     for (const std::string& error : file.errors)
         fprintf(stderr, "%s\n", error.c_str());
     if (file.is_good())
-        printf("%s: %zu links, good\n", path, file.links.size());
-    return file.is_good() ? 0 : 1;
+        printf("%s: %zu links, good\n", links_path, file.links.size());
+    return file.is_good() ? 0 : services::exit_failure;
 }
 
-int run(const char* links_path) {
-    (void)zeb_init();
-    zeb_register_thread_name("idl-topologyd");
-    if (!oka_timer_service_init() || oka_init(37, 0, 0, 0, 0) != 0)
-        return 1;
-    oka_mailbox mailbox = oka_create_mailbox(services::topology_mailbox_name, 0);
-    if (mailbox == OKA_MAILBOX_NONE) {
-        fprintf(stderr, "idl-topologyd: cannot start: the unit may have one already, or the directory that "
-                        "OKA_DIR names is not ours to write\n");
-        return 1;
-    }
-    if (!topologyd_start(mailbox, links_path))
-        return 1;
-    while (oka_message* message = oka_receive(nullptr, OKA_WAIT_FOREVER, OKA_ANY_SENDER)) {
-        topologyd_dispatch_message(message);
-        oka_free(&message);
-    }
-    return 1;
-}
+constexpr services::service manager = {
+    .name = "idl-topologyd",
+    .root_mailbox = services::topology_mailbox_name,
+    .start = [](oka_mailbox root) { return topologyd_start(root, links_path); },
+    .handle =
+        [](const oka_message* message) {
+            topologyd_dispatch_message(message);
+            return true;
+        },
+    .stop = topologyd_stop,
+};
 
 } // namespace
 
 int main(int argc, char** argv) {
     command_line line = read_command_line({argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0)});
-    switch (line.wanted) {
-    case action::RUN:
-        return run(line.links_path.c_str());
-    case action::CHECK:
-        return check(line.links_path.c_str());
-    case action::TELL:
-        fputs(line.text.c_str(), stdout);
-        return 0;
-    case action::REFUSE:
-        fprintf(stderr, "idl-topologyd: %s\nTry 'idl-topologyd --help'.\n", line.text.c_str());
-        return 2;
-    }
-    return 2;
+    if (line.answer)
+        return services::give(*line.answer);
+    links_path = line.links_path.c_str();
+    return line.only_checks ? check() : services::run_service(manager);
 }

@@ -113,9 +113,9 @@ bool verify_word(const oka_message* message) {
     uint32_t version = as<topology_req>(message).version;
     if (version != topology_peer_version) {
         send_rej(message, TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION,
-                 "it is " + std::string(project_version()) + " and speaks version " +
-                     std::to_string(topology_peer_version) + " of the protocol between units, not " +
-                     std::to_string(version) + "; install the same version at both ends");
+                 "it is " QEL_TAVU_VERSION " and speaks version " + std::to_string(topology_peer_version) +
+                     " of the protocol between units, not " + std::to_string(version) +
+                     "; install the same version at both ends");
         return false;
     }
     if (oka_size(message) != sizeof(topology_peer_link_ind)) {

@@ -17,11 +17,10 @@
 namespace {
 
 constexpr int exit_failure = 1;
-constexpr int exit_usage = 2;
 
-int complain(const std::string& what, int status = exit_failure) {
+int complain(const std::string& what) {
     fprintf(stderr, "oka-tipc-key: %s\n", what.c_str());
-    return status;
+    return exit_failure;
 }
 
 class generic_netlink {
@@ -124,37 +123,22 @@ int set_key(const services::tipc_key& key) {
 } // namespace
 
 int main(int argc, char** argv) {
-    enum { CHECK, HELP, VERSION };
-    services::option options[] = {
+    constexpr services::program_help help = {
+        "oka-tipc-key", "[--check] FILE",
+        "oka-tipc-key gives the kernel the key of the TIPC cluster, from a file.",
+        "\nExit status: 0 done; 1 the file holds no key, or the kernel takes none; 2 wrong command line.\n"};
+    std::vector<services::option> options = {
         {"check", nullptr, "say whether the file holds a key, and exit"},
-        {"help", nullptr, "show this help"},
-        {"version", nullptr, "show the version"},
     };
     std::vector<std::string> operands;
-    std::string error;
     std::vector<const char*> arguments(argv + (argc > 0), argv + argc);
-    if (!services::parse_options(arguments, options, operands, error))
-        return complain(error, exit_usage);
-    if (options[HELP].given()) {
-        printf(
-            "oka-tipc-key gives the kernel the key of the TIPC cluster, from a file.\n"
-            "\n"
-            "Usage: oka-tipc-key [--check] FILE\n"
-            "\n"
-            "Options:\n%s"
-            "\n"
-            "Exit status: 0 done; 1 the file holds no key, or the kernel takes none; 2 wrong command line.\n",
-            services::options_help(options).c_str());
-        return 0;
-    }
-    if (options[VERSION].given()) {
-        printf("oka-tipc-key %s\n", services::project_version());
-        return 0;
-    }
+    if (auto answer = services::read_options(help, arguments, options, operands))
+        return services::give(*answer);
     if (operands.size() != 1)
-        return complain("one file is needed; see oka-tipc-key --help", exit_usage);
+        return services::give(services::refusal(help.program, "one file is needed"));
     services::tipc_key key;
+    std::string error;
     if (!services::read_tipc_key(operands[0].c_str(), key, error))
         return complain(error);
-    return options[CHECK].given() ? 0 : set_key(key);
+    return options[0].given() ? 0 : set_key(key);
 }

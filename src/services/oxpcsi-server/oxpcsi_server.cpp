@@ -5,10 +5,8 @@
 #include <string>
 
 #include "base/trace.h"
-#include "platform/oka_timer.h"
 #include "platform/oxhal_names.h"
 #include "protocols/port_names.h"
-#include "services/common/options.h"
 
 namespace oxpcsi {
 
@@ -19,33 +17,30 @@ constexpr char root_mailbox_name[] = "oxpcsi-server-root";
 constexpr char example[] = "--port IDL_A1=eth1";
 
 struct {
+    const settings* chosen;
     oka_mailbox root;
     bool serving;
 } self;
 
 // --- The command line.
 
-command complain(const std::string& what) {
-    fprintf(stderr, "%s: %s\nTry '%s --help'.\n", program, what.c_str(), program);
-    return command::end_with_usage;
-}
-
-void print_help(std::span<const services::option> options) {
-    printf("Usage: %s [--port NAME=INTERFACE]...\n\n"
-           "The port control service of a plain Linux node. Tells its clients which Ethernet ports the node\n"
-           "has for links between units, and every change of their interfaces. Interfaces are followed by\n"
-           "name in the network namespace of the process; they need not exist yet.\n\n"
-           "Options:\n%s\n"
-           "Environment:\n"
-           "  OXHAL_PORTS  the ports without --port, as qel-tavu has them: \"DiPort_A1=eth1:sec-a1\" is "
-           "IDL_A1=eth1\n"
-           "  OKA_DIR      directory of the messaging service (default /run/oka)\n"
-           "  OKA_UNIT     name of this unit below it\n"
-           "  ZEB_TRACE    groups of traces: names, 'all' or 'none' (default: error, info, state change)\n\n"
-           "Exit status: %d when it cannot serve, %d for a wrong command line. Otherwise it does not end.\n\n"
-           "Example:\n  %s %s --port IDL_B1=eth2\n",
-           program, services::options_help(options).c_str(), exit_failure, exit_usage, program, example);
-}
+constexpr services::program_help help = {
+    program, "[--port NAME=INTERFACE]...",
+    "The port control service of a plain Linux node. Tells its clients which Ethernet ports the node\n"
+    "has for links between units, and every change of their interfaces. Interfaces are followed by\n"
+    "name in the network namespace of the process; they need not exist yet.",
+    "\n"
+    "Environment:\n"
+    "  OXHAL_PORTS  the ports without --port, as qel-tavu has them: \"DiPort_A1=eth1:sec-a1\" is "
+    "IDL_A1=eth1\n"
+    "  OKA_DIR      directory of the messaging service (default /run/oka)\n"
+    "  OKA_UNIT     name of this unit below it\n"
+    "  ZEB_TRACE    groups of traces: names, 'all' or 'none' (default: error, info, state change)\n"
+    "\n"
+    "Exit status: 0 asked to end; 1 it cannot serve; 2 wrong command line.\n"
+    "\n"
+    "Example:\n"
+    "  oxpcsi-server --port IDL_A1=eth1 --port IDL_B1=eth2\n"};
 
 // Adds a port to the settings; otherwise says what is wrong with it.
 std::string add_port(const std::string& value, settings& parsed) {
@@ -109,91 +104,54 @@ void handle_all_known() {
     self.serving &= port_control_server_start(self.root);
 }
 
-bool start(const settings& set) {
-    if (!oka_timer_service_init() || oka_init(37, 0, 0, 0, 0) != 0)
-        return false;
-    self.root = oka_create_mailbox(root_mailbox_name, 0);
-    if (self.root == OKA_MAILBOX_NONE) {
-        TRACE_ERROR("OXPCSI: The mailbox '%s' cannot be had; does another one run in this unit?",
-                    root_mailbox_name);
-        return false;
-    }
-    port_control_server_init(set.ports, set.port_count, own_network_namespace());
+bool start(oka_mailbox root) {
+    self.root = root;
+    self.serving = true;
+    const settings& chosen = *self.chosen;
+    port_control_server_init(chosen.ports, chosen.port_count, own_network_namespace());
     const char* interfaces[ports_max];
-    for (size_t i = 0; i < set.port_count; i++)
-        interfaces[i] = set.ports[i].interface;
-    return port_facts_start(interfaces, set.port_count, self.root, {handle_port_changed, handle_all_known});
+    for (size_t i = 0; i < chosen.port_count; i++)
+        interfaces[i] = chosen.ports[i].interface;
+    return port_facts_start(interfaces, chosen.port_count, root, {handle_port_changed, handle_all_known});
 }
 
-void serve() {
-    while (self.serving) {
-        oka_message* message = oka_receive(nullptr, OKA_WAIT_FOREVER, OKA_ANY_SENDER);
-        if (!message)
-            break;
-        if (!port_facts_dispatch_message(message) && !port_control_server_dispatch_message(message))
-            TRACE_ERROR("OXPCSI: Message 0x%x from mailbox %u is for nobody; dropped", message->number,
-                        oka_sender(message));
-        oka_free(&message);
-    }
+bool handle(const oka_message* message) {
+    if (!port_facts_dispatch_message(message) && !port_control_server_dispatch_message(message))
+        TRACE_ERROR("OXPCSI: Message 0x%x from mailbox %u is for nobody; dropped", message->number,
+                    oka_sender(message));
+    return self.serving;
+}
+
+void stop() {
+    port_control_server_stop();
+    port_facts_stop();
 }
 
 } // namespace
 
-command parse_command_line(int argc, const char* const* argv, settings& parsed) {
-    services::option options[] = {
+std::optional<services::immediate_answer> read_command_line(std::span<const char* const> arguments,
+                                                            settings& parsed) {
+    std::vector<services::option> options = {
         {"port", "NAME=INTERFACE", "a port's name and its network interface; once for each port", true},
-        {"help", nullptr, "shows this text"},
-        {"version", nullptr, "shows the version"},
     };
-    const auto& [port, help, version] = options;
     std::vector<std::string> operands;
-    std::string error;
     parsed = {};
-    if (!services::parse_options({argv + 1, static_cast<size_t>(argc - 1)}, options, operands, error))
-        return complain(error);
-    if (help.given()) {
-        print_help(options);
-        return command::end_well;
-    }
-    if (version.given()) {
-        printf("%s %s\n", program, services::project_version());
-        return command::end_well;
-    }
+    if (auto answer = services::read_options(help, arguments, options, operands))
+        return answer;
     if (!operands.empty())
-        return complain("unexpected argument '" + operands[0] + "'");
-    if (!port.given()) {
-        error = add_hardware_ports(parsed);
-        if (!error.empty())
-            return complain(error);
-    }
-    for (const std::string& value : port.values) {
-        error = add_port(value, parsed);
-        if (!error.empty())
-            return complain(error);
-    }
-    return command::serve;
+        return services::refusal(program, "unexpected argument '" + operands[0] + "'");
+    const services::option& port = options[0];
+    std::string error = port.given() ? "" : add_hardware_ports(parsed);
+    for (size_t i = 0; error.empty() && i < port.values.size(); i++)
+        error = add_port(port.values[i], parsed);
+    if (!error.empty())
+        return services::refusal(program, error);
+    return std::nullopt;
 }
 
-int run(int argc, const char* const* argv) {
-    settings parsed;
-    switch (parse_command_line(argc, argv, parsed)) {
-    case command::end_well:
-        return 0;
-    case command::end_with_usage:
-        return exit_usage;
-    case command::serve:
-        break;
-    }
-    int tracing = zeb_init();
-    if (tracing == 0 || tracing == 4)
-        zeb_register_thread_name(program);
-    self.serving = start(parsed);
-    serve();
-    port_control_server_stop();
-    port_facts_stop();
-    oka_timer_service_stop();
-    oka_exit();
-    return exit_failure;
+int run(const settings& chosen) {
+    self.chosen = &chosen;
+    return services::run_service({program, root_mailbox_name, start, handle, stop});
 }
 
 } // namespace oxpcsi

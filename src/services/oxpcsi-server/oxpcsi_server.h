@@ -1,24 +1,22 @@
-// The port control service of a plain Linux node: the process around the server and its facts.
+// What oxpcsi-server was asked to do, and the service around its server and its facts.
 #pragma once
 
+#include "services/common/options.h"
+#include "services/common/service.h"
 #include "services/oxpcsi-server/port_control_server.h"
 
 namespace oxpcsi {
-
-constexpr int exit_failure = 1;
-constexpr int exit_usage = 2;
 
 struct settings {
     port_setting ports[ports_max];
     size_t port_count;
 };
 
-enum class command { serve, end_well, end_with_usage };
-
-// What the command line asks for. Help and version go to stdout, complaints to stderr.
-command parse_command_line(int argc, const char* const* argv, settings& parsed);
+// Nothing when the service is to run with the settings; otherwise what is answered at once.
+std::optional<services::immediate_answer> read_command_line(std::span<const char* const> arguments,
+                                                            settings& parsed);
 
 // Returns the exit status.
-int run(int argc, const char* const* argv);
+int run(const settings& chosen);
 
 } // namespace oxpcsi

@@ -1,5 +1,6 @@
 #include "services/tavuctl/command_line.h"
 
+#include <array>
 #include <cstdlib>
 
 #include "services/common/options.h"
@@ -20,12 +21,6 @@ option json_option() {
 option timeout_option() {
     return {"timeout", "SECONDS", "how long to wait for the answer (default 10)"};
 }
-option help_option() {
-    return {"help", nullptr, "show this help"};
-}
-option version_option() {
-    return {"version", nullptr, "show the version"};
-}
 
 constexpr const char* common_help =
     "\n"
@@ -41,17 +36,14 @@ constexpr const char* common_help =
     "  3  no topology manager answers\n"
     "  4  not confirmed in time; the setting is kept and takes effect when it can\n";
 
-command_line refuse(const std::string& why, const char* command) {
+command_line answer_with(services::immediate_answer answer) {
     command_line line;
-    line.text = why + "\nTry '" + command + " --help'.\n";
+    line.answer = std::move(answer);
     return line;
 }
 
-command_line tell(std::string text) {
-    command_line line;
-    line.wanted = action::TELL;
-    line.text = std::move(text);
-    return line;
+command_line refuse(const std::string& why, const char* command) {
+    return answer_with(services::refusal(command, why));
 }
 
 // One level of commands: its help, its options, and what becomes of them.
@@ -64,16 +56,9 @@ struct level {
 
     // Something to answer at once: help, version, or what is wrong.
     std::optional<command_line> read(arguments_span arguments) {
-        options.push_back(help_option());
-        options.push_back(version_option());
-        std::string error;
-        if (!services::parse_options(arguments, options, operands, error))
-            return refuse(error, command);
-        if (find("help")->given())
-            return tell(std::string(purpose) + "\n\nUsage: " + command + " " + usage + "\n\nOptions:\n" +
-                        services::options_help(options) + common_help);
-        if (find("version")->given())
-            return tell(std::string("tavuctl ") + services::project_version() + "\n");
+        if (auto answer =
+                services::read_options({command, usage, purpose, common_help}, arguments, options, operands))
+            return answer_with(*answer);
         return std::nullopt;
     }
 
@@ -211,6 +196,8 @@ command_line read_commands(level& above, std::span<const subcommand> commands, a
             if (std::string(arguments[0]) == below.name)
                 return below.read(arguments.subspan(1));
         }
+        if (std::string(arguments[0]) == "help")
+            return *above.read(std::array{"--help"});
         return refuse(std::string("unknown command '") + arguments[0] + "'", above.command);
     }
     if (std::optional<command_line> answer = above.read(arguments))

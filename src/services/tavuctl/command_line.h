@@ -6,6 +6,7 @@
 #include <string>
 
 #include "protocols/topology_messages.h"
+#include "services/common/options.h"
 
 namespace tavuctl {
 
@@ -23,13 +24,12 @@ enum class action {
     WATCH,
     LINK_SET,
     CHECK,
-    TELL,  // print `text`: help or version
-    REFUSE // print `text`, what is wrong with the command line
+    ANSWER, // give `answer`: help, version, or what is wrong with the command line
 };
 
 struct command_line {
-    action wanted = action::REFUSE;
-    std::string text = {};
+    action wanted = action::ANSWER;
+    services::immediate_answer answer = {};
     std::string path = {}; // CHECK: the configuration file
     bool json = false;
     uint32_t timeout_ms = 0;

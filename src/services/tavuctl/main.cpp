@@ -3,8 +3,7 @@
 
 #include <unistd.h>
 
-#include "platform/oka_timer.h"
-#include "platform/zeb.h"
+#include "services/common/service.h"
 #include "services/common/unit_configuration.h"
 #include "services/tavuctl/session.h"
 
@@ -50,9 +49,7 @@ int converse(const command_line& line) {
     // Only what a person can use is said; the services' traces appear when they are asked for.
     setenv("ZEB_TRACE", "error", 0);
     take_configured_unit();
-    (void)zeb_init();
-    zeb_register_thread_name("tavuctl");
-    if (!oka_timer_service_init() || oka_init(37, 0, 0, 0, 0) != 0) {
+    if (!services::start_platform("tavuctl")) {
         write_error("tavuctl: the messaging service cannot be used; see the reason above, and whether this "
                     "user may use the directory that OKA_DIR names\n");
         return EXIT_STATUS_UNREACHABLE;
@@ -68,8 +65,8 @@ int converse(const command_line& line) {
     session_start(mailbox, line, &callbacks);
     while (session_get_state() != SESSION_STATE_DONE) {
         oka_message* message = oka_receive(nullptr, OKA_WAIT_FOREVER, OKA_ANY_SENDER);
-        if (!message)
-            return EXIT_STATUS_FAILED;
+        if (!message) // interrupted
+            return line.wanted == action::WATCH ? EXIT_STATUS_DONE : EXIT_STATUS_FAILED;
         session_dispatch_message(message);
         oka_free(&message);
     }
@@ -82,12 +79,8 @@ int converse(const command_line& line) {
 int main(int argc, char** argv) {
     command_line line = read_command_line({argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0)});
     switch (line.wanted) {
-    case action::TELL:
-        write_output(line.text);
-        return EXIT_STATUS_DONE;
-    case action::REFUSE:
-        write_error("tavuctl: " + line.text);
-        return EXIT_STATUS_USAGE;
+    case action::ANSWER:
+        return services::give(line.answer);
     case action::CHECK:
         return check(line.path.c_str());
     case action::STATUS:

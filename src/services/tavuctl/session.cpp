@@ -74,8 +74,7 @@ uint32_t request_number() {
         return TOPOLOGY_LINK_SET_REQ;
     case action::STATUS:
     case action::CHECK:
-    case action::TELL:
-    case action::REFUSE:
+    case action::ANSWER:
         break;
     }
     return TOPOLOGY_STATUS_REQ;

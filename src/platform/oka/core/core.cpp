@@ -11,6 +11,7 @@
 #include "platform/oka/core/mailboxes.h"
 #include "platform/oka/core/names.h"
 #include "platform/oka/core/oka_trace.h"
+#include "platform/oka/core/signals.h"
 
 namespace oka {
 
@@ -205,6 +206,7 @@ void oka_exit() {
             core.transports[index]->stop();
     }
     forget_everything();
+    unwatch_signals();
     release_descriptors();
     core.started = false;
 }
@@ -276,6 +278,8 @@ oka_message* oka_receive(const uint32_t* numbers, int32_t timeout_ms, uint32_t s
     bool waited = false;
     bool more = true;
     for (;;) {
+        if (is_asked_to_end())
+            return nullptr;
         if (envelope* taken = take_queued(numbers, sender_selector)) {
             if (taken->from == origin::mailbox || taken->from == origin::locate)
                 note_known_through(taken->sender, taken->receiver);
