@@ -202,7 +202,7 @@ show_kernels_view() {
         in_unit $mpid ip macsec show >"$work/macsec"
         sed 's/^/   /' "$work/macsec"
         grep -q 'protect on validate strict' "$work/macsec" || fail "unit $mpid's SecY does not protect"
-        ! logged $mpid "clear frames reach the host" || fail "unit $mpid does not steer clear frames"
+        ! logged $mpid "clear frames reach the host" || fail "unit $mpid does not redirect clear frames"
     done
 }
 
