@@ -213,10 +213,8 @@ void secure(unsigned ports) {
 
 // Each port sends with one key and receives with one.
 void expect_secured(unsigned ports) {
-    static constexpr const char* hardware_names[max_ports] = {"DiPort_A1", "DiPort_B1", "DiPort_A2",
-                                                              "DiPort_B2"};
     for (unsigned port = 0; port < ports; port++) {
-        if (oxhal_sim::association_count(hardware_names[port]) != 2)
+        if (oxhal_sim::association_count(tavu::hardware_name_of(port_names[port])) != 2)
             fail("a port is no longer secured");
     }
 }

@@ -11,9 +11,9 @@
 
 namespace oxhal_sim {
 
-// Makes this driver the process's own, whatever OXHAL_DRIVER says, with fresh ports ("DiPort_A1",
-// "DiPort_B1", "DiPort_A2", "DiPort_B2", or those that OXHAL_PORTS names), no calls written down and no
-// failure planned. oxhal_init and oxhal_macsec_init are still to be called, as with any driver.
+// Makes this driver the process's own, whatever OXHAL_DRIVER says, with fresh ports (those of all
+// units, or those that OXHAL_PORTS names), no calls written down and no failure planned. oxhal_init and
+// oxhal_macsec_init are still to be called, as with any driver.
 void install();
 
 // The port's SecY as it is now: enabled, settings, channels, associations. Ends the process if there is no

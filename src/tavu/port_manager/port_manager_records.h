@@ -1,8 +1,9 @@
 // The port manager's state: a record for each port, the subscribers, and where the module stands. The files
 // above it, each built on those before:
-//   port_manager_naming    what follows from a link: which end hosts the key server, and what CA and server
-//   are called port_manager_reports   what clients hear of their ports port_manager_roles     which role a
-//   port takes, how it gets there, and what happens when it fails port_manager_requests  what clients ask for
+//   port_manager_naming    which end hosts the key server, and the names of CA and key server
+//   port_manager_reports   what clients are told of their ports
+//   port_manager_roles     which role a port takes, how it gets there, and what happens when it fails
+//   port_manager_requests  what clients ask for
 //   port_manager           life cycle and dispatch
 #pragma once
 
