@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/dispatch.h"
+#include "base/ignore_result.h"
 #include "base/trace.h"
 #include "protocols/message_numbers.h"
 #include "protocols/topology_messages.h"
@@ -235,7 +236,7 @@ void handle_link_set_req(requester& from) {
         send_rej(earlier, TOPOLOGY_REJ_OVERTAKEN, "a newer setting of this port took its place");
         earlier.is_answered = true;
     }
-    (void)topology_set_status(from.port, from.status);
+    ignore_result(topology_set_status(from.port, from.status));
 }
 
 // Answers a set status when its fate is known.

@@ -2,6 +2,7 @@
 
 #include "base/dispatch.h"
 #include "base/enum_text.h"
+#include "base/ignore_result.h"
 #include "base/trace.h"
 #include "protocols/message_numbers.h"
 #include "services/common/one_shot.h"
@@ -202,7 +203,8 @@ void handle_port_status(const oka_message* message) {
 // Confirms of subscriptions: what counts is the indication that follows.
 void handle_subscription_cfm(const oka_message* message) {
     if (const auto* header = view<message_header>(message))
-        (void)verify_header(message, *header, OXMSI_CLIENT_STATE_CONNECTED, self.connection_reference);
+        ignore_result(
+            verify_header(message, *header, OXMSI_CLIENT_STATE_CONNECTED, self.connection_reference));
 }
 
 constexpr tavu::dispatch_row dispatch_table[] = {

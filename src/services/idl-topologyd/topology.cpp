@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/ignore_result.h"
 #include "base/trace.h"
 #include "protocols/message_numbers.h"
 #include "protocols/topology_messages.h"
@@ -46,7 +47,7 @@ void subscribe(link_record& link) {
 void renew_subscription(link_record& link) {
     if (link.published.subscription == subscription_state::NONE)
         return;
-    (void)oxmsi_client_unsubscribe(link.file.port);
+    ignore_result(oxmsi_client_unsubscribe(link.file.port));
     subscribe(link);
 }
 
@@ -120,7 +121,7 @@ void pursue_all() {
     }
     for (const link_record& link : self.links) {
         if (is_over(link) && link.published.subscription != subscription_state::NONE)
-            (void)oxmsi_client_unsubscribe(link.file.port);
+            ignore_result(oxmsi_client_unsubscribe(link.file.port));
     }
     if (std::erase_if(self.links, is_over) > 0)
         self.callbacks.handle_changed();
@@ -148,7 +149,7 @@ void take_subscription_reject(link_record& link, const daemon_answer& answer) {
                 services::reject_reason_in_words(answer.reason));
     // One that is left from before is ended, so that the next attempt is told the status at once.
     if (answer.reason == OXMSI_REJ_SUBSCRIPTION_ALREADY_EXIST)
-        (void)oxmsi_client_unsubscribe(link.file.port);
+        ignore_result(oxmsi_client_unsubscribe(link.file.port));
     subscription_refused(link.published, now_ms());
 }
 
@@ -185,7 +186,7 @@ void handle_answer(uint32_t reference, const daemon_answer& answer) {
         trace_answer(*link, answer);
         request_answered(link->published, answer, now_ms());
         if (answer.reason == 0) {
-            (void)status_told(link->published, answer.oper_state, answer.encryption_state, now_ms());
+            ignore_result(status_told(link->published, answer.oper_state, answer.encryption_state, now_ms()));
             take_status(*link, answer, true);
         }
     } else if (link_record* subscriber = find_link([reference](const link_record& candidate) {

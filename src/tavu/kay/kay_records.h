@@ -4,6 +4,7 @@
 // kay_events.h.
 #pragma once
 
+#include "base/ignore_result.h"
 #include "base/record_list.h"
 #include "platform/oka_timer.h"
 #include "protocols/mka_messages.h"
@@ -151,8 +152,5 @@ void change_port_valid(kay_record& kay, bool port_valid);
 void change_cp_oper_state(kay_record& kay, kay_cp_oper_state state);
 void change_role(kay_record& kay, macsec_role role);
 void change_encryption_state(kay_record& kay, macsec_encryption_state state);
-
-// The result is known to be of no use here.
-inline void ignore_result(bool) {}
 
 } // namespace tavu::kay_internal

@@ -1,7 +1,6 @@
 #include "tavu/key_server/key_server_admission.h"
 
-#include <tuple>
-
+#include "base/ignore_result.h"
 #include "tavu/key_server/key_server_ending.h"
 #include "tavu/key_server/key_server_requests.h"
 
@@ -126,7 +125,7 @@ void handle_ks_ca_member_join_ca_req(uint32_t client_id, const oka_message* mess
     uint32_t reason = 0;
     ca_member* member = admit(client_id, message, reason);
     if (!member) {
-        std::ignore = ks_send_join_ca_rej_by_client_id(client_id, procedure_reference, reason);
+        ignore_result(ks_send_join_ca_rej_by_client_id(client_id, procedure_reference, reason));
         return;
     }
     if (ks_send_join_ca_cfm(*member, procedure_reference, member->standard))
@@ -228,7 +227,7 @@ void handle_ks_ca_member_create_tx_sc_req(uint32_t client_id, const oka_message*
         return;
     }
     if (uint32_t reason = announcement_refusal(*member, request)) {
-        std::ignore = ks_send_create_tx_sc_rej(*member, procedure_reference, reason);
+        ignore_result(ks_send_create_tx_sc_rej(*member, procedure_reference, reason));
         if (reason == MKA_REJ_CA_NOT_FOUND)
             drop_all_ca_members(member->ca);
         return;

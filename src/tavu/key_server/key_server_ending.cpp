@@ -1,7 +1,6 @@
 #include "tavu/key_server/key_server_ending.h"
 
-#include <tuple>
-
+#include "base/ignore_result.h"
 #include "tavu/key_server/key_server_requests.h"
 
 namespace tavu::keysrv {
@@ -41,7 +40,7 @@ bool delete_ca(const ca_name& name) {
 void delete_all_ca() {
     KEYSRV_FUNCTION();
     while (const connectivity_association* ca = self.cas.first())
-        std::ignore = delete_ca(ca->name);
+        ignore_result(delete_ca(ca->name));
 }
 
 // --- A member goes
@@ -61,7 +60,7 @@ void handle_ks_ca_member_leave_ca_req(uint32_t client_id, const oka_message* mes
                     request.ca.printable().c_str());
         return;
     }
-    std::ignore = ks_send_leave_ca_cfm(*member, request.header.procedure_reference);
+    ignore_result(ks_send_leave_ca_cfm(*member, request.header.procedure_reference));
     drop_all_ca_members(member->ca);
 }
 
@@ -77,7 +76,7 @@ void handle_ks_ca_member_leave_ca_rcfm(uint32_t client_id, const oka_message* me
         TRACE_ERROR("KEYSRV: leave_ca: ca = %s not found (client_id=%u)", member->ca.c_str(), client_id);
         return;
     }
-    std::ignore = ks_send_leave_ca_cfm(*member, as<message_header>(message).procedure_reference);
+    ignore_result(ks_send_leave_ca_cfm(*member, as<message_header>(message).procedure_reference));
     drop_all_ca_members(member->ca);
 }
 

@@ -1,7 +1,6 @@
 #include "tavu/key_server/key_server_keying.h"
 
-#include <tuple>
-
+#include "base/ignore_result.h"
 #include "tavu/key_server/key_server_ending.h"
 #include "tavu/key_server/key_server_requests.h"
 
@@ -271,7 +270,7 @@ void handle_ks_ca_member_create_rx_sc_rcfm(uint32_t client_id, const oka_message
     change_key_refresh_state(*ca, KEY_REFRESH_ONGOING);
     TRACE("KEYSRV: SA configuration possible for ca %s: at least %d configured members", ca->name.c_str(),
           least_configured_members);
-    std::ignore = rekey(*ca);
+    ignore_result(rekey(*ca));
 }
 
 void handle_ks_ca_member_create_rx_sa_rcfm(uint32_t client_id, const oka_message* message) {

@@ -1,7 +1,6 @@
 #include "tavu/mka/mka_client_link.h"
 
-#include <tuple>
-
+#include "base/ignore_result.h"
 #include "base/trace.h"
 
 namespace tavu::mka_client_internal {
@@ -229,7 +228,7 @@ void handle_get_capabilities_rej(const oka_message* message) {
     client* rejected = accept(message, sizeof(mka_rej), MKA_STATE_GET_CAPABILITIES);
     if (!rejected)
         return;
-    std::ignore = verify_procedure_reference(message, mka_client_proc_ref_capabilities);
+    ignore_result(verify_procedure_reference(message, mka_client_proc_ref_capabilities));
     leave_ca(*rejected);
 }
 
@@ -251,7 +250,7 @@ void handle_join_ca_rej(const oka_message* message) {
     client* rejected = accept(message, sizeof(mka_rej), MKA_STATE_JOIN_CA);
     if (!rejected)
         return;
-    std::ignore = verify_procedure_reference(message, mka_client_proc_ref_join);
+    ignore_result(verify_procedure_reference(message, mka_client_proc_ref_join));
     leave_ca(*rejected);
 }
 

@@ -1,5 +1,6 @@
 #include "tavu/port_manager/port_manager.h"
 
+#include "base/ignore_result.h"
 #include "base/trace.h"
 #include "protocols/message_numbers.h"
 #include "tavu/port_manager/port_manager_naming.h"
@@ -76,7 +77,7 @@ bool tavu_pm_stop() {
     set_port_roles(MACSEC_ROLE_UNAUTHENTICATED);
     clear_data();
     // Whatever the KaYs have left behind is traced by them; this module is stopped all the same.
-    (void)kay_stop();
+    ignore_result(kay_stop());
     change_global_state(TAVU_PM_GLOBAL_STATE_INITIALIZED);
     return true;
 }

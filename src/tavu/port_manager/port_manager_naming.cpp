@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/ignore_result.h"
 #include "base/trace.h"
 #include "tavu/key_server/key_server.h"
 
@@ -72,9 +73,9 @@ void configure_ca(const tavu_pm_data& port, ca_change change) {
         return;
     // A retry adds a CA that is there already, and most ports that become unauthenticated never had one.
     if (change == ca_change::add)
-        (void)key_server_add_ca(port.ca.c_str());
+        ignore_result(key_server_add_ca(port.ca.c_str()));
     else
-        (void)key_server_remove_ca(port.ca.c_str());
+        ignore_result(key_server_remove_ca(port.ca.c_str()));
 }
 
 } // namespace tavu::port_manager

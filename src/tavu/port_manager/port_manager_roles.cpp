@@ -1,5 +1,6 @@
 #include "tavu/port_manager/port_manager_roles.h"
 
+#include "base/ignore_result.h"
 #include "base/trace.h"
 #include "platform/oxhal.h"
 #include "protocols/message_numbers.h"
@@ -209,7 +210,7 @@ bool set_port_role(tavu_pm_data& port, macsec_role role) {
 void set_port_roles(macsec_role role) {
     TAVU_FUNCTION();
     for (tavu_pm_data& port : self.ports)
-        (void)set_port_role(port, role); // a port that refuses does not keep the others
+        ignore_result(set_port_role(port, role)); // a port that refuses does not keep the others
 }
 
 void update_state_and_role(tavu_pm_data& port, const oxpcsi_port_data& port_data) {
