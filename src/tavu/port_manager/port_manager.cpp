@@ -4,7 +4,6 @@
 #include "base/trace.h"
 #include "protocols/message_numbers.h"
 #include "tavu/port_manager/port_manager_naming.h"
-#include "tavu/port_manager/port_manager_requests.h"
 #include "tavu/port_manager/port_manager_roles.h"
 
 namespace tavu {
@@ -76,7 +75,7 @@ bool tavu_pm_stop() {
         return false;
     set_port_roles(MACSEC_ROLE_UNAUTHENTICATED);
     clear_data();
-    // Whatever the KaYs have left behind is traced by them; this module is stopped all the same.
+    // The KaYs trace what they could not remove. This module stops in any case.
     ignore_result(kay_stop());
     change_global_state(TAVU_PM_GLOBAL_STATE_INITIALIZED);
     return true;

@@ -76,6 +76,13 @@ bool read_port_data(const char* name, oxpcsi_port_data& port_data) {
     return false;
 }
 
+void delete_subscriber(subscriber_record& subscriber) {
+    TAVU_FUNCTION();
+    TRACE("TAVU: Deleting subscriber client id=%u for port '%s'", subscriber.client_id,
+          subscriber.port.c_str());
+    self.subscribers.remove(subscriber);
+}
+
 void change_global_state(tavu_pm_global_state state) {
     TAVU_FUNCTION();
     TRACE_STATE_CHANGE("TAVU: Port manager changing state: '%s' -> '%s'",

@@ -86,6 +86,7 @@ tavu_pm_data* find_tavu_pm_data(const char* name);
 tavu_pm_data* find_port_or_complain(const char* name);
 // The port as the port-control client knows it; false, after an error trace, when it does not.
 [[nodiscard]] bool read_port_data(const char* name, oxpcsi_port_data& port_data);
+void delete_subscriber(subscriber_record& subscriber);
 
 // The only places where these values change; each traces old and new.
 void change_global_state(tavu_pm_global_state state);

@@ -1,5 +1,4 @@
-#include "tavu/port_manager/port_manager_requests.h"
-
+// What clients ask for: links published, changed and withdrawn, and subscriptions.
 #include "base/trace.h"
 #include "tavu/oxmsi/oxmsi_server.h"
 #include "tavu/port_manager/port_manager_naming.h"
@@ -9,13 +8,6 @@
 namespace tavu {
 
 namespace port_manager {
-
-void delete_subscriber(subscriber_record& subscriber) {
-    TAVU_FUNCTION();
-    TRACE("TAVU: Deleting subscriber client id=%u for port '%s'", subscriber.client_id,
-          subscriber.port.c_str());
-    self.subscribers.remove(subscriber);
-}
 
 namespace {
 
@@ -42,7 +34,7 @@ uint32_t check_port(const char* name, tavu_pm_data*& port, oxpcsi_port_data& por
 uint32_t check_link_added(const char* name, tavu_pm_data*& port, oxpcsi_port_data& port_data) {
     if (uint32_t reason = check_port(name, port, port_data))
         return reason;
-    // The count of a port that nobody has reserved is a leftover.
+    // A port that is not reserved may still have the count of an earlier reservation.
     if (port->user_data == USER_DATA_IDL && port->number_of_links == 1) {
         TRACE_ERROR("TAVU: Maximum number of link on port '%s' reached: %u, cannot handle add new link event",
                     name, port->number_of_links);
@@ -151,7 +143,7 @@ uint32_t check_subscription(uint32_t client_id, const char* name, tavu_pm_data*&
     return 0;
 }
 
-// Ends what the client subscribed to and releases every port, whichever client published its link.
+// Ends the client's subscriptions and releases every port, also those whose link another client published.
 void forget_client(uint32_t client_id) {
     delete_subscriptions_of(client_id);
     for (tavu_pm_data& port : self.ports) {
@@ -224,7 +216,7 @@ void tavu_pm_handle_oxmsi_idl_link_deleted_req(uint32_t client_id, uint32_t proc
         send_oxmsi_idl_link_deleted_rej(client_id, procedure_reference, reason);
         return;
     }
-    // Reserving a port that was released meanwhile forgets its link, and there is none left to take away.
+    // When the port was released meanwhile, reserving it forgets its link, and there is none to remove.
     set_user_data_type(*port, USER_DATA_IDL);
     if (port->number_of_links > 0)
         port->number_of_links--;
