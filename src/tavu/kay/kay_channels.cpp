@@ -85,7 +85,7 @@ Association* create_sa(kay_record& kay, record_list<Association>& associations,
     return nullptr;
 }
 
-// From the newest on, until none is left; what the SecY refuses keeps no other from being deleted.
+// Deletes all, the newest first. A record that the SecY refuses to delete does not stop the others.
 template<class Record, class Delete>
 bool delete_each(record_list<Record>& records, Delete delete_record) {
     bool deleted = true;

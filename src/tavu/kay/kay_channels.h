@@ -1,6 +1,6 @@
-// The life of a KaY's channels and associations, always record and SecY together: what could not be installed
-// leaves no record, and what is deleted leaves none either, also when the SecY refused to delete it. Before
-// an association is made, the values that the key server sent for it are checked.
+// Creates and deletes a KaY's channels and associations, always record and SecY together. What could not be
+// installed leaves no record. What is deleted leaves none either, even when the SecY refused to delete it.
+// Before an association is created, the values that the key server sent for it are checked.
 #pragma once
 
 #include "tavu/kay/kay_records.h"
@@ -27,7 +27,7 @@ namespace tavu::kay_internal {
 
 void cancel_disposal_timer(rx_sa& sa);
 
-// Any number that fits its 8 bits: which of them a channel can have is the SecY's to say.
+// Accepts any number of 8 bits; the SecY decides which ones a channel can have.
 [[nodiscard]] bool parse_an(uint32_t value, uint8_t& an);
 
 } // namespace tavu::kay_internal

@@ -203,7 +203,7 @@ bool add_tx_sa(kay_record& kay, const mka_create_sa_rreq& request) {
         TRACE_ERROR("TAVU: Could not create %s", name.c_str());
         return false;
     }
-    // The new key encrypts already when the old one goes: no frame leaves without one.
+    // The new key is in use before the old one goes, so that every frame has a key.
     if (previous && !delete_tx_sa(kay, *sc, *previous))
         return false;
     if (!mka_client_send_create_tx_sa_rcfm(kay.mka_client_id, request.header.procedure_reference))
@@ -266,7 +266,7 @@ void kay_sa_start_disposal_timer(const kay_record& kay, const rx_sc& sc, rx_sa& 
     sa.disposal_timer = oka_timer_request_sig(kay_sa_disposal_ms, message.prepared());
 }
 
-// The older keys stay for the frames that are on their way: until the newest has been there for a while.
+// The older keys stay for a while after the newest came, for the frames that are on their way.
 void kay_sa_new_primary(const kay_record& kay, rx_sc& sc, rx_sa& primary) {
     TAVU_FUNCTION();
     TRACE("TAVU: %s is the new primary SA", object_name(kay, sc, primary.an).c_str());
@@ -309,8 +309,8 @@ void handle_mka_create_rx_sa_req(uint32_t client_id, const oka_message* message)
     carry_out(client_id, message, add_rx_sa);
 }
 
-// The association that the timer was started for, or null, after a trace, when it is no longer the one whose
-// elders are to go. The timer of an association that was deleted meanwhile can still arrive.
+// The association that the timer was started for, or null, after a trace, when it is no longer the primary.
+// The timer of an association that was deleted meanwhile can still arrive.
 rx_sa* find_primary(kay_record& kay, rx_sc& sc, const kay_sa_disposal_timeout_ind& event) {
     rx_sa* sa = find_rx_sa(kay, sc, event.an);
     const char* event_name = msg_no_to_str(KAY_SA_DISPOSAL_TIMEOUT_IND);

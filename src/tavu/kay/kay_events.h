@@ -8,7 +8,8 @@
 
 namespace tavu::kay_internal {
 
-// Delivered when all receive associations of a channel but the newest are to go. It never leaves the process.
+// Delivered when all receive associations of a channel but the newest are to be deleted. It never leaves the
+// process.
 struct kay_sa_disposal_timeout_ind {
     TAVU_FIELD(0, number, host32);
     TAVU_FIELD(4, port, port_name);

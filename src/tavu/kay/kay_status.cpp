@@ -138,10 +138,6 @@ void delete_mka_client(kay_record& kay) {
     kay.mka_client_id = 0;
 }
 
-} // namespace
-
-namespace {
-
 void fire_handle_kay_state_change_ind(const kay_record& kay) {
     TAVU_FUNCTION();
     kay_state_change_ind indication;

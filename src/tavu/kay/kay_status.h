@@ -18,7 +18,7 @@ void fill_kay_state_change_ind(const kay_record& kay, kay_state_change_ind& indi
 [[nodiscard]] bool clear_kay_data(kay_record& kay);
 
 // The end of every attempt that went wrong: clears, reports the failure, and leaves what comes next to the
-// port manager. Deletes the MKA client, also when that is who called.
+// port manager. Deletes the MKA client, even when that is the caller.
 void handle_failure(kay_record& kay);
 
 } // namespace tavu::kay_internal

@@ -1,8 +1,8 @@
 // The key server of the links that this unit hosts: connectivity associations (CAs), their members, and their
 // keys. One SAK per announced SCI goes first to everyone who receives from it, then to its owner, then frame
 // protection is switched on; every step waits for all confirmations of the one before. Keys are replaced
-// every 180 s. Whatever happens to one member ends the keying of its whole CA: all members are told to leave
-// and join again.
+// every 180 s. When anything happens to one member, the keying of its whole CA ends: all members are told to
+// leave, and join again.
 //
 // It talks to members through the MKA server alone. Traces begin with "KEYSRV: ".
 #pragma once

@@ -42,7 +42,7 @@ uint32_t verify_802_1ae_2006_capabilities(uint32_t client_id,
     return 0;
 }
 
-// The CA's member list grows only by members of this standard, the one that every SecY knows.
+// Every member has the one standard that every SecY supports.
 bool parse_standard(uint32_t value) {
     KEYSRV_FUNCTION();
     if (value > MKA_STANDARD_IEEE_802_1AEcg_2017) {
@@ -56,7 +56,20 @@ bool parse_standard(uint32_t value) {
     return true;
 }
 
-// Of what it says it can do, only its room for receive channels is used later.
+// In octets; 0, after an error trace, for an unknown cipher suite.
+uint32_t verify_sak_len(uint32_t cipher) {
+    KEYSRV_FUNCTION();
+    const cipher_suite* suite = find_cipher_suite(cipher);
+    if (!suite && cipher != MKA_CIPHER_NULL) {
+        TRACE_ERROR("KEYSRV: Invalid mka_macsec_cipher value: %u", cipher);
+        return 0;
+    }
+    uint32_t key_len = suite ? suite->sak_len : 1;
+    TRACE_DETAIL("KEYSRV: SAK length for cipher '%s': key_len %u", cipher_to_str(cipher), key_len);
+    return key_len;
+}
+
+// Of the capabilities only the number of receive channels is used later.
 ca_member* create_ca_member(uint32_t client_id, const mka_join_ca_req& request,
                             const mka_802_1ae_2006_capabilities& capabilities) {
     KEYSRV_FUNCTION();
@@ -106,18 +119,6 @@ ca_member* admit(uint32_t client_id, const oka_message* message, uint32_t& reaso
 
 } // namespace
 
-uint32_t verify_sak_len(uint32_t cipher) {
-    KEYSRV_FUNCTION();
-    const cipher_suite* suite = find_cipher_suite(cipher);
-    if (!suite && cipher != MKA_CIPHER_NULL) {
-        TRACE_ERROR("KEYSRV: Invalid mka_macsec_cipher value: %u", cipher);
-        return 0;
-    }
-    uint32_t key_len = suite ? suite->sak_len : 1;
-    TRACE_DETAIL("KEYSRV: SAK length for cipher '%s': key_len %u", cipher_to_str(cipher), key_len);
-    return key_len;
-}
-
 void handle_ks_ca_member_join_ca_req(uint32_t client_id, const oka_message* message) {
     KEYSRV_FUNCTION();
     trace_received(message);
@@ -147,7 +148,7 @@ rx_sc* create_rx_sc(ca_member& member, const sci& identifier) {
     return channel;
 }
 
-// A member holds up to one channel more than it said it has room for.
+// A member may have one channel more than its capabilities say.
 bool add_rx_sc_to_member(ca_member& member, const sci& identifier) {
     KEYSRV_FUNCTION();
     if (find_rx_sc_by_sci(member, identifier)) {

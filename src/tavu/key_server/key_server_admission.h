@@ -5,9 +5,6 @@
 
 namespace tavu::keysrv {
 
-// In octets; 0, after an error trace, for a cipher suite that there is not.
-uint32_t verify_sak_len(uint32_t cipher);
-
 void handle_ks_ca_member_join_ca_req(uint32_t client_id, const oka_message* message);
 void handle_ks_ca_member_create_tx_sc_req(uint32_t client_id, const oka_message* message);
 

@@ -114,16 +114,6 @@ void handle_ks_heartbeat_timeout_ind(uint32_t client_id) {
 
 namespace {
 
-// The common start of all rejections; `handler` is its caller's name.
-const ca_member* find_rejecting_member(uint32_t client_id, const oka_message* message,
-                                       const char* handler = __builtin_FUNCTION()) {
-    trace_received(message);
-    const ca_member* member = find_ca_member_by_client_id(client_id);
-    if (!member)
-        TRACE_ERROR("KEYSRV: %s: element not found (client_id=%u)", handler, client_id);
-    return member;
-}
-
 void push_out(const ca_member& member, uint32_t procedure_reference) {
     delete_timeout_on_msg(member.client_id, procedure_reference);
     drop_all_ca_members(member.ca);
@@ -133,7 +123,7 @@ void push_out(const ca_member& member, uint32_t procedure_reference) {
 
 void handle_ks_ca_member_create_rx_sc_rrej(uint32_t client_id, const oka_message* message) {
     KEYSRV_FUNCTION();
-    const ca_member* member = find_rejecting_member(client_id, message);
+    const ca_member* member = find_answering_member(client_id, message);
     if (!member)
         return;
     TRACE_ERROR("KEYSRV: handle_ks_ca_member_create_rx_sc_rrej: element id %u pushed out of ca %s (%s)",
@@ -143,7 +133,7 @@ void handle_ks_ca_member_create_rx_sc_rrej(uint32_t client_id, const oka_message
 
 void handle_ks_ca_member_create_rx_sa_rrej(uint32_t client_id, const oka_message* message) {
     KEYSRV_FUNCTION();
-    const ca_member* member = find_rejecting_member(client_id, message);
+    const ca_member* member = find_answering_member(client_id, message);
     if (!member)
         return;
     TRACE_ERROR("KEYSRV: handle_ks_ca_member_create_rx_sa_rrej: element id %u pushed out of ca %s (%s)",
@@ -153,7 +143,7 @@ void handle_ks_ca_member_create_rx_sa_rrej(uint32_t client_id, const oka_message
 
 void handle_ks_ca_member_create_tx_sa_rrej(uint32_t client_id, const oka_message* message) {
     KEYSRV_FUNCTION();
-    const ca_member* member = find_rejecting_member(client_id, message);
+    const ca_member* member = find_answering_member(client_id, message);
     if (!member)
         return;
     TRACE_ERROR("KEYSRV: handle_ks_ca_member_create_tx_sa_rrej: element id %u, ca %s (%s)", client_id,
@@ -163,7 +153,7 @@ void handle_ks_ca_member_create_tx_sa_rrej(uint32_t client_id, const oka_message
 
 void handle_mka_client_update_protect_frames_rrej(uint32_t client_id, const oka_message* message) {
     KEYSRV_FUNCTION();
-    const ca_member* member = find_rejecting_member(client_id, message);
+    const ca_member* member = find_answering_member(client_id, message);
     if (!member)
         return;
     TRACE_INFO("KEYSRV: handle_mka_client_update_protect_frames_rrej: element id %u pushed out of ca %s (%s)",
@@ -171,7 +161,7 @@ void handle_mka_client_update_protect_frames_rrej(uint32_t client_id, const oka_
     push_out(*member, PROC_REF_PROTECT_FRAMES);
 }
 
-// Whether the request still waits is not asked: an indication that crossed its confirmation drops the CA too.
+// An indication that crossed its confirmation drops the CA too.
 void handle_msg_timeout_ind(const oka_message* message) {
     KEYSRV_FUNCTION();
     const auto* indication = view<keysrv_msg_timeout_ind>(message);

@@ -1,4 +1,4 @@
-// All that ends a membership. A CA never loses one member alone: whatever happens to one, all are told to
+// What ends a membership. A CA never loses only one member: when anything happens to one, all are told to
 // leave, and join again.
 #pragma once
 

@@ -77,7 +77,7 @@ void configure_rx_sa(const sak_record& sak, const ca_member& member, rx_sc& chan
           member.client_id, sci_to_str(channel.identifier).c_str(), channel.sas.current_an);
 }
 
-// A request that cannot be sent is passed over: its member is going, or its wait runs out.
+// A request that cannot be sent is skipped; the loss of its member ends the keying soon.
 void configure_rx_sas_in_ca(connectivity_association& ca) {
     KEYSRV_FUNCTION();
     for (sak_record& sak : ca.saks) {
@@ -104,9 +104,9 @@ void configure_tx_sa(const connectivity_association& ca, const sak_record& sak, 
           member.tx_sas.current_an);
 }
 
-// Its receivers have a key before its owner gets it, and its owner gets it once: installed anew, it would
-// start again at the first packet number and use every nonce twice (IEEE 802.1AE-2018, 14.5). A confirmation
-// that was not asked for must not bring that about. Nobody needs the key from here afterwards.
+// The receivers have a key before its owner gets it. The owner gets it only once: a key that is installed
+// again starts at the first packet number and uses every nonce twice (IEEE 802.1AE-2018, 14.5), which an
+// unexpected confirmation must not cause. The key is not needed here afterwards.
 void configure_tx_sas_in_ca(connectivity_association& ca) {
     KEYSRV_FUNCTION();
     for (sak_record& sak : ca.saks) {
@@ -223,12 +223,9 @@ struct confirmation {
 // The common start of all confirmations; `handler` is its caller's name.
 confirmation take_confirmation(uint32_t client_id, const oka_message* message, uint32_t procedure_reference,
                                const char* handler = __builtin_FUNCTION()) {
-    trace_received(message);
-    ca_member* member = find_ca_member_by_client_id(client_id);
-    if (!member) {
-        TRACE_ERROR("KEYSRV: %s: element not found (client_id=%u)", handler, client_id);
+    ca_member* member = find_answering_member(client_id, message, handler);
+    if (!member)
         return {};
-    }
     connectivity_association* ca = find_ca_by_name(member->ca);
     if (!ca) {
         TRACE_ERROR("KEYSRV: %s: ca = %s not found (client_id=%u)", handler, member->ca.c_str(), client_id);

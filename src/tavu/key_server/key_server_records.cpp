@@ -246,4 +246,12 @@ void trace_received(const oka_message* message) {
                   uint32_t{header.procedure_reference});
 }
 
+ca_member* find_answering_member(uint32_t client_id, const oka_message* message, const char* handler) {
+    trace_received(message);
+    ca_member* member = find_ca_member_by_client_id(client_id);
+    if (!member)
+        TRACE_ERROR("KEYSRV: %s: element not found (client_id=%u)", handler, client_id);
+    return member;
+}
+
 } // namespace tavu::keysrv

@@ -214,5 +214,9 @@ void stop_key_refresh_timer(connectivity_association& ca);
 
 const char* ks_msg_no_to_str(uint32_t number);
 void trace_received(const oka_message* message);
+// The common start of all confirmations and rejections: the member, or null after an error trace. `handler`
+// is the calling function.
+ca_member* find_answering_member(uint32_t client_id, const oka_message* message,
+                                 const char* handler = __builtin_FUNCTION());
 
 } // namespace tavu::keysrv

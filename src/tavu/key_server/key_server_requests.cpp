@@ -71,7 +71,7 @@ void delete_timeout_on_msg(uint32_t client_id, uint32_t procedure_reference) {
         delete_waiting_msg(*waiting);
 }
 
-// The reference of an expired timer may be another timer's by now.
+// The timer has expired, so there is none to cancel.
 void forget_expired_timeout_on_msg(uint32_t client_id, uint32_t procedure_reference) {
     KEYSRV_FUNCTION();
     if (waiting_msg* waiting = find_waiting_msg(client_id, procedure_reference)) {

@@ -32,7 +32,7 @@ bool is_idl_link_macsec_enabled(uint32_t link_status) {
     return enabled;
 }
 
-// Of a port that is enabled and has a link which MACsec may use: what the unit at its other end asks for.
+// The target of an enabled port whose link may use MACsec; it depends on the unit at the other end.
 tavu_pm_state get_target_state_for_du_type(const tavu_pm_data& port) {
     const char* name = port.port.c_str();
     const char* user_data = user_data_type_to_str(port.user_data);
@@ -210,7 +210,7 @@ bool set_port_role(tavu_pm_data& port, macsec_role role) {
 void set_port_roles(macsec_role role) {
     TAVU_FUNCTION();
     for (tavu_pm_data& port : self.ports)
-        ignore_result(set_port_role(port, role)); // a port that refuses does not keep the others
+        ignore_result(set_port_role(port, role)); // the failure of one port does not stop the others
 }
 
 void update_state_and_role(tavu_pm_data& port, const oxpcsi_port_data& port_data) {
@@ -230,7 +230,7 @@ void update_state_and_role(tavu_pm_data& port, const oxpcsi_port_data& port_data
     }
     stop_retry_timer(port);
     macsec_role role = get_role_for_state(target);
-    // The CA is there before its first member joins, and goes after the last one has left.
+    // The CA exists before its first member joins, and until its last one has left.
     if (role == MACSEC_ROLE_SECURED)
         configure_ca(port, ca_change::add);
     if (!set_port_role(port, role)) {
