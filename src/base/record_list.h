@@ -2,6 +2,7 @@
 // lets any record be removed while any walk is under way. An allocation can fail and says so.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstring>
 #include <new>
@@ -99,6 +100,7 @@ class record_list {
             ::operator delete(removed);
             return;
         }
+        assert(false && "a record of this list");
     }
 
     void clear() {

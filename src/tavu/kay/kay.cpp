@@ -1,5 +1,7 @@
 #include "tavu/kay/kay.h"
 
+#include <cassert>
+
 #include "base/enum_text.h"
 #include "tavu/kay/kay_events.h"
 #include "tavu/kay/kay_records.h"
@@ -37,6 +39,7 @@ void handle_connect_unauthenticated(kay_record& kay) {
 
 bool create_mka_client(kay_record& kay, const char* ca) {
     TAVU_FUNCTION();
+    assert(kay.mka_client_id == 0);
     kay.mka_client_id = mka_client_create();
     if (kay.mka_client_id == 0)
         TRACE_ERROR("TAVU: Could not create MKA client instance for CA '%s' on port '%s'", ca,

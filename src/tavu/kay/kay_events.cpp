@@ -1,5 +1,7 @@
 #include "tavu/kay/kay_events.h"
 
+#include <cassert>
+
 #include "tavu/kay/kay_channels.h"
 #include "tavu/kay/kay_secy.h"
 #include "tavu/kay/kay_status.h"
@@ -257,6 +259,7 @@ void handle_mka_create_rx_sc_req(uint32_t client_id, const oka_message* message)
 
 void kay_sa_start_disposal_timer(const kay_record& kay, const rx_sc& sc, rx_sa& sa) {
     TAVU_FUNCTION();
+    assert(sa.disposal_timer == 0);
     TRACE("TAVU: Starting disposal timer for primary %s", object_name(kay, sc, sa.an).c_str());
     outgoing<kay_sa_disposal_timeout_ind> message(KAY_SA_DISPOSAL_TIMEOUT_IND);
     message->port = kay.port;

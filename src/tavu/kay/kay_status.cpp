@@ -1,5 +1,7 @@
 #include "tavu/kay/kay_status.h"
 
+#include <cassert>
+
 #include "tavu/kay/kay_channels.h"
 #include "tavu/kay/kay_secy.h"
 #include "tavu/mka/mka_client.h"
@@ -155,6 +157,8 @@ void update_kay_data(kay_record& kay, kay_state state) {
     TAVU_FUNCTION();
     kay_state old_state = kay.state;
     bool state_changed = update_state(kay, state);
+    assert((kay.role == MACSEC_ROLE_SECURED) ==
+           (state == KAY_STATE_CA_JOIN_PENDING || state == KAY_STATE_CA_JOINED));
     bool port_valid_changed = update_port_valid(kay);
     bool cp_oper_state_changed = update_cp_oper_state(kay);
     bool encryption_state_changed = update_encryption_state(kay);
@@ -178,6 +182,7 @@ bool clear_kay_data(kay_record& kay) {
     TRACE("TAVU: Clearing all KaY data for port '%s'", kay.port.c_str());
     bool transmit_deleted = delete_all_tx_sc(kay);
     bool receive_deleted = delete_all_rx_sc(kay);
+    assert(kay.tx_scs.empty() && kay.rx_scs.empty());
     bool disabled = disable_macsec(kay);
     delete_mka_client(kay);
     return transmit_deleted && receive_deleted && disabled;

@@ -1,5 +1,7 @@
 #include "tavu/key_server/key_server_records.h"
 
+#include <cassert>
+
 namespace tavu::keysrv {
 
 key_server_state self;
@@ -193,6 +195,7 @@ void remove_ca_members(connectivity_association& ca) {
 
 void set_saks_aside(connectivity_association& ca) {
     KEYSRV_FUNCTION();
+    assert(!(members_of(ca).begin() != nullptr));
     for (sak_record& sak : ca.saks) {
         sak.sa.sak.wipe();
         sak.rx_configured = false;

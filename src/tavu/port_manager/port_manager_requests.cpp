@@ -1,4 +1,6 @@
 // What clients ask for: links published, changed and withdrawn, and subscriptions.
+#include <cassert>
+
 #include "base/trace.h"
 #include "tavu/oxmsi/oxmsi_server.h"
 #include "tavu/port_manager/port_manager_naming.h"
@@ -177,6 +179,7 @@ void tavu_pm_handle_oxmsi_idl_link_added_req(uint32_t client_id, uint32_t proced
     set_user_data_type(*port, USER_DATA_IDL);
     store_link(*port, link);
     port->link_id = link.link_id;
+    assert(port->number_of_links == 0);
     port->number_of_links++;
     port->hunt_path.assign(hunt_path);
     set_procedure_pending(*port, REQUEST_LINK_ADD, client_id, procedure_reference);

@@ -1,5 +1,7 @@
 #include "tavu/port_manager/port_manager_roles.h"
 
+#include <cassert>
+
 #include "base/ignore_result.h"
 #include "base/trace.h"
 #include "platform/oxhal.h"
@@ -111,6 +113,7 @@ macsec_role get_role_for_state(tavu_pm_state state) {
 
 void start_retry_timer(tavu_pm_data& port) {
     TAVU_FUNCTION();
+    assert(port.retry_timer == 0);
     outgoing<retry_timeout_ind> message(TAVU_PM_RETRY_TIMEOUT_IND);
     message->port = port.port;
     port.retry_timer = oka_timer_request_sig(tavu_pm_retry_ms, message.prepared());
