@@ -21,7 +21,7 @@ struct back_off {
         until_ms = now_ms + pause_ms - shortened(pause_ms);
     }
     void fail(uint64_t now_ms) {
-        fail(now_ms, 0, [](uint64_t) { return 0; });
+        fail(now_ms, 0, [](uint64_t) { return uint64_t{0}; });
     }
     void succeed() { *this = {}; }
     bool is_pausing(uint64_t now_ms) const { return now_ms < until_ms; }
