@@ -206,6 +206,16 @@ show_kernels_view() {
     done
 }
 
+# show_secured_link FILE AHEAD, with the first ping as above.
+show_secured_link() {
+    begin "First encrypted ping"
+    show_first_ping "$@"
+    begin "tavuctl status of both ends"
+    show_status
+    begin "The kernel's own view"
+    show_kernels_view
+}
+
 # frames FILE FILTER...: how many there are in a capture.
 frames() { tcpdump -n -r "$1" "${@:2}" 2>/dev/null | grep -c '^[0-9]' || true; }
 
