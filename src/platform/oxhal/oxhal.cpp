@@ -2,12 +2,12 @@
 // reached through the driver that OXHAL_DRIVER names.
 #include "platform/oxhal.h"
 
+#include <algorithm>
+#include <cassert>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/random.h>
+#include <iterator>
 
 #include "platform/oxhal/secy.h"
 #include "platform/zeb.h"
@@ -20,19 +20,20 @@ static_assert(sizeof(oxhal_macsec_port_cap) == 88);
 
 constexpr uint32_t first_handle = 100; // apart from the index, so that the two are never mistaken
 
-const driver* const drivers[] = {&macsec_driver, &sim_driver};
+#define DRIVER(name) &name##_driver,
+constexpr const driver* drivers[] = {OXHAL_DRIVERS(DRIVER)};
+#undef DRIVER
 
 const driver* driver_by_environment() {
     const char* value = getenv("OXHAL_DRIVER");
     const char* name = value && *value ? value : drivers[0]->name;
-    for (const driver* candidate : drivers) {
-        if (!strcmp(candidate->name, name))
-            return candidate;
-    }
     char wrong[256];
-    (void)oxhal_check_driver(name, wrong, sizeof wrong);
-    OXHAL_ERROR("OXHAL_DRIVER: %s", wrong);
-    return nullptr;
+    if (!oxhal_check_driver(name, wrong, sizeof wrong)) {
+        OXHAL_ERROR("OXHAL_DRIVER: %s", wrong);
+        return nullptr;
+    }
+    return *std::find_if(std::begin(drivers), std::end(drivers),
+                         [=](const driver* candidate) { return !strcmp(candidate->name, name); });
 }
 
 port* find_port(uint32_t handle) {
@@ -40,14 +41,35 @@ port* find_port(uint32_t handle) {
     return index < layer.list.count ? &layer.list.ports[index] : nullptr;
 }
 
-// One call, from its arguments to its result: begins with what holds for every call of a port, and ends
-// where the driver's observer and the trace hear of the result.
-class port_call {
+// One call, from its arguments to its result. The driver's observer hears of both, and may refuse the call.
+class observed_call {
   public:
-    port_call(uint32_t handle, const call& arguments) : what(arguments), on(find_port(handle)) {
-        what.port_name = on ? on->name : "?";
+    explicit observed_call(const call& arguments) : what(arguments) {
         if (layer.current && layer.current->before)
             error = layer.current->before(what);
+    }
+    [[nodiscard]] bool allowed() const { return !error; }
+    int ends(int result) {
+        error = result;
+        return ends();
+    }
+    int ends() {
+        if (layer.current && layer.current->after)
+            layer.current->after(what, error);
+        return error;
+    }
+
+  protected:
+    call what;
+    int error = 0;
+};
+
+// A call about a port. It begins with the checks that are the same for every operation, and its result is
+// traced.
+class port_call : public observed_call {
+  public:
+    port_call(uint32_t handle, const call& arguments)
+        : observed_call(with_port_name(arguments, handle)), on(find_port(handle)) {
         if (error)
             reason = "the driver refused";
         else if (!layer.current || !layer.prepared)
@@ -64,7 +86,6 @@ class port_call {
             refuse(error_number, why);
         return *this;
     }
-    [[nodiscard]] bool allowed() const { return !error; }
 
     int ends(int result) {
         error = result;
@@ -79,22 +100,27 @@ class port_call {
             else
                 ZEB_TRACE(ZEB_GROUP_TRACE, "OXHAL: %s = %d", text, error);
         }
-        if (layer.current && layer.current->after)
-            layer.current->after(what, error);
-        return error;
+        return observed_call::ends();
     }
 
-    port& secy() { return *on; }
+    // Only while the call is allowed.
+    port& secy() {
+        assert(on && allowed());
+        return *on;
+    }
 
   private:
+    static call with_port_name(call arguments, uint32_t handle) {
+        const port* named = find_port(handle);
+        arguments.port_name = named ? named->name : "?";
+        return arguments;
+    }
     void refuse(int error_number, const char* why) {
         error = error_number;
         reason = why;
     }
 
-    call what;
     port* on;
-    int error = 0;
     const char* reason = nullptr;
 };
 
@@ -122,12 +148,8 @@ const char* to_str(bool value) {
 }
 
 int configure_flag(const char* operation, uint32_t handle, bool value, bool settings::*member) {
-    port_call running(handle, {operation, nullptr, nullptr, -1, nullptr, 0, to_str(value)});
+    port_call running(handle, {.operation = operation, .word = to_str(value)});
     return configure(running, [&](settings& wanted) { wanted.*member = value; });
-}
-
-call channel_call(const char* operation, const oxhal_macsec_sci& sci) {
-    return {operation, nullptr, &sci, -1, nullptr, 0, nullptr};
 }
 
 bool holds_associations(const channel& which) {
@@ -147,7 +169,7 @@ channel* free_channel(port& secy, direction way) {
 }
 
 int create_channel(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci) {
-    port_call running(handle, channel_call(operation, sci));
+    port_call running(handle, {.operation = operation, .sci = &sci});
     if (!running.allowed())
         return running.ends();
     port& secy = running.secy();
@@ -164,7 +186,7 @@ int create_channel(const char* operation, uint32_t handle, direction way, const 
 }
 
 int delete_channel(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci) {
-    port_call running(handle, channel_call(operation, sci));
+    port_call running(handle, {.operation = operation, .sci = &sci});
     if (!running.allowed())
         return running.ends();
     port& secy = running.secy();
@@ -181,7 +203,7 @@ int delete_channel(const char* operation, uint32_t handle, direction way, const 
 
 // What fails does not keep the rest from being deleted; the first error is the result.
 int delete_all_channels(const char* operation, uint32_t handle, direction way) {
-    port_call running(handle, {operation, nullptr, nullptr, -1, nullptr, 0, nullptr});
+    port_call running(handle, {.operation = operation});
     if (!running.allowed())
         return running.ends();
     port& secy = running.secy();
@@ -198,10 +220,14 @@ int delete_all_channels(const char* operation, uint32_t handle, direction way) {
 
 int create_association(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
                        uint8_t an, uint32_t packet_number, bool confidentiality, oxhal_macsec_key key) {
-    port_call running(handle, {operation, nullptr, &sci, an, "pn=", packet_number,
-                               way == direction::receive ? nullptr
-                               : confidentiality         ? "conf"
-                                                         : "no-conf"});
+    port_call running(handle, {.operation = operation,
+                               .sci = &sci,
+                               .an = an,
+                               .label = "pn=",
+                               .number = packet_number,
+                               .word = way == direction::receive ? nullptr
+                                       : confidentiality         ? "conf"
+                                                                 : "no-conf"});
     if (!running.allowed())
         return running.ends();
     port& secy = running.secy();
@@ -240,7 +266,7 @@ association* find_association(port_call& running, direction way, const oxhal_mac
 
 int enable_association(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
                        uint8_t an, bool enable) {
-    port_call running(handle, {operation, nullptr, &sci, an, nullptr, 0, to_str(enable)});
+    port_call running(handle, {.operation = operation, .sci = &sci, .an = an, .word = to_str(enable)});
     channel* of = nullptr;
     association* which = find_association(running, way, sci, an, &of);
     if (!which)
@@ -258,7 +284,7 @@ int enable_association(const char* operation, uint32_t handle, direction way, co
 
 int delete_association(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
                        uint8_t an) {
-    port_call running(handle, {operation, nullptr, &sci, an, nullptr, 0, nullptr});
+    port_call running(handle, {.operation = operation, .sci = &sci, .an = an});
     channel* of = nullptr;
     association* which = find_association(running, way, sci, an, &of);
     if (!which)
@@ -271,12 +297,24 @@ int delete_association(const char* operation, uint32_t handle, direction way, co
 
 int read_in_use(const char* operation, uint32_t handle, direction way, const oxhal_macsec_sci& sci,
                 uint8_t an, bool* in_use) {
-    port_call running(handle, {operation, nullptr, &sci, an, nullptr, 0, nullptr});
+    port_call running(handle, {.operation = operation, .sci = &sci, .an = an});
     running.expect(in_use, EINVAL, "there is no place for the answer");
     channel* of = nullptr;
     if (!find_association(running, way, sci, an, &of))
         return running.ends();
     return running.ends(layer.current->read_in_use(running.secy(), way, *of, an, in_use));
+}
+
+int list_ports() {
+    if (int error = layer.current->init(layer.list))
+        return error;
+    assert(layer.list.count <= max_ports);
+    for (uint32_t i = 0; i < layer.list.count; ++i) {
+        layer.list.ports[i].handle = first_handle + i;
+        layer.list.ports[i].wanted = initial_settings;
+    }
+    layer.initialised = true;
+    return 0;
 }
 
 } // namespace
@@ -294,21 +332,9 @@ int oxhal_init(void) {
         layer.current = driver_by_environment();
     if (!layer.current)
         return EINVAL;
-    constexpr call what = {"init", nullptr, nullptr, -1, nullptr, 0, nullptr};
     layer.list = {};
-    int error = layer.current->before ? layer.current->before(what) : 0;
-    if (!error)
-        error = layer.current->init(layer.list);
-    if (!error) {
-        for (uint32_t i = 0; i < layer.list.count; ++i) {
-            layer.list.ports[i].handle = first_handle + i;
-            layer.list.ports[i].wanted = initial_settings;
-        }
-        layer.initialised = true;
-    }
-    if (layer.current->after)
-        layer.current->after(what, error);
-    return error;
+    observed_call running({.operation = "init"});
+    return running.allowed() ? running.ends(list_ports()) : running.ends();
 }
 
 int oxhal_vport_iterate(uint32_t index, oxhal_vport* vport) {
@@ -321,44 +347,39 @@ int oxhal_vport_iterate(uint32_t index, oxhal_vport* vport) {
 }
 
 int oxhal_macsec_generate_key(uint32_t length, uint8_t* key) {
-    call what = {"generate_key", nullptr, nullptr, -1, "length=", length, nullptr};
-    int error = layer.current && layer.current->before ? layer.current->before(what) : 0;
-    if (!error && (!key || length == 0 || length > 256)) {
-        OXHAL_ERROR("generate_key: a key of %u octets is not to be had", length);
-        error = EINVAL;
+    observed_call running({.operation = "generate_key", .label = "length=", .number = length});
+    if (!running.allowed())
+        return running.ends();
+    if (!key || length == 0 || length > 256) {
+        OXHAL_ERROR("generate_key: a key of %u octets cannot be made", length);
+        return running.ends(EINVAL);
     }
-    if (!error)
-        error = layer.current && layer.current->generate_key ? layer.current->generate_key(length, key)
-                                                             : kernel_random(length, key);
-    if (layer.current && layer.current->after)
-        layer.current->after(what, error);
-    return error;
+    auto* generate = layer.current ? layer.current->generate_key : nullptr;
+    return running.ends(generate ? generate(length, key) : kernel_random(length, key));
 }
 
 int oxhal_macsec_init(void) {
-    constexpr call what = {"init", nullptr, nullptr, -1, nullptr, 0, "macsec"};
     if (!layer.initialised || layer.prepared) {
         OXHAL_ERROR("oxhal_macsec_init is called %s", layer.prepared ? "a second time" : "before oxhal_init");
         return layer.prepared ? EALREADY : EPERM;
     }
-    int error = layer.current->before ? layer.current->before(what) : 0;
-    if (!error)
-        error = layer.current->prepare(layer.list);
+    observed_call running({.operation = "init", .word = "macsec"});
+    if (!running.allowed())
+        return running.ends();
+    int error = layer.current->prepare(layer.list);
     layer.prepared = !error;
-    if (layer.current->after)
-        layer.current->after(what, error);
-    return error;
+    return running.ends(error);
 }
 
 int oxhal_macsec_port_cap_get(uint32_t port, const oxhal_macsec_port_cap_list** list) {
-    port_call running(port, {"port_cap_get", nullptr, nullptr, -1, nullptr, 0, nullptr});
+    port_call running(port, {.operation = "port_cap_get"});
     running.expect(list, EINVAL, "there is no place for the answer");
     return running.allowed() ? running.ends(layer.current->capabilities(running.secy(), list))
                              : running.ends();
 }
 
 int oxhal_macsec_enable_set(uint32_t port, bool enable) {
-    port_call running(port, {"enable_set", nullptr, nullptr, -1, nullptr, 0, to_str(enable)});
+    port_call running(port, {.operation = "enable_set", .word = to_str(enable)});
     if (!running.allowed())
         return running.ends();
     oxhal::port& secy = running.secy();
@@ -378,8 +399,7 @@ int oxhal_macsec_validate_frames_set2(uint32_t port, oxhal_macsec_validate_frame
     static constexpr const char* names[] = {"disabled", "strict", "check"};
     bool known = mode == OXHAL_MACSEC_VALIDATE_FRAMES_DISABLED ||
                  mode == OXHAL_MACSEC_VALIDATE_FRAMES_STRICT || mode == OXHAL_MACSEC_VALIDATE_FRAMES_CHECK;
-    port_call running(port,
-                      {"validate_frames_set2", nullptr, nullptr, -1, nullptr, 0, known ? names[mode] : "?"});
+    port_call running(port, {.operation = "validate_frames_set2", .word = known ? names[mode] : "?"});
     running.expect(known, EINVAL, "the mode is none of disabled, strict and check");
     return configure(running, [&](settings& wanted) { wanted.validate_frames = mode; });
 }
@@ -389,7 +409,7 @@ int oxhal_macsec_replay_protect_set2(uint32_t port, bool enable) {
 }
 
 int oxhal_macsec_replay_window_set(uint32_t port, uint32_t window) {
-    port_call running(port, {"replay_window_set", nullptr, nullptr, -1, "", window, nullptr});
+    port_call running(port, {.operation = "replay_window_set", .label = "", .number = window});
     return configure(running, [&](settings& wanted) { wanted.replay_window = window; });
 }
 

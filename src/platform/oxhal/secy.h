@@ -17,7 +17,12 @@ constexpr uint32_t max_ports = OXHAL_PORTS_MAX;
 constexpr uint32_t max_receive_channels = 8;
 constexpr uint32_t associations_per_channel = 4;
 
-// Whether a SecY of ours takes a key of so many octets.
+#define CHECK_KEY_LENGTH(number, name, key_length, supported)                                                \
+    static_assert((key_length) <= OXHAL_KEY_SIZE_MAX);
+OXHAL_CIPHER_SUITES(CHECK_KEY_LENGTH)
+#undef CHECK_KEY_LENGTH
+
+// Whether there is a cipher suite that our SecYs support and whose key has so many octets.
 constexpr bool is_key_length(uint32_t octets) {
 #define TAKES_KEY_LENGTH(number, name, key_length, supported) || ((supported) && octets == (key_length))
     return false OXHAL_CIPHER_SUITES(TAKES_KEY_LENGTH);
@@ -91,15 +96,15 @@ struct port_list {
     port ports[max_ports];
 };
 
-// One call of the contract, for those who watch: the driver's observers and the error texts.
+// One call of the contract, for the driver's observers and for traces. Pointers may be null.
 struct call {
-    const char* operation; // without the "oxhal_" or "oxhal_macsec_" prefix
-    const char* port_name;
-    const oxhal_macsec_sci* sci; // may be null
-    int an;                      // -1: none
-    const char* label;           // stands before the number; null: there is no number
-    uint32_t number;
-    const char* word; // a value in words; may be null
+    const char* operation; // without the "oxhal_" or "oxhal_macsec_" prefix; never null
+    const char* port_name = nullptr;
+    const oxhal_macsec_sci* sci = nullptr;
+    int an = -1;                 // -1: none
+    const char* label = nullptr; // stands before the number; null: there is no number
+    uint32_t number = 0;
+    const char* word = nullptr; // a value in words
 };
 
 constexpr unsigned call_text_size = 192;
@@ -131,10 +136,14 @@ struct driver {
     void (*after)(const call& what, int result);
 };
 
-constexpr const char* macsec_driver_name = "macsec";
-constexpr const char* sim_driver_name = "sim";
-extern const driver sim_driver;
-extern const driver macsec_driver;
+// The values of OXHAL_DRIVER, the default first. Each has its table in a file of its own.
+#define OXHAL_DRIVERS(X) X(macsec) X(sim)
+
+#define DECLARE_DRIVER(name)                                                                                 \
+    constexpr const char* name##_driver_name = #name;                                                        \
+    extern const driver name##_driver;
+OXHAL_DRIVERS(DECLARE_DRIVER)
+#undef DECLARE_DRIVER
 
 // The layer's state: its driver, how far it has come, and its ports.
 struct layer_state {
