@@ -128,7 +128,7 @@ TEST_F(ground_floor, trace_groups_are_chosen_by_name) {
     EXPECT_EQ(mask, 0u);
     EXPECT_FALSE(zeb::read_mask("error,loud info state-change", mask, wrong, sizeof wrong));
     EXPECT_EQ(mask, 0x2u | 0x10u | 0x4000u);
-    EXPECT_TRUE(std::string(wrong).starts_with("there is no 'loud'; write some of: error enter")) << wrong;
+    EXPECT_TRUE(std::string(wrong).starts_with("there is no 'loud'; there are: error enter")) << wrong;
     EXPECT_TRUE(zeb::read_mask("all", mask, wrong, sizeof wrong));
     EXPECT_EQ(mask & 0x6413e, 0x6413eu);
 }

@@ -438,7 +438,7 @@ TEST(oxpcsi_server_command_line, is_taken_or_refused_with_what_to_do) {
         const char* hardware_ports = "";
     } cases[] = {
         {{"--port", "IDL_A1=eth1", "--port=IDL_B1=eth2"}, -1, "", "not looked at"},
-        {{}, -1, "", "DiPort_A1=eth1:sec-a1  DiPort_B1=eth2:sec-b1"},
+        {{}, -1, "", "DiPort_A1=eth1:sec-a1  P=a:b DiPort_B1=eth2:sec-b1"},
         {{}, 2, "OXHAL_PORTS: 'IDL_A1=eth1' is no port; write it as", "IDL_A1=eth1"},
         {{"--help"}, 0, "Usage: oxpcsi-server [--port NAME=INTERFACE]"},
         {{}, 2, "no port is given; name each with an option such as --port"},

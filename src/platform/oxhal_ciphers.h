@@ -1,6 +1,6 @@
 /* The cipher suites of IEEE 802.1AE: for each its number in the MKA protocol, its name, the octets of its
- * key, and whether the SecYs of this system take it. Whatever depends on a cipher suite is made from this
- * list.
+ * key, and whether the SecYs of this system support it. All other lists of cipher suites are made from this
+ * one.
  */
 #ifndef QEL_TAVU_PLATFORM_OXHAL_CIPHERS_H
 #define QEL_TAVU_PLATFORM_OXHAL_CIPHERS_H

@@ -1,5 +1,6 @@
-/* What the ports of the hardware layer are called, and what the environment may say about it: for programs
- * that check a configuration before the layer uses it. A contract, like oxhal.h; callable at any time.
+/* The names of the hardware layer's ports, and the values that its environment variables may have, for
+ * programs that check a configuration before the layer uses it. A contract, like oxhal.h. Its functions can
+ * be called at any time.
  */
 #ifndef QEL_TAVU_PLATFORM_OXHAL_NAMES_H
 #define QEL_TAVU_PLATFORM_OXHAL_NAMES_H
@@ -12,8 +13,8 @@
 extern "C" {
 #endif
 
-/* The ports that units have: at the hardware "DiPort_A1", and so on. Whatever names a port is made from this
- * list. */
+/* The ports of a unit. The hardware layer calls them "DiPort_A1" and so on. All other names of ports are made
+ * from this list. */
 #define OXHAL_PORTS_OF_UNITS(X) X(A1) X(B1) X(A2) X(B2)
 
 enum { OXHAL_PORTS_MAX = 16, OXHAL_INTERFACE_NAME_SIZE = 16 /* the kernel's, NUL included */ };
@@ -30,14 +31,15 @@ typedef struct oxhal_port_settings {
     oxhal_port_setting ports[OXHAL_PORTS_MAX];
 } oxhal_port_settings;
 
-/* Reads a value of OXHAL_PORTS: words separated by blanks. When it is not right, `wrong`, of `size` bytes,
- * says what is wrong and what to write, and *settings is not to be used. */
+/* Reads a value of OXHAL_PORTS: words separated by blanks. When it is wrong, returns false and writes into
+ * `wrong`, of `size` bytes, what is wrong and what to write; *settings is not to be used then. */
 bool oxhal_read_ports(const char* value, oxhal_port_settings* settings, char* wrong, size_t size);
 
-/* Whether an interface may be called so. */
+/* Whether an interface can have this name. */
 bool oxhal_valid_interface_name(const char* name);
 
-/* Whether OXHAL_DRIVER may have this value; "" chooses the default. When not, `wrong` says what there is. */
+/* Whether OXHAL_DRIVER may have this value; "" chooses the default. When not, writes into `wrong` which
+ * drivers there are. */
 bool oxhal_check_driver(const char* value, char* wrong, size_t size);
 
 #ifdef __cplusplus

@@ -1,5 +1,5 @@
-// What a port is called at the port control service and in links, "IDL_A1" or "IDLA1", and which port of the
-// hardware layer that is, "DiPort_A1".
+// The names of a port: "IDL_A1" or "IDLA1" at the port control service and in links, "DiPort_A1" in the
+// hardware layer.
 #pragma once
 
 #include <string>
@@ -17,18 +17,19 @@ struct port_name_row {
 constexpr port_name_row port_name_rows[] = {OXHAL_PORTS_OF_UNITS(PORT_NAME_ROWS)};
 #undef PORT_NAME_ROWS
 
-// What people write; the other spelling is taken too.
+// The spelling that people use. The other one is accepted too.
 #define USUAL_PORT_NAME(name) "IDL_" #name,
 constexpr const char* usual_port_names[] = {OXHAL_PORTS_OF_UNITS(USUAL_PORT_NAME)};
 #undef USUAL_PORT_NAME
 
-// Null when the table has no such name. A name is compared over the 16 characters that a port name has.
+// Both return null when the table has no such name. Of an IDL name, at most 16 characters are compared, the
+// size of a port name in messages.
 const char* hardware_name_of(const char* idl_name);
-// As people write it.
-const char* idl_name_of(const char* hardware_name);
+const char* idl_name_of(const char* hardware_name); // in the usual spelling
 
-// For people: "IDL_A1 IDL_B1 ...", and what to say when none of the hardware's ports carries a link.
+// For people: "IDL_A1 IDL_B1 ...".
 std::string usual_port_names_text();
+// The error text when none of the hardware's ports carries a link.
 std::string no_port_for_links();
 
 } // namespace tavu

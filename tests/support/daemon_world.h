@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "platform/oxhal/sim.h"
 #include "protocols/oxmsi_messages.h"
 #include "protocols/oxpcsi_messages.h"
+#include "protocols/port_names.h"
 #include "support/key_server_world.h"
 #include "support/world.h"
 #include "tavu/tavu_main.h"
@@ -35,7 +37,6 @@ class daemon_world : public test::world {
 
     // A port control server with so many IDL ports, taken through the whole start.
     void serve_ports(unsigned count) {
-        static const char* const names[] = {"IDL_A1", "IDL_B1", "IDL_A2", "IDL_B2"};
         ports_ = std::make_unique<test::peer>("oxpcsi-server");
         settle();
         client_ = ports_->take(OXPCSI_INIT_SERVICE_REQ).sender();
@@ -50,7 +51,9 @@ class daemon_world : public test::world {
             oxpcsi_port_entry& entry = (&cfm.first_entry)[index];
             entry.port_role = OXPCSI_PORT_ROLE_IDL;
             entry.mac_address[5] = static_cast<uint8_t>(index);
-            entry.port.assign(index < 4 ? names[index] : ("IDL_X" + std::to_string(index)).c_str());
+            entry.port.assign(index < std::size(usual_port_names)
+                                  ? usual_port_names[index]
+                                  : ("IDL_X" + std::to_string(index)).c_str());
         }
         ports_->send_bytes(client_, OXPCSI_GET_ETH_PORT_SUPPORT_CFM, bytes.data(), bytes.size());
         settle();

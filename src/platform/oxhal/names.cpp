@@ -10,7 +10,9 @@
 
 namespace {
 
-constexpr const char* driver_names[] = {oxhal::macsec_driver_name, oxhal::sim_driver_name};
+#define DRIVER_NAME(name) oxhal::name##_driver_name,
+constexpr const char* driver_names[] = {OXHAL_DRIVERS(DRIVER_NAME)};
+#undef DRIVER_NAME
 
 bool is_interface(std::string_view name) {
     return !name.empty() && name.size() < OXHAL_INTERFACE_NAME_SIZE && name != "." && name != ".." &&
@@ -39,7 +41,8 @@ bool read_port(std::string_view word, oxhal_port_setting& port) {
     return true;
 }
 
-// What the port and another one both name, or the port twice; null if there is no such thing.
+// The name or interface of the fresh port that another port has already, or that it names twice itself; null
+// if there is none.
 const char* named_twice(const oxhal_port_settings& settings, const oxhal_port_setting& fresh) {
     if (!strcmp(fresh.common_port, fresh.controlled_port))
         return fresh.common_port;
@@ -60,12 +63,7 @@ const char* named_twice(const oxhal_port_settings& settings, const oxhal_port_se
 bool oxhal_read_ports(const char* value, oxhal_port_settings* settings, char* wrong, size_t size) {
     *settings = {};
     std::string_view rest = value;
-    for (;;) {
-        rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-        std::string_view word = rest.substr(0, rest.find(' '));
-        rest.remove_prefix(word.size());
-        if (word.empty())
-            break;
+    for (auto word = platform::next_word(rest, " "); !word.empty(); word = platform::next_word(rest, " ")) {
         int length = static_cast<int>(std::min(word.size(), size_t{60}));
         oxhal_port_setting fresh = {};
         if (!read_port(word, fresh)) {

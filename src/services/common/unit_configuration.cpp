@@ -7,6 +7,7 @@
 
 #include "platform/oka_names.h"
 #include "platform/oxhal_names.h"
+#include "platform/words.h"
 #include "platform/zeb_names.h"
 #include "protocols/port_names.h"
 #include "services/common/plain_text.h"
@@ -15,6 +16,8 @@
 namespace services {
 
 namespace {
+
+using platform::next_word;
 
 constexpr size_t file_size_max = size_t{64} * 1024;
 constexpr size_t errors_max = 20;
@@ -38,14 +41,6 @@ std::string_view without_blanks(std::string_view text) {
     if (first == std::string_view::npos)
         return {};
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
-// The next word of `text`, which loses it; "" after the last.
-std::string_view next_word(std::string_view& text, std::string_view separators) {
-    text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
-    std::string_view word = text.substr(0, text.find_first_of(separators));
-    text.remove_prefix(word.size());
-    return word;
 }
 
 // --- What each variable may be: "", or what to write instead.
@@ -161,8 +156,8 @@ struct reader {
     }
 };
 
-// The value between its quotes, if it has any; nothing when systemd would read more, or other, than stands
-// there.
+// The value without its quotes, if it has any; nothing when systemd would read something else than what is
+// written.
 std::optional<std::string> unquoted(std::string_view value) {
     if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0])
         value = value.substr(1, value.size() - 2);
@@ -205,14 +200,15 @@ void read_line(reader& file, std::string_view line) {
 }
 
 bool is_one_of(std::string_view words, std::string_view wanted) {
-    for (std::string_view word = next_word(words, " ,"); !word.empty(); word = next_word(words, " ,")) {
+    for (std::string_view word = next_word(words); !word.empty(); word = next_word(words)) {
         if (word == wanted)
             return true;
     }
     return false;
 }
 
-// Over its controlled port a link's keys could never be agreed.
+// The messages by which a link's keys are agreed must not depend on those keys, as they would on the
+// controlled port.
 void check_bearers(reader& file) {
     const variable* bearers = file.find("OKA_TIPC_INTERFACES");
     const variable* ports = file.find("OXHAL_PORTS");
@@ -231,7 +227,7 @@ void check_bearers(reader& file) {
     file.line = 0;
 }
 
-// What is missing is not looked for behind other errors, which may be its own line's.
+// Looks for missing variables only when there is no other error, since that may be about the same variable.
 void check_completeness(reader& file) {
     file.line = 0;
     if (!file.result.is_good())

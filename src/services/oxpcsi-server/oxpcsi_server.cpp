@@ -56,20 +56,20 @@ std::string add_port(const std::string& value, settings& parsed) {
         return "'" + interface + "' is not an interface name; 'ip link' shows those of this node";
     for (size_t i = 0; i < parsed.port_count; i++) {
         const port_setting& other = parsed.ports[i];
-        if (tavu::hardware_name_of(other.name) == hardware_name)
+        if (!strcmp(tavu::hardware_name_of(other.name), hardware_name))
             return "port '" + name + "' is given twice" +
                    (name == other.name ? "" : "; '" + std::string(other.name) + "' is the same");
         if (interface == other.interface)
             return "interface '" + interface + "' is given to two ports";
     }
+    static_assert(std::size(tavu::usual_port_names) <= ports_max);
     port_setting& added = parsed.ports[parsed.port_count++];
     strcpy(added.name, name.c_str());
     strcpy(added.interface, interface.c_str());
     return "";
 }
 
-// Without a port on the command line they are those that the daemon secures, so that nobody writes them
-// twice.
+// Without --port the ports are those that the daemon secures, so that they need to be written only once.
 std::string add_hardware_ports(settings& parsed) {
     const char* text = getenv("OXHAL_PORTS");
     if (!text || !*text)
