@@ -85,14 +85,14 @@ class unit {
     }
     void delete_link() { write_links("link = []\n"); }
 
-    // Whether the newest picture of the links has the text.
+    // Whether the latest line of the watch contains the text.
     bool shows(const char* text) const {
-        const std::string& pictures = watch->output();
-        size_t end = pictures.rfind('\n');
+        const std::string& lines = watch->output();
+        size_t end = lines.rfind('\n');
         if (end == std::string::npos)
             return false;
-        size_t start = end == 0 ? 0 : pictures.rfind('\n', end - 1) + 1;
-        return pictures.substr(start, end - start).find(text) != std::string::npos;
+        size_t start = end == 0 ? 0 : lines.rfind('\n', end - 1) + 1;
+        return lines.substr(start, end - start).find(text) != std::string::npos;
     }
     bool is_secured() const { return shows(R"("phase":"encrypted")"); }
     bool is_encrypted() const { return shows(R"("encryption":"enabled")"); }
@@ -271,7 +271,7 @@ TEST_F(node, refuses_to_run_where_it_cannot_work) {
         EXPECT_NE(result.output.find(row.complaint), std::string::npos) << row.what << ":\n" << result.output;
         EXPECT_NE(result.output.find("Exiting with error code: 1"), std::string::npos) << row.what;
     }
-    // Who was there first is not disturbed.
+    // The daemon that was there first still works.
     ASSERT_NO_FATAL_FAILURE(secure_link());
 }
 
@@ -283,22 +283,39 @@ TEST_F(node, ends_in_order_when_it_is_asked_to) {
         std::optional<test::process>& asked;
         int with;
         int status;
-        const char* socket;
+        std::string socket;
     } rows[] = {
-        {three.watch, SIGINT, 0, nullptr},
+        {three.watch, SIGINT, 0, "tavuctl-" + std::to_string(three.watch->pid())},
         {three.daemon, SIGTERM, 1, "mka-key-server"},
         {three.port_control, SIGTERM, 0, "oxpcsi-server"},
         {three.topology, SIGINT, 0, "idl-topologyd"},
     };
     for (const auto& row : rows) {
-        std::string socket = row.socket ? sockets + row.socket : "";
-        EXPECT_TRUE(socket.empty() || access(socket.c_str(), F_OK) == 0) << socket;
+        std::string socket = sockets + row.socket;
+        EXPECT_EQ(access(socket.c_str(), F_OK), 0) << socket;
         ASSERT_EQ(kill(row.asked->pid(), row.with), 0);
         EXPECT_EQ(row.asked->wait_for_end(), row.status) << row.asked->output();
-        EXPECT_TRUE(socket.empty() || access(socket.c_str(), F_OK) != 0) << socket;
+        EXPECT_NE(access(socket.c_str(), F_OK), 0) << socket;
     }
-    EXPECT_EQ(run({QEL_TAVU, "--version"}, {}).status, 0);
-    EXPECT_EQ(run({QEL_TAVU, "--verison"}, {}).status, 1);
+}
+
+TEST_F(node, command_line_of_the_daemon_is_answered_before_anything_starts) {
+    const struct {
+        const char* argument;
+        int status;
+        const char* text;
+    } rows[] = {
+        {"--version", 0, "qel-tavu 0."},
+        {"--help", 0, "Usage: "},
+        {"-h", 0, "Usage: "},
+        {"--verison", 1, "unexpected argument '--verison'"},
+    };
+    for (const auto& row : rows) {
+        ended result = run({QEL_TAVU, row.argument}, three.environment());
+        EXPECT_EQ(result.status, row.status) << row.argument;
+        EXPECT_EQ(result.output.find(row.status ? std::string("qel-tavu: ") + row.text : row.text), 0u)
+            << result.output;
+    }
 }
 
 } // namespace

@@ -2,8 +2,8 @@
 
 #include "platform/oka/simulation/simulation.h"
 #include "services/tavuctl/command_line.h"
-#include "services/tavuctl/picture.h"
 #include "services/tavuctl/session.h"
+#include "services/tavuctl/snapshot.h"
 #include "support/world.h"
 
 using namespace tavu;
@@ -20,26 +20,26 @@ TEST(tavuctl_command_line, is_read_or_refused) {
         action wanted;
         const char* text;
     } cases[] = {
-        {{"status"}, action::STATUS, ""},
-        {{"watch", "--json"}, action::WATCH, ""},
-        {{"link", "set", "--status=file", "IDL_A1", "--timeout=1"}, action::LINK_SET, ""},
-        {{"status", "--help"}, action::ANSWER, "Usage: tavuctl status"},
-        {{"link", "set", "--help"}, action::ANSWER, "4  not confirmed in time"},
-        {{"--version"}, action::ANSWER, "tavuctl 0."},
-        {{"help"}, action::ANSWER, "Usage: tavuctl COMMAND"},
-        {{"status", "-h"}, action::ANSWER, "Usage: tavuctl status"},
-        {{"check", "unit.conf"}, action::CHECK, ""},
-        {{"check", "a", "b"}, action::ANSWER, "unexpected argument 'b'"},
-        {{}, action::ANSWER, "say what to do\nTry 'tavuctl --help'."},
-        {{"stauts"}, action::ANSWER, "unknown command 'stauts'"},
-        {{"link"}, action::ANSWER, "Try 'tavuctl link --help'."},
-        {{"status", "--jsno"}, action::ANSWER, "unknown option '--jsno'"},
-        {{"status", "--timeout=0"}, action::ANSWER, "--timeout is '0'; it must be from 1 to 86400"},
-        {{"status", "--timeout=99999999999999999999"}, action::ANSWER, "--timeout is"},
-        {{"link", "set"}, action::ANSWER, "say which port's link to set"},
-        {{"link", "set", "P"}, action::ANSWER, "say which status"},
-        {{"link", "set", "P", "--status", "on"}, action::ANSWER, "--status is 'on'; it must be file, up"},
-        {{"link", "set", "0123456789012345", "--status", "up"}, action::ANSWER, "1 to 15 characters"},
+        {{"status"}, action::status, ""},
+        {{"watch", "--json"}, action::watch, ""},
+        {{"link", "set", "--status=file", "IDL_A1", "--timeout=1"}, action::link_set, ""},
+        {{"status", "--help"}, action::answer, "Usage: tavuctl status"},
+        {{"link", "set", "--help"}, action::answer, "4  not confirmed in time"},
+        {{"--version"}, action::answer, "tavuctl 0."},
+        {{"help"}, action::answer, "Usage: tavuctl COMMAND"},
+        {{"status", "-h"}, action::answer, "Usage: tavuctl status"},
+        {{"check", "unit.conf"}, action::check, ""},
+        {{"check", "a", "b"}, action::answer, "unexpected argument 'b'"},
+        {{}, action::answer, "say what to do\nTry 'tavuctl --help'."},
+        {{"stauts"}, action::answer, "unknown command 'stauts'"},
+        {{"link"}, action::answer, "Try 'tavuctl link --help'."},
+        {{"status", "--jsno"}, action::answer, "unknown option '--jsno'"},
+        {{"status", "--timeout=0"}, action::answer, "--timeout is '0'; it must be from 1 to 86400"},
+        {{"status", "--timeout=99999999999999999999"}, action::answer, "--timeout is"},
+        {{"link", "set"}, action::answer, "say which port's link to set"},
+        {{"link", "set", "P"}, action::answer, "say which status"},
+        {{"link", "set", "P", "--status", "on"}, action::answer, "--status is 'on'; it must be file, up"},
+        {{"link", "set", "0123456789012345", "--status", "up"}, action::answer, "1 to 15 characters"},
     };
     for (const auto& each : cases) {
         command_line line = read_command_line(each.arguments);
@@ -97,8 +97,8 @@ topology_link refused_link() {
     return link;
 }
 
-picture picture_of(std::vector<topology_link> links) {
-    picture shown{};
+snapshot snapshot_of(std::vector<topology_link> links) {
+    snapshot shown{};
     shown.head.version = topology_protocol_version;
     shown.head.daemon_state = TOPOLOGY_DAEMON_CONNECTED;
     shown.head.daemon_since = topology_age::of_ms(200000);
@@ -108,13 +108,13 @@ picture picture_of(std::vector<topology_link> links) {
     return shown;
 }
 
-TEST(tavuctl_picture, is_a_table) {
+TEST(tavuctl_snapshot, is_a_table) {
     topology_link unanswered = secured_link();
     unanswered.publication = TOPOLOGY_LINK_REQUESTED;
     unanswered.phase = TOPOLOGY_PHASE_JOINING;
     topology_link refused = refused_link();
     refused.remote_port.assign("D");
-    EXPECT_EQ(show_table(picture_of({unanswered, refused}), 100),
+    EXPECT_EQ(show_table(snapshot_of({unanswered, refused}), 100),
               "qel-tavu:   connected for 3 m 20 s\n"
               "links file: /etc/l.toml\n"
               "\n"
@@ -127,14 +127,14 @@ TEST(tavuctl_picture, is_a_table) {
               "\n"
               "X1: wrong at mp9 for 2.1 s: nobody; look\n");
 
-    picture without = picture_of({});
+    snapshot without = snapshot_of({});
     without.head.file_error.assign("F:1: no");
     std::string table = show_table(without);
     EXPECT_NE(table.find("links file: not in force: F:1: no\n\nno links\n"), std::string::npos) << table;
 }
 
-TEST(tavuctl_picture, is_json) {
-    EXPECT_EQ(show_json(picture_of({refused_link()})),
+TEST(tavuctl_snapshot, is_json) {
+    EXPECT_EQ(show_json(snapshot_of({refused_link()})),
               R"({"daemon":{"state":"connected","since_ms":200000,"refusal":null},)"
               R"("links_file":{"path":"/etc/l.toml","in_force":true,"error":null},)"
               R"("links":[{"port":"X1","link_id":12,"remote_port":"\"\u001b","remote_mpid":9,"hunt_path":"",)"
@@ -149,9 +149,9 @@ TEST(tavuctl_picture, is_json) {
               R"("fault":{"code":"no-peer","at":"other end","since_ms":2000,"words":"nobody; look"}}]})");
 }
 
-TEST(tavuctl_picture, tells_changes_but_no_ages) {
-    picture before = picture_of({secured_link()});
-    picture after = before;
+TEST(tavuctl_snapshot, tells_changes_but_no_ages) {
+    snapshot before = snapshot_of({secured_link()});
+    snapshot after = before;
     after.links[0].state_told = topology_age::of_ms(99);
     after.links[0].published = topology_age::of_ms(999999);
     EXPECT_EQ(show_changes(before, after), "");
@@ -159,10 +159,10 @@ TEST(tavuctl_picture, tells_changes_but_no_ages) {
     EXPECT_EQ(show_changes(before, after),
               "IDL_A1: link 1 to mp7 IDL_C2, status up: controlled port enabled, encryption disabled; "
               "link added: confirmed\n");
-    EXPECT_EQ(show_changes(before, picture_of({})), "IDL_A1: no longer a link\n");
+    EXPECT_EQ(show_changes(before, snapshot_of({})), "IDL_A1: no longer a link\n");
 }
 
-TEST(tavuctl_picture, has_durations_that_people_read) {
+TEST(tavuctl_snapshot, has_durations_that_people_read) {
     const std::pair<uint64_t, const char*> cases[] = {
         {0, "0.0 s"},          {59999, "59.9 s"},       {60000, "1 m 00 s"},  {3599999, "59 m 59 s"},
         {3600000, "1 h 00 m"}, {86399999, "23 h 59 m"}, {86400000, "1 d 0 h"}};
@@ -201,7 +201,7 @@ class tavuctl_session : public test::world {
     uint32_t take_reference(uint32_t number) {
         return manager->take(number).as<message_header>().procedure_reference;
     }
-    void reply(uint32_t number, picture shown, uint32_t reference, size_t cut = 0) {
+    void reply(uint32_t number, snapshot shown, uint32_t reference, size_t cut = 0) {
         shown.head.header.procedure_reference = reference;
         std::string bytes(reinterpret_cast<const char*>(&shown.head), sizeof shown.head);
         for (const topology_link& link : shown.links)
@@ -227,9 +227,9 @@ TEST_F(tavuctl_session, asks_and_shows) {
     manager_appears();
     start({"status", "--json"});
     EXPECT_EQ(manager->take(TOPOLOGY_STATUS_REQ).hex(), "00 00 00 01 00 00 00 00 00 00 00 01");
-    reply(TOPOLOGY_STATUS_CFM, picture_of({secured_link()}), 2);
+    reply(TOPOLOGY_STATUS_CFM, snapshot_of({secured_link()}), 2);
     EXPECT_EQ(output, "") << "an answer to another request";
-    reply(TOPOLOGY_STATUS_CFM, picture_of({secured_link()}), 1);
+    reply(TOPOLOGY_STATUS_CFM, snapshot_of({secured_link()}), 1);
     expect_done(EXIT_STATUS_DONE, "\"encryption\":\"enabled\"");
 }
 
@@ -247,7 +247,7 @@ TEST_F(tavuctl_session, says_when_nobody_answers) {
     start({"status"});
     manager.reset();
     settle();
-    expect_done(EXIT_STATUS_UNREACHABLE, "went away before it answered");
+    expect_done(EXIT_STATUS_UNREACHABLE, "ended before it answered");
 }
 
 TEST_F(tavuctl_session, says_when_a_setting_is_not_confirmed_or_refused) {
@@ -268,16 +268,16 @@ TEST_F(tavuctl_session, says_when_a_setting_is_not_confirmed_or_refused) {
 }
 
 TEST_F(tavuctl_session, refuses_answers_that_make_no_sense) {
-    const picture good = picture_of({secured_link()});
-    picture unterminated = good, miscounted = good;
+    const snapshot good = snapshot_of({secured_link()});
+    snapshot unterminated = good, miscounted = good;
     memset(&unterminated.links[0].port, 'p', sizeof(port_name));
     miscounted.head.link_count = 0x40000000;
     const struct {
         const char* rule;
-        picture shown;
+        snapshot shown;
         size_t cut;
     } cases[] = {{"cut", good, 1},
-                 {"less than its head", picture_of({}), 4},
+                 {"less than its head", snapshot_of({}), 4},
                  {"text without an end", unterminated, 0},
                  {"more links than arrived", miscounted, 0}};
     manager_appears();
@@ -293,14 +293,14 @@ TEST_F(tavuctl_session, watches_until_it_is_interrupted) {
     manager_appears();
     start({"watch"}, true);
     manager->take(TOPOLOGY_WATCH_REQ);
-    reply(TOPOLOGY_WATCH_CFM, picture_of({secured_link()}), 1);
+    reply(TOPOLOGY_WATCH_CFM, snapshot_of({secured_link()}), 1);
     output.clear();
     advance(1000);
     EXPECT_NE(output.find("connected for 3 m 21 s"), std::string::npos) << output;
     // A manager that is restarted is found again, however long it takes.
     manager.reset();
     settle();
-    EXPECT_NE(errors.find("went away; waiting for it"), std::string::npos);
+    EXPECT_NE(errors.find("ended; waiting for it"), std::string::npos);
     advance(3600000);
     manager_appears();
     manager->take(TOPOLOGY_WATCH_REQ);

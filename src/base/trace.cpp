@@ -13,7 +13,7 @@ void function_trace::leave() const {
 
 void trace_wrong_state(const char* prefix, const char* operation, const char* current, const char* expected,
                        const char* file, int line) {
-    if (is_traced(ZEB_GROUP_ERROR))
+    if (ZEB_IS_TRACED(ZEB_GROUP_ERROR))
         lttngZebTrace(ZEB_GROUP_ERROR, short_fname(file), line,
                       formatStr("%s: %s called in wrong state: current: '%s', expected: '%s'", prefix,
                                 operation, current, expected),

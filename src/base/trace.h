@@ -17,7 +17,7 @@
 // Before a message is sent. `message` is an outgoing<T>.
 #define TRACE_SEND(message, receiver, ...)                                                                   \
     do {                                                                                                     \
-        if (::tavu::is_traced(ZEB_GROUP_SEND_SIGNAL))                                                        \
+        if (ZEB_IS_TRACED(ZEB_GROUP_SEND_SIGNAL))                                                            \
             lttngZebSendSigTrace(short_fname(__FILE__), __LINE__, (message).number(), receiver,              \
                                  formatStr(__VA_ARGS__), &procInfo);                                         \
     } while (0)
@@ -25,7 +25,7 @@
 // After a received message has passed its size check.
 #define TRACE_RECEIVE(message, ...)                                                                          \
     do {                                                                                                     \
-        if (::tavu::is_traced(ZEB_GROUP_RECEIVE_SIGNAL))                                                     \
+        if (ZEB_IS_TRACED(ZEB_GROUP_RECEIVE_SIGNAL))                                                         \
             lttngZebRecSigTrace(short_fname(__FILE__), __LINE__, message, formatStr(__VA_ARGS__),            \
                                 &procInfo);                                                                  \
     } while (0)
@@ -37,19 +37,15 @@
 
 namespace tavu {
 
-inline bool is_traced(uint32_t group) {
-    return procInfo.trace_group_mask & (1u << group);
-}
-
 class function_trace {
   public:
     function_trace(const char* prefix, const char* function, const char* file, int line)
         : file_(file), line_(line) {
-        if (is_traced(ZEB_GROUP_ENTER))
+        if (ZEB_IS_TRACED(ZEB_GROUP_ENTER))
             enter(prefix, function);
     }
     ~function_trace() {
-        if (is_traced(ZEB_GROUP_RETURN))
+        if (ZEB_IS_TRACED(ZEB_GROUP_RETURN))
             leave();
     }
     function_trace(const function_trace&) = delete;

@@ -62,11 +62,13 @@ const char* formatStr(const char* format, ...) __attribute__((format(printf, 1, 
 /* The part of a source path that traces show: what follows the last "/". */
 const char* short_fname(const char* path);
 
-/* One record of a group, with a format and its arguments: a test of the group's bit, and only then the rest.
- */
+/* Whether records of the group are wanted. */
+#define ZEB_IS_TRACED(group) ((procInfo.trace_group_mask & (1u << (group))) != 0)
+
+/* One record of a group, with a format and its arguments, which are not evaluated unless it is wanted. */
 #define ZEB_TRACE(group, ...)                                                                                \
     do {                                                                                                     \
-        if (procInfo.trace_group_mask & (1u << (group)))                                                     \
+        if (ZEB_IS_TRACED(group))                                                                            \
             lttngZebTrace((group), short_fname(__FILE__), __LINE__, formatStr(__VA_ARGS__), &procInfo);      \
     } while (0)
 

@@ -200,7 +200,7 @@ struct topology_link {
 };
 TAVU_WIRE_LAYOUT(topology_link, 408);
 
-// The whole picture: status and watch confirms, and watch indications. `link_count` links follow.
+// The state of all links: status and watch confirms, and watch indications. `link_count` links follow.
 struct topology_snapshot {
     TAVU_FIELD(0, header, message_header);
     TAVU_FIELD(12, version, be32);

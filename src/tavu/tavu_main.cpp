@@ -47,7 +47,7 @@ void change_state(tavu_main_state state) {
     self.state = state;
 }
 
-// Back to where tavu_main_start can begin again. The key server is not part of it: its CAs live on.
+// Afterwards tavu_main_start can begin again. The key server is not stopped: its CAs remain.
 void clear_data() {
     TAVU_FUNCTION();
     if (!oxmsi_server_stop())
@@ -85,7 +85,7 @@ bool generate_sak(uint32_t key_len, uint8_t* key) {
     return oxhal_macsec_generate_key(key_len, key) == 0;
 }
 
-// The gate of every callback: an event that comes in the wrong state is never acted upon.
+// Each callback asks this first: an event in the wrong state is ignored.
 bool is_event_in_state(const char* event, tavu_main_state expected) {
     if (self.state == expected)
         return true;
@@ -141,8 +141,8 @@ void handle_oxpcsi_port_state_change(const char* name) {
     tavu_pm_handle_oxpcsi_port_state_change(port);
 }
 
-// --- Callbacks of the MACsec service server. A request that comes too early is answered, so that its client
-// does not wait.
+// --- Callbacks of the MACsec service server. A request that comes too early is rejected, so that its client
+// does not wait for an answer.
 
 void handle_oxmsi_idl_link_added_req(uint32_t client_id, uint32_t procedure_reference, const oxmsi_link& link,
                                      const oka_hunt_path& hunt_path) {
@@ -247,8 +247,8 @@ bool initialize_platform() {
         TRACE_ERROR("TAVU: OKA initialization failed: %i", result);
         return false;
     }
-    // Without its root mailbox the daemon would hear nothing, not even its own timers: most likely another
-    // one runs in this unit already.
+    // Without its root mailbox the daemon would receive no messages, not even of its own timers. The usual
+    // reason is that another daemon runs in this unit.
     self.root_mailbox = oka_create_mailbox(root_mailbox_name, 0);
     if (self.root_mailbox == OKA_MAILBOX_NONE) {
         TRACE_ERROR("TAVU: Could not create root mailbox '%s'", root_mailbox_name);

@@ -1,5 +1,5 @@
-// The top of the daemon: brings up the platform services and every module in a fixed order, wires their
-// callbacks, runs the one event loop, and owns the one way out of the process, with status 1.
+// The top of the daemon: starts the platform services and every module in a fixed order, connects their
+// callbacks, runs the one event loop, and is the only place that ends the process, with status 1.
 #pragma once
 
 #include "base/wire.h"
@@ -19,11 +19,12 @@ constexpr uint32_t max_port_managers = 16;
 // The whole life of the process: never returns.
 [[noreturn]] void tavu_main();
 
-// The steps of it, for programs that run the daemon's modules under an event loop of their own. False, after
-// an error trace, leaves what was set up in place.
+// Its steps, for programs that run the daemon's modules under an event loop of their own. On failure they
+// return false after an error trace, and what was set up so far remains.
 [[nodiscard]] bool tavu_main_init();
 [[nodiscard]] bool tavu_main_start();
-// Receives and routes messages until the messaging service hands out none any more.
+// Receives and routes messages until the messaging service returns none, which is when the process was asked
+// to end.
 void event_loop();
 // Routes one message, as event_loop does with each, and frees it.
 void route_message(oka_message* message);

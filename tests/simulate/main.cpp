@@ -119,46 +119,43 @@ void print_summary(const totals& all, double took_s) {
 } // namespace
 
 int main(int argc, char** argv) {
-    std::vector<services::option> options = {
-        {"seed", "N", "the first seed; that of the day unless given. Alone: this one only"},
-        {"seeds", "N", "how many seeds"},
-        {"hours", "H", "virtual hours, instead of a number of seeds"},
-        {"units", "K", "2 to 4 units in every run, instead of a number drawn"},
-        {"links", "L", "1 to 4 links in every run"},
-        {"rounds", "R", "rounds of disturbance and quiet in a run, 6 unless given; 0 disturbs nothing"},
-        {"faults", "MASK", "a bit for each kind of fault that may be drawn, in the order of the summary"},
-        {"jobs", "J", "runs at a time; one for each processor unless given"},
-        {"verbose", nullptr, "every event on standard error"},
+    services::command command = {
+        "simulate",
+        "[OPTION]...",
+        "Runs whole nodes on virtual time, with faults drawn from seeds.",
+        "",
+        {
+            {"seed", "N", "the first seed; that of the day unless given. Alone: this one only"},
+            {"seeds", "N", "how many seeds"},
+            {"hours", "H", "virtual hours, instead of a number of seeds"},
+            {"units", "K", "2 to 4 units in every run, instead of a number drawn"},
+            {"links", "L", "1 to 4 links in every run"},
+            {"rounds", "R", "rounds of disturbance and quiet in a run, 6 unless given; 0 disturbs nothing"},
+            {"faults", "MASK", "a bit for each kind of fault that may be drawn, in the order of the summary"},
+            {"jobs", "J", "runs at a time; one for each processor unless given"},
+            {"verbose", nullptr, "every event on standard error"},
+        }};
+    if (auto answer = command.read(services::arguments_of(argc, argv)))
+        return services::write_answer(*answer);
+    auto number = [&command](const char* name, unsigned long long otherwise) {
+        const services::option& option = command.get(name);
+        return option.given() ? strtoull(option.values[0].c_str(), nullptr, 0) : otherwise;
     };
-    std::vector<std::string> operands;
-    constexpr services::program_help help = {
-        "simulate", "[OPTION]...", "Runs whole nodes on virtual time, with faults drawn from seeds.", ""};
-    auto answer = services::read_options(help, {argv + 1, static_cast<size_t>(argc - 1)}, options, operands);
-    if (!answer && !operands.empty())
-        answer = services::refusal(help.program, "unexpected argument '" + operands[0] + "'");
-    if (answer)
-        return services::give(*answer);
-    enum { SEED, SEEDS, HOURS, UNITS, LINKS, ROUNDS, FAULTS, JOBS, VERBOSE };
-    const services::option &seed = options[SEED], &seeds = options[SEEDS], &hours = options[HOURS],
-                           &units = options[UNITS], &links = options[LINKS], &rounds = options[ROUNDS],
-                           &faults = options[FAULTS], &jobs = options[JOBS], &verbose = options[VERBOSE];
-    auto number = [](const services::option& given, unsigned long long otherwise) {
-        return given.given() ? strtoull(given.values.back().c_str(), nullptr, 0) : otherwise;
-    };
-    settings wanted = {.seed = number(seed, static_cast<unsigned long long>(time(nullptr) / 86400 * 10000)),
-                       .units = static_cast<int>(number(units, 0)),
-                       .links = static_cast<int>(number(links, 0)),
-                       .faults = static_cast<unsigned>(number(faults, ~0u)),
-                       .rounds = static_cast<unsigned>(number(rounds, 6)),
-                       .verbose = verbose.given()};
+    const services::option& hours = command.get("hours");
+    settings wanted = {.seed = number("seed", static_cast<unsigned long long>(time(nullptr) / 86400 * 10000)),
+                       .units = static_cast<int>(number("units", 0)),
+                       .links = static_cast<int>(number("links", 0)),
+                       .faults = static_cast<unsigned>(number("faults", ~0u)),
+                       .rounds = static_cast<unsigned>(number("rounds", 6)),
+                       .verbose = command.get("verbose").given()};
     if (wanted.units < 0 || wanted.units > 4 || wanted.units == 1 || wanted.links < 0 || wanted.links > 4) {
         fprintf(stderr, "simulate: 2 to 4 units and 1 to 4 links are possible\n");
         return 2;
     }
-    double virtual_hours = hours.given() ? strtod(hours.values.back().c_str(), nullptr) : 0;
-    size_t count = number(seeds, hours.given() ? 0 : 1);
+    double virtual_hours = hours.given() ? strtod(hours.values[0].c_str(), nullptr) : 0;
+    size_t count = number("seeds", hours.given() ? 0 : 1);
     size_t processors = static_cast<size_t>(std::max(1l, sysconf(_SC_NPROCESSORS_ONLN)));
-    size_t at_once = number(jobs, count == 1 ? 1 : processors);
+    size_t at_once = number("jobs", count == 1 ? 1 : processors);
     double began_s = now_s();
     totals all = run_all(wanted, std::max<size_t>(at_once, 1), virtual_hours, count);
     print_summary(all, now_s() - began_s);

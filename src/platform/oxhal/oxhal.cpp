@@ -92,7 +92,7 @@ class port_call : public observed_call {
         return ends();
     }
     int ends() {
-        if (reason || procInfo.trace_group_mask & (1u << ZEB_GROUP_TRACE)) {
+        if (reason || ZEB_IS_TRACED(ZEB_GROUP_TRACE)) {
             char text[call_text_size];
             describe(what, text);
             if (reason)

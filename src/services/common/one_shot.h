@@ -1,5 +1,5 @@
-// One timer of a service that is armed again and again. It knows its own expiry from one that was cancelled
-// when its message waited already.
+// A timer of a service, which can be armed again and again. An expiry that was already queued when the timer
+// was cancelled is told from the expiry of the timer as it is armed now.
 #pragma once
 
 #include "base/wire.h"
@@ -9,7 +9,7 @@ namespace services {
 
 class one_shot {
   public:
-    // Every timer of a process has a message number of its own.
+    // Each timer of a process has a message number of its own.
     explicit constexpr one_shot(uint32_t number) : number_(number) {}
     one_shot(const one_shot&) = delete;
     one_shot& operator=(const one_shot&) = delete;
@@ -27,7 +27,7 @@ class one_shot {
     }
     bool is_armed() const { return timer_ != 0; }
 
-    // True for the expiry of the timer as it was armed last, which is not armed any more then.
+    // True for the expiry of the timer as it was armed last; then the timer is no longer armed.
     bool take(const oka_message* message) {
         if (message->number != number_ || oka_sender(message) != OKA_MAILBOX_NONE ||
             oka_size(message) != sizeof(expiry) || !timer_)

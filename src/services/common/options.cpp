@@ -1,6 +1,7 @@
 #include "services/common/options.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -15,54 +16,50 @@ std::string usage_of(const option& described) {
     return usage;
 }
 
-} // namespace
-
-bool parse_options(std::span<const char* const> arguments, std::span<option> options,
-                   std::vector<std::string>& operands, std::string& error) {
-    bool options_ended = false;
-    for (size_t i = 0; i < arguments.size(); i++) {
-        std::string argument = strcmp(arguments[i], "-h") == 0 ? "--help" : arguments[i];
-        if (options_ended || argument.size() < 2 || argument[0] != '-') {
-            operands.push_back(argument);
-            continue;
-        }
-        if (argument == "--") {
-            options_ended = true;
-            continue;
-        }
-        size_t equals = argument.find('=');
-        std::string name = argument.substr(0, equals);
-        auto known = std::find_if(options.begin(), options.end(), [&name](const option& candidate) {
-            return name == std::string("--") + candidate.name;
-        });
-        if (known == options.end()) {
-            error = "unknown option '" + name + "'";
-            return false;
-        }
-        if (known->given() && !known->repeatable) {
-            error = "option '" + name + "' is given twice";
-            return false;
-        }
-        std::string value;
-        if (!known->argument) {
-            if (equals != std::string::npos) {
-                error = "option '" + name + "' takes no value";
-                return false;
-            }
-        } else if (equals != std::string::npos) {
-            value = argument.substr(equals + 1);
-        } else if (i + 1 < arguments.size()) {
-            value = arguments[++i];
-        } else {
-            error = "option '" + name + "' needs a value: " + usage_of(*known);
-            return false;
-        }
-        known->values.push_back(value);
-    }
-    return true;
+// Returns "", or what is wrong. `next` is the argument behind, or null, and may be the option's value.
+std::string read_option(std::span<option> options, const std::string& argument, const char* next,
+                        bool& takes_next) {
+    size_t equals = argument.find('=');
+    bool has_value = equals != std::string::npos;
+    std::string name = argument == "-h" ? "--help" : argument.substr(0, equals);
+    auto known = std::find_if(options.begin(), options.end(), [&name](const option& candidate) {
+        return name == std::string("--") + candidate.name;
+    });
+    if (known == options.end())
+        return "unknown option '" + name + "'";
+    if (known->given() && !known->repeatable)
+        return "option '" + name + "' is given twice";
+    if (has_value && !known->argument)
+        return "option '" + name + "' takes no value";
+    takes_next = known->argument && !has_value;
+    if (takes_next && !next)
+        return "option '" + name + "' needs a value: " + usage_of(*known);
+    known->values.push_back(takes_next ? next : has_value ? argument.substr(equals + 1) : "");
+    return "";
 }
 
-namespace {
+// Returns "", or what is wrong.
+std::string read_arguments(command& of, argument_list arguments) {
+    bool options_ended = false;
+    for (size_t i = 0; i < arguments.size(); i++) {
+        std::string argument = arguments[i];
+        if (options_ended || argument.size() < 2 || argument[0] != '-') {
+            if (of.operands.size() == of.operands_max)
+                return "unexpected argument '" + argument + "'";
+            of.operands.push_back(argument);
+        } else if (argument == "--") {
+            options_ended = true;
+        } else {
+            bool takes_next = false;
+            std::string wrong = read_option(
+                of.options, argument, i + 1 < arguments.size() ? arguments[i + 1] : nullptr, takes_next);
+            if (!wrong.empty())
+                return wrong;
+            i += takes_next;
+        }
+    }
+    return "";
+}
 
 // One line an option, in two columns.
 std::string options_help(std::span<const option> options) {
@@ -78,34 +75,46 @@ std::string options_help(std::span<const option> options) {
     return help;
 }
 
-} // namespace
-
-immediate_answer refusal(const char* program, const std::string& why) {
-    std::string name(program, strcspn(program, " "));
-    return {exit_usage, name + ": " + why + "\nTry '" + program + " --help'.\n"};
+// Of "tavuctl status": "tavuctl".
+std::string program_of(const command& of) {
+    return std::string(of.name, strcspn(of.name, " "));
 }
 
-int give(const immediate_answer& answer) {
+} // namespace
+
+argument_list arguments_of(int argc, char** argv) {
+    size_t names = argc > 0 ? 1 : 0;
+    return {argv + names, static_cast<size_t>(argc) - names};
+}
+
+int write_answer(const immediate_answer& answer) {
     fputs(answer.text.c_str(), answer.exit_status == 0 ? stdout : stderr);
     return answer.exit_status;
 }
 
-std::optional<immediate_answer> read_options(const program_help& of, std::span<const char* const> arguments,
-                                             std::vector<option>& options,
-                                             std::vector<std::string>& operands) {
-    size_t help = options.size(), version = help + 1;
+std::optional<immediate_answer> command::read(argument_list arguments) {
     options.push_back({"help", nullptr, "show this help"});
     options.push_back({"version", nullptr, "show the version"});
-    std::string error;
-    if (!parse_options(arguments, options, operands, error))
-        return refusal(of.program, error);
-    if (options[help].given())
-        return immediate_answer{0, std::string(of.purpose) + "\n\nUsage: " + of.program + " " + of.usage +
-                                       "\n\nOptions:\n" + options_help(options) + of.more};
-    if (options[version].given())
-        return immediate_answer{0, std::string(of.program, strcspn(of.program, " ")) + " " +
-                                       QEL_TAVU_VERSION + "\n"};
+    std::string wrong = read_arguments(*this, arguments);
+    if (!wrong.empty())
+        return refuse(wrong);
+    if (get("help").given())
+        return immediate_answer{0, std::string(purpose) + "\n\nUsage: " + name + " " + usage +
+                                       "\n\nOptions:\n" + options_help(options) + more};
+    if (get("version").given())
+        return immediate_answer{0, program_of(*this) + " " + QEL_TAVU_VERSION + "\n"};
     return std::nullopt;
+}
+
+const option& command::get(std::string_view option_name) const {
+    auto found = std::find_if(options.begin(), options.end(),
+                              [&](const option& each) { return each.name == option_name; });
+    assert(found != options.end());
+    return *found;
+}
+
+immediate_answer command::refuse(const std::string& why) const {
+    return {exit_usage, program_of(*this) + ": " + why + "\nTry '" + name + " --help'.\n"};
 }
 
 } // namespace services

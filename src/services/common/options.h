@@ -1,5 +1,5 @@
-// The command line of the node's programs: long options, operands, and help in one form for all of them.
-// What an option means is its program's business.
+// The command lines of the node's programs: options, operands, help, version and refusals in one form. Each
+// program gives its options their meaning.
 #pragma once
 
 #include <optional>
@@ -9,6 +9,15 @@
 
 namespace services {
 
+// The exit statuses of all programs; 0 is success.
+constexpr int exit_failure = 1;
+constexpr int exit_usage = 2;
+
+using argument_list = std::span<const char* const>;
+
+// What main was given, without the program's name.
+argument_list arguments_of(int argc, char** argv);
+
 struct option {
     const char* name;     // without the leading "--"
     const char* argument; // what the help calls its value; null when it takes none
@@ -17,38 +26,38 @@ struct option {
     std::vector<std::string> values = {}; // one for each time it was given, "" when it takes none
 
     bool given() const { return !values.empty(); }
-    // Its value, or what holds without it.
+    // Its first value, or `otherwise` when it was not given.
     const char* value_or(const char* otherwise) const { return given() ? values[0].c_str() : otherwise; }
 };
 
-// Takes "--name value", "--name=value" and "--name", and "-h" for "--help"; "--" ends the options. What is no
-// option goes to `operands`, in order. False, with what is wrong in `error`, for an option that is unknown,
-// given twice though it is not repeatable, without its value, or with one that it does not take.
-[[nodiscard]] bool parse_options(std::span<const char* const> arguments, std::span<option> options,
-                                 std::vector<std::string>& operands, std::string& error);
-
-// What a program says to a command line that it answers at once: its help, its version, or what is wrong.
+// A text with which a program answers its command line instead of running: help, version, or what is wrong.
 struct immediate_answer {
     int exit_status; // 0, or exit_usage
     std::string text;
 };
-constexpr int exit_usage = 2;
 
-immediate_answer refusal(const char* program, const std::string& why);
-// Writes it to where it belongs, and returns its exit status.
-int give(const immediate_answer& answer);
+// To standard output, or to standard error when something is wrong. Returns the exit status.
+int write_answer(const immediate_answer& answer);
 
-struct program_help {
-    const char* program; // as it is called: "idl-topologyd", "tavuctl status"
-    const char* usage;   // what follows
-    const char* purpose;
-    const char* more; // behind the options
+// A program, or one command of a program.
+struct command {
+    const char* name;    // "idl-topologyd", "tavuctl status"
+    const char* usage;   // of its arguments
+    const char* purpose; // one or more lines, without the last line's end
+    const char* more;    // what the help says after the options
+    std::vector<option> options;
+    size_t operands_max = 0;
+    std::vector<std::string> operands = {};
+
+    // Reads "--name value", "--name=value" and "--name"; after "--" all are operands. Answers --help, -h,
+    // --version, and a command line that is wrong: an option is unknown, given twice though it is not
+    // repeatable, lacks its value, or has one that it does not take; or there are too many operands.
+    [[nodiscard]] std::optional<immediate_answer> read(argument_list arguments);
+
+    // One of its options.
+    const option& get(std::string_view option_name) const;
+
+    immediate_answer refuse(const std::string& why) const;
 };
-
-// Reads the options, to which --help (-h too) and --version are added, and answers these and what is wrong.
-[[nodiscard]] std::optional<immediate_answer> read_options(const program_help& of,
-                                                           std::span<const char* const> arguments,
-                                                           std::vector<option>& options,
-                                                           std::vector<std::string>& operands);
 
 } // namespace services

@@ -1,26 +1,30 @@
-// The process around a service: traces, timers, messaging, the root mailbox, the loop, and an orderly end.
+// The process around a program of the node: traces, timers, messaging, the root mailbox, the loop, and an
+// orderly end.
 #pragma once
 
 #include "platform/oka.h"
 
 namespace services {
 
-constexpr int exit_failure = 1;
-
 struct service {
     const char* name; // of the program, in traces
     const char* root_mailbox;
-    // False, after a trace that says why, when it cannot serve.
+    // False, after a trace that says why, when it cannot start.
     bool (*start)(oka_mailbox root);
-    // Reads the message; the frame frees it. False when it cannot serve any longer.
+    // Reads the message; the frame frees it. False when the process is to end.
     bool (*handle)(const oka_message* message);
     void (*stop)();
 };
 
-// Returns the exit status: 0 when the process was asked to end, exit_failure when it could not go on.
-int run_service(const service& run);
+enum class service_end {
+    not_started, // after a trace that says why
+    by_itself,   // `handle` returned false
+    asked,       // by SIGTERM or SIGINT
+};
 
-// Names the process in traces and brings timers and messaging up. False after a trace that says why.
-[[nodiscard]] bool start_platform(const char* name);
+service_end run_service(const service& run);
+
+// The exit status of a service that runs until it is asked to end.
+int exit_status_of(service_end end);
 
 } // namespace services

@@ -1,16 +1,14 @@
 #include "services/common/tipc_key.h"
 
-#include <cerrno>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+
+#include "services/common/small_file.h"
 
 namespace services {
 
 namespace {
 
-// "0x", the digits, and the white space that an editor leaves.
+// "0x", the digits, and white space that an editor adds.
 constexpr size_t text_max = 2 + 2 * tipc_key::size_max + 16;
 
 struct secret_text {
@@ -33,7 +31,7 @@ int value_of(char digit) {
     return -1;
 }
 
-// Why the text is no key, or null.
+// Null, or why the text is not a key.
 const char* decode(const char* text, tipc_key& key) {
     while (is_space(*text))
         text++;
@@ -58,29 +56,18 @@ tipc_key::~tipc_key() {
 }
 
 bool read_tipc_key(const char* path, tipc_key& key, std::string& error) {
-    int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    struct stat facts = {};
-    if (file < 0 || fstat(file, &facts) != 0) {
-        error = std::string(path) + ": " + strerror(errno);
-        if (file >= 0)
-            close(file);
-        return false;
-    }
     secret_text content;
-    ssize_t size = S_ISREG(facts.st_mode) ? read(file, content.text, text_max) : 0;
-    close(file);
-    const char* reason = nullptr;
-    if (!S_ISREG(facts.st_mode))
-        reason = "this is no file that can hold a key";
-    else if (facts.st_mode & 077)
-        reason = "others than its owner may read it; chmod 600";
-    else if (size < 0)
-        reason = "it cannot be read";
+    file_start file = read_start_of_file(path, {content.text, text_max});
+    if (!file.error.empty())
+        error = file.error;
+    else if (file.mode & 077)
+        error = "other users than its owner may read it; chmod 600";
+    else if (const char* reason = decode(content.text, key))
+        error = reason;
     else
-        reason = decode(content.text, key);
-    if (reason)
-        error = std::string(path) + ": " + reason;
-    return !reason;
+        return true;
+    error = std::string(path) + ": " + error;
+    return false;
 }
 
 } // namespace services

@@ -1,6 +1,5 @@
-// The key by which the machines of a TIPC cluster encrypt what they send each other, as a file holds it: 20,
-// 28 or 36 bytes as hexadecimal digits after "0x", that is an AES key of 16, 24 or 32 bytes and 4 bytes of
-// salt.
+// The key with which the machines of a TIPC cluster encrypt their messages to each other. In its file it is
+// "0x" and 40, 56 or 72 hexadecimal digits: an AES key of 16, 24 or 32 bytes, and 4 bytes of salt.
 #pragma once
 
 #include <cstddef>
@@ -21,8 +20,8 @@ struct tipc_key {
     tipc_key& operator=(const tipc_key&) = delete;
 };
 
-// False, with what is wrong with the file and what to do in `error`. A file that others than its owner may
-// read is refused, since what it holds is no secret.
+// False, with what is wrong with the file and what to do in `error`. A file that other users than its owner
+// may read is refused, since its content is not secret.
 [[nodiscard]] bool read_tipc_key(const char* path, tipc_key& key, std::string& error);
 
 } // namespace services

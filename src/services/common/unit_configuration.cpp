@@ -156,8 +156,8 @@ struct reader {
     }
 };
 
-// The value without its quotes, if it has any; nothing when systemd would read something else than what is
-// written.
+// The value without its quotes, if it has any. Nothing when systemd would read another value than the one
+// between them.
 std::optional<std::string> unquoted(std::string_view value) {
     if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0])
         value = value.substr(1, value.size() - 2);
@@ -207,8 +207,8 @@ bool is_one_of(std::string_view words, std::string_view wanted) {
     return false;
 }
 
-// The messages by which a link's keys are agreed must not depend on those keys, as they would on the
-// controlled port.
+// TIPC carries the messages by which the keys of a link are agreed. The controlled port works only after
+// that, so it must not carry TIPC.
 void check_bearers(reader& file) {
     const variable* bearers = file.find("OKA_TIPC_INTERFACES");
     const variable* ports = file.find("OXHAL_PORTS");
@@ -227,7 +227,7 @@ void check_bearers(reader& file) {
     file.line = 0;
 }
 
-// Looks for missing variables only when there is no other error, since that may be about the same variable.
+// After another error nothing is reported as missing: the wrong line may be the one that sets it.
 void check_completeness(reader& file) {
     file.line = 0;
     if (!file.result.is_good())

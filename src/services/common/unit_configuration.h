@@ -1,6 +1,6 @@
 // The configuration of a unit: the environment of its processes, one variable a line, in a file that systemd
-// reads for the services. It is checked as a whole before they start, so that a wrong line is reported once,
-// with its number and what to write, and not by each process in its own way.
+// reads for the services. The whole file is checked before they start, so that a wrong line is reported once,
+// with its number and what to write, and not by each process in other words.
 #pragma once
 
 #include <string>

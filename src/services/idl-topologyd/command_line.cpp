@@ -6,9 +6,9 @@ namespace topologyd {
 
 namespace {
 
-constexpr services::program_help help = {
-    "idl-topologyd", "[OPTION]...",
-    "idl-topologyd publishes the links of the links file to qel-tavu and keeps them there.",
+constexpr char purpose[] =
+    "idl-topologyd publishes the links of the links file to qel-tavu and keeps them there.";
+constexpr char more_help[] =
     "\n"
     "The links file (TOML) has a table for each link and is followed while it changes:\n"
     "  [[link]]\n"
@@ -26,22 +26,23 @@ constexpr services::program_help help = {
     "  ZEB_TRACE  trace groups to show: all, none, or a list (default error, info, state change)\n"
     "\n"
     "Exit status: 0 asked to end, or the links file is good; 1 the links file is not good, or starting "
-    "failed; 2 wrong command line.\n"};
+    "failed; 2 wrong command line.\n";
 
 } // namespace
 
-command_line read_command_line(std::span<const char* const> arguments) {
-    std::vector<services::option> options = {
-        {"links", "FILE", "the links file (default /etc/qel-tavu/links.toml)"},
-        {"check", nullptr, "say whether the links file is good, and exit"},
+command_line read_command_line(services::argument_list arguments) {
+    services::command command = {
+        "idl-topologyd",
+        "[OPTION]...",
+        purpose,
+        more_help,
+        {{"links", "FILE", "the links file (default /etc/qel-tavu/links.toml)"},
+         {"check", nullptr, "say whether the links file is good, and exit"}},
     };
-    std::vector<std::string> operands;
     command_line line;
-    line.answer = services::read_options(help, arguments, options, operands);
-    if (!line.answer && !operands.empty())
-        line.answer = services::refusal(help.program, "unexpected argument '" + operands[0] + "'");
-    line.links_path = options[0].value_or(default_links_path);
-    line.only_checks = options[1].given();
+    line.answer = command.read(arguments);
+    line.links_path = command.get("links").value_or(default_links_path);
+    line.only_checks = command.get("check").given();
     return line;
 }
 

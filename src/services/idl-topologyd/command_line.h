@@ -6,11 +6,11 @@
 namespace topologyd {
 
 struct command_line {
-    std::optional<services::immediate_answer> answer{}; // then nothing else is to be done
+    std::optional<services::immediate_answer> answer{}; // then there is nothing else to do
     bool only_checks = false;                           // whether the links file is good
     std::string links_path{};
 };
 
-command_line read_command_line(std::span<const char* const> arguments);
+command_line read_command_line(services::argument_list arguments);
 
 } // namespace topologyd

@@ -36,9 +36,9 @@ constexpr services::service manager = {
 } // namespace
 
 int main(int argc, char** argv) {
-    command_line line = read_command_line({argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0)});
+    command_line line = read_command_line(services::arguments_of(argc, argv));
     if (line.answer)
-        return services::give(*line.answer);
+        return services::write_answer(*line.answer);
     links_path = line.links_path.c_str();
-    return line.only_checks ? check() : services::run_service(manager);
+    return line.only_checks ? check() : services::exit_status_of(services::run_service(manager));
 }

@@ -1,5 +1,5 @@
-// Gives the kernel the key of the TIPC cluster. The key goes from the file to the kernel within this process:
-// on a command line every user of the machine could read it.
+// Gives the kernel the key of the TIPC cluster. The key is on no command line, where every user of the
+// machine could read it: this process reads it from the file and sends it to the kernel.
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -9,18 +9,15 @@
 #include <linux/tipc.h>
 #include <linux/tipc_netlink.h>
 #include <string>
-#include <vector>
 
 #include "services/common/options.h"
 #include "services/common/tipc_key.h"
 
 namespace {
 
-constexpr int exit_failure = 1;
-
 int complain(const std::string& what) {
     fprintf(stderr, "oka-tipc-key: %s\n", what.c_str());
-    return exit_failure;
+    return services::exit_failure;
 }
 
 class generic_netlink {
@@ -48,19 +45,19 @@ class generic_netlink {
         head->version = version;
         return message;
     }
-    // Sends what was begun, and hears the answers until the acknowledgement. False with errno.
-    bool talk(mnl_cb_t heard, void* context) {
+    // Sends the message, and hands each answer to `handle` until the acknowledgement. False with errno.
+    bool exchange(mnl_cb_t handle, void* context) {
         const auto* message = reinterpret_cast<const nlmsghdr*>(buffer_);
         bool sent = mnl_socket_sendto(socket_, message, message->nlmsg_len) >= 0;
         explicit_bzero(buffer_, sizeof buffer_);
-        int going = sent ? MNL_CB_OK : MNL_CB_ERROR;
-        while (going > MNL_CB_STOP) {
+        int result = sent ? MNL_CB_OK : MNL_CB_ERROR;
+        while (result > MNL_CB_STOP) {
             ssize_t size = mnl_socket_recvfrom(socket_, buffer_, sizeof buffer_);
-            going = size < 0 ? MNL_CB_ERROR
-                             : mnl_cb_run(buffer_, static_cast<size_t>(size), sequence_,
-                                          mnl_socket_get_portid(socket_), heard, context);
+            result = size < 0 ? MNL_CB_ERROR
+                              : mnl_cb_run(buffer_, static_cast<size_t>(size), sequence_,
+                                           mnl_socket_get_portid(socket_), handle, context);
         }
-        return going == MNL_CB_STOP;
+        return result == MNL_CB_STOP;
     }
 
   private:
@@ -69,14 +66,14 @@ class generic_netlink {
     alignas(nlmsghdr) char buffer_[8192] = {};
 };
 
-int take_family(const nlattr* attribute, void* family) {
+int read_family(const nlattr* attribute, void* family) {
     if (mnl_attr_get_type(attribute) == CTRL_ATTR_FAMILY_ID && !mnl_attr_validate(attribute, MNL_TYPE_U16))
         *static_cast<uint16_t*>(family) = mnl_attr_get_u16(attribute);
     return MNL_CB_OK;
 }
 
-int hear_family(const nlmsghdr* message, void* family) {
-    return mnl_attr_parse(message, sizeof(genlmsghdr), take_family, family);
+int handle_family(const nlmsghdr* message, void* family) {
+    return mnl_attr_parse(message, sizeof(genlmsghdr), read_family, family);
 }
 
 // 0 when the kernel has no TIPC.
@@ -84,7 +81,7 @@ uint16_t find_tipc(generic_netlink& kernel) {
     uint16_t family = 0;
     mnl_attr_put_strz(kernel.begin(GENL_ID_CTRL, CTRL_CMD_GETFAMILY, 1), CTRL_ATTR_FAMILY_NAME,
                       TIPC_GENL_V2_NAME);
-    return kernel.talk(hear_family, &family) ? family : 0;
+    return kernel.exchange(handle_family, &family) ? family : 0;
 }
 
 // A tipc_aead_key with its octets.
@@ -101,7 +98,7 @@ static_assert(offsetof(kernel_key, size) == offsetof(tipc_aead_key, keylen) &&
 int set_key(const services::tipc_key& key) {
     generic_netlink kernel;
     if (!kernel.open())
-        return complain(std::string("netlink is not to be had: ") + strerror(errno));
+        return complain(std::string("netlink cannot be used: ") + strerror(errno));
     uint16_t family = find_tipc(kernel);
     if (!family)
         return complain("the kernel has no TIPC; modprobe tipc");
@@ -114,8 +111,8 @@ int set_key(const services::tipc_key& key) {
     nlattr* node = mnl_attr_nest_start(message, TIPC_NLA_NODE);
     mnl_attr_put(message, TIPC_NLA_NODE_KEY, offsetof(kernel_key, octets) + key.size, &given);
     mnl_attr_nest_end(message, node);
-    if (!kernel.talk(nullptr, nullptr))
-        return complain(std::string("the kernel takes no key: ") + strerror(errno) +
+    if (!kernel.exchange(nullptr, nullptr))
+        return complain(std::string("the kernel refuses the key: ") + strerror(errno) +
                         "; it needs CONFIG_TIPC_CRYPTO, the identity of the node, and CAP_NET_ADMIN");
     return 0;
 }
@@ -123,22 +120,20 @@ int set_key(const services::tipc_key& key) {
 } // namespace
 
 int main(int argc, char** argv) {
-    constexpr services::program_help help = {
-        "oka-tipc-key", "[--check] FILE",
+    services::command command = {
+        "oka-tipc-key",
+        "[--check] FILE",
         "oka-tipc-key gives the kernel the key of the TIPC cluster, from a file.",
-        "\nExit status: 0 done; 1 the file holds no key, or the kernel takes none; 2 wrong command line.\n"};
-    std::vector<services::option> options = {
-        {"check", nullptr, "say whether the file holds a key, and exit"},
-    };
-    std::vector<std::string> operands;
-    std::vector<const char*> arguments(argv + (argc > 0), argv + argc);
-    if (auto answer = services::read_options(help, arguments, options, operands))
-        return services::give(*answer);
-    if (operands.size() != 1)
-        return services::give(services::refusal(help.program, "one file is needed"));
+        "\nExit status: 0 done; 1 the file has no key, or the kernel refuses it; 2 wrong command line.\n",
+        {{"check", nullptr, "say whether the file has a key, and exit"}},
+        1};
+    if (auto answer = command.read(services::arguments_of(argc, argv)))
+        return services::write_answer(*answer);
+    if (command.operands.empty())
+        return services::write_answer(command.refuse("one file is needed"));
     services::tipc_key key;
     std::string error;
-    if (!services::read_tipc_key(operands[0].c_str(), key, error))
+    if (!services::read_tipc_key(command.operands[0].c_str(), key, error))
         return complain(error);
-    return options[0].given() ? 0 : set_key(key);
+    return command.get("check").given() ? 0 : set_key(key);
 }

@@ -10,7 +10,7 @@ namespace oxpcsi {
 
 namespace {
 
-// The name is what an interface is known by; without one a message tells nothing.
+// Interfaces are known by their names, so a message without one is useless.
 int read_attribute(const nlattr* attribute, void* context) {
     auto& event = *static_cast<link_event*>(context);
     switch (mnl_attr_get_type(attribute)) {
@@ -31,8 +31,8 @@ bool parse_link(const nlmsghdr* message, link_event_type type, void (*handle)(co
     if (mnl_nlmsg_get_payload_len(message) < sizeof(ifinfomsg))
         return false;
     const auto* link = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(message));
-    // Another family's message tells of that family's part of an interface: a bridge's "deleted" means that
-    // the interface left the bridge.
+    // A message of another family is about that family's part of an interface: "deleted" of a bridge means
+    // that the interface left the bridge.
     if (link->ifi_family != AF_UNSPEC)
         return true;
     link_event event = {};
@@ -52,7 +52,8 @@ void report(link_event_type type, void (*handle)(const link_event&), int error =
     handle(event);
 }
 
-// Both ends of an answer may begin with a negative errno value; 0, or nothing at all, means success.
+// Both kinds of messages that end an answer may begin with a negative errno value. 0, or no value, means
+// success.
 bool parse_end(const nlmsghdr* message, void (*handle)(const link_event&)) {
     constexpr int largest_errno = 4095;
     int status = 0;
@@ -70,7 +71,7 @@ bool parse_end(const nlmsghdr* message, void (*handle)(const link_event&)) {
 }
 
 bool parse_message(const nlmsghdr* message, void (*handle)(const link_event&)) {
-    // The kernel sets the flag on the first message that may be out of step, not on all that follow.
+    // The kernel sets the flag only in the first message after the interruption.
     if (message->nlmsg_flags & NLM_F_DUMP_INTR)
         report(link_event_type::interrupted, handle);
     switch (message->nlmsg_type) {
@@ -89,7 +90,7 @@ bool parse_message(const nlmsghdr* message, void (*handle)(const link_event&)) {
     }
 }
 
-// libmnl takes a length that has the highest bit for a negative one, which fits into anything.
+// libmnl reads a length with the highest bit as a negative one, which seems to fit into any buffer.
 bool is_whole(const nlmsghdr* message, int left) {
     return mnl_nlmsg_ok(message, left) && message->nlmsg_len <= static_cast<uint32_t>(left);
 }
@@ -106,7 +107,7 @@ bool parse_link_messages(const void* datagram, size_t size, void (*handle)(const
             return false;
         message = mnl_nlmsg_next(message, &left);
     }
-    // The padding of the last message may be missing, which leaves less than nothing.
+    // The padding of the last message may be missing; then the remaining length is negative.
     return left <= 0;
 }
 

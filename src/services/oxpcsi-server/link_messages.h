@@ -1,5 +1,5 @@
-// What the kernel says about network interfaces, from the bytes of a netlink datagram. Knows neither sockets
-// nor ports, so that any bytes can be tried on it.
+// Reads what a netlink datagram says about network interfaces. It knows no sockets and no ports, so that
+// tests can give it any bytes.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ enum class link_event_type {
     present,     // an interface exists and is as described
     gone,        // an interface was deleted, or left this network namespace
     all_told,    // the end of the answer to a request for all interfaces
-    interrupted, // interfaces changed while they were told, and one may be missing
+    interrupted, // interfaces changed during the answer, and one may be missing
     refused,     // the request for all interfaces failed
     overrun,     // messages were lost
 };
@@ -25,9 +25,9 @@ struct link_event {
     int error;              // refused: an errno value
 };
 
-// Calls `handle` for every message of a datagram that says something about an interface, in their order, and
-// passes over those that do not. False when bytes are left over that are no whole message, or a message is
-// too short for its type; what came before them has been handled then. `datagram` is aligned to 4 bytes.
+// Calls `handle` for each message of a datagram that is about an interface, in their order, and skips the
+// others. False when the last bytes are not a whole message, or a message is too short for its type; the
+// messages before have been handled then. `datagram` is aligned to 4 bytes.
 [[nodiscard]] bool parse_link_messages(const void* datagram, size_t size, void (*handle)(const link_event&));
 
 } // namespace oxpcsi

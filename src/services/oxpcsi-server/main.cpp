@@ -2,8 +2,7 @@
 
 int main(int argc, char** argv) {
     oxpcsi::settings chosen;
-    if (auto answer =
-            oxpcsi::read_command_line({argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0)}, chosen))
-        return services::give(*answer);
+    if (auto answer = oxpcsi::read_command_line(services::arguments_of(argc, argv), chosen))
+        return services::write_answer(*answer);
     return oxpcsi::run(chosen);
 }

@@ -24,11 +24,11 @@ struct {
 
 // --- The command line.
 
-constexpr services::program_help help = {
-    program, "[--port NAME=INTERFACE]...",
+constexpr char purpose[] =
     "The port control service of a plain Linux node. Tells its clients which Ethernet ports the node\n"
     "has for links between units, and every change of their interfaces. Interfaces are followed by\n"
-    "name in the network namespace of the process; they need not exist yet.",
+    "name in the network namespace of the process; they need not exist yet.";
+constexpr char more_help[] =
     "\n"
     "Environment:\n"
     "  OXHAL_PORTS  the ports without --port, as qel-tavu has them: \"DiPort_A1=eth1:sec-a1\" is "
@@ -40,7 +40,7 @@ constexpr services::program_help help = {
     "Exit status: 0 asked to end; 1 it cannot serve; 2 wrong command line.\n"
     "\n"
     "Example:\n"
-    "  oxpcsi-server --port IDL_A1=eth1 --port IDL_B1=eth2\n"};
+    "  oxpcsi-server --port IDL_A1=eth1 --port IDL_B1=eth2\n";
 
 // Adds a port to the settings; otherwise says what is wrong with it.
 std::string add_port(const std::string& value, settings& parsed) {
@@ -69,7 +69,7 @@ std::string add_port(const std::string& value, settings& parsed) {
     return "";
 }
 
-// Without --port the ports are those that the daemon secures, so that they need to be written only once.
+// Without a port on the command line the ports are those that the daemon secures, which OXHAL_PORTS names.
 std::string add_hardware_ports(settings& parsed) {
     const char* text = getenv("OXHAL_PORTS");
     if (!text || !*text)
@@ -99,7 +99,7 @@ void handle_port_changed(size_t port, const port_facts& facts) {
     self.serving &= port_control_server_update(port, facts);
 }
 
-// Clients find a server that knows what it is asked.
+// The server is published only now, so that it can answer all questions of its clients.
 void handle_all_known() {
     self.serving &= port_control_server_start(self.root);
 }
@@ -117,7 +117,7 @@ bool start(oka_mailbox root) {
 
 bool handle(const oka_message* message) {
     if (!port_facts_dispatch_message(message) && !port_control_server_dispatch_message(message))
-        TRACE_ERROR("OXPCSI: Message 0x%x from mailbox %u is for nobody; dropped", message->number,
+        TRACE_ERROR("OXPCSI: Message 0x%x from mailbox %u is not known; dropped", message->number,
                     oka_sender(message));
     return self.serving;
 }
@@ -129,29 +129,30 @@ void stop() {
 
 } // namespace
 
-std::optional<services::immediate_answer> read_command_line(std::span<const char* const> arguments,
+std::optional<services::immediate_answer> read_command_line(services::argument_list arguments,
                                                             settings& parsed) {
-    std::vector<services::option> options = {
-        {"port", "NAME=INTERFACE", "a port's name and its network interface; once for each port", true},
+    services::command command = {
+        program,
+        "[--port NAME=INTERFACE]...",
+        purpose,
+        more_help,
+        {{"port", "NAME=INTERFACE", "a port's name and its network interface; once for each port", true}},
     };
-    std::vector<std::string> operands;
     parsed = {};
-    if (auto answer = services::read_options(help, arguments, options, operands))
+    if (auto answer = command.read(arguments))
         return answer;
-    if (!operands.empty())
-        return services::refusal(program, "unexpected argument '" + operands[0] + "'");
-    const services::option& port = options[0];
+    const services::option& port = command.get("port");
     std::string error = port.given() ? "" : add_hardware_ports(parsed);
     for (size_t i = 0; error.empty() && i < port.values.size(); i++)
         error = add_port(port.values[i], parsed);
     if (!error.empty())
-        return services::refusal(program, error);
+        return command.refuse(error);
     return std::nullopt;
 }
 
 int run(const settings& chosen) {
     self.chosen = &chosen;
-    return services::run_service({program, root_mailbox_name, start, handle, stop});
+    return services::exit_status_of(services::run_service({program, root_mailbox_name, start, handle, stop}));
 }
 
 } // namespace oxpcsi

@@ -1,4 +1,4 @@
-// What oxpcsi-server was asked to do, and the service around its server and its facts.
+// The program oxpcsi-server: its command line, and the service that it runs.
 #pragma once
 
 #include "services/common/options.h"
@@ -12,8 +12,8 @@ struct settings {
     size_t port_count;
 };
 
-// Nothing when the service is to run with the settings; otherwise what is answered at once.
-std::optional<services::immediate_answer> read_command_line(std::span<const char* const> arguments,
+// Returns nothing when the service is to run with the settings, otherwise the answer to the command line.
+std::optional<services::immediate_answer> read_command_line(services::argument_list arguments,
                                                             settings& parsed);
 
 // Returns the exit status.

@@ -21,8 +21,8 @@ struct port {
 
 struct client {
     oka_mailbox mailbox;
-    uint32_t own_reference; // the client's choice: every message to it carries it
-    uint32_t reference;     // given by this server: every request carries it
+    uint32_t own_reference; // chosen by the client; in every message to it
+    uint32_t reference;     // chosen by this server; in every request
     oka_monitor_ref monitor;
     bool knows_addresses;
 };
@@ -50,9 +50,9 @@ struct {
     uint32_t last_subscription_reference;
 } self;
 
-// --- What is sent.
+// --- Sending.
 
-// Where an answer or an indication goes, and the references that it carries.
+// The receiver of an answer or an indication, and the references in it.
 struct address {
     oka_mailbox mailbox;
     uint32_t procedure_reference;
@@ -165,7 +165,7 @@ client* admit(oka_mailbox mailbox, uint32_t own_reference) {
     return admitted;
 }
 
-// --- What is received. Only the first words of a request are read before its size is known.
+// --- Receiving. Before the size of a request is known, only its first words are read.
 
 bool has_size(const oka_message* message, uint32_t size, bool exactly = true) {
     uint32_t actual = oka_size(message);
@@ -189,7 +189,7 @@ client* find_client(oka_mailbox mailbox, uint32_t reference) {
     });
 }
 
-// The client whose request this is, or null after an error trace.
+// The client that sent the request; null, after an error trace, if it is not known.
 client* accept_request(const oka_message* request, uint32_t size, bool exactly) {
     if (!has_size(request, size, exactly))
         return nullptr;
@@ -226,7 +226,7 @@ void handle_init_service_req(const oka_message* message) {
 
     outgoing<oxpcsi_init_service_cfm> confirmation(OXPCSI_INIT_SERVICE_CFM);
     confirmation->pv_selected = oxpcsi_protocol_version;
-    // The one message whose connection reference is the server's.
+    // This is the only message with a connection reference that the server chose.
     send({sender.mailbox, sender.procedure_reference, admitted->reference}, confirmation);
 }
 
@@ -247,8 +247,8 @@ void handle_get_eth_port_support_req(const oka_message* message) {
     send_ports(answer_to(message, *from));
 }
 
-// Null, with the reason, when the request asks for what cannot be subscribed to. A role that no port has is
-// a role still: there is nothing to indicate.
+// Null, with the reason, when the request cannot be granted. A role that no port has can be subscribed to;
+// then there is nothing to indicate.
 bool is_subscribable(const oxpcsi_subscribe_eth_port_status_req& request, const client& from,
                      oxpcsi_reject_reason& reason) {
     constexpr uint32_t known_roles = OXPCSI_PORT_ROLE_IDL | OXPCSI_PORT_ROLE_E5 | OXPCSI_PORT_ROLE_C2;
@@ -298,7 +298,7 @@ void handle_subscribe_eth_port_status_req(const oka_message* message) {
     }
 }
 
-// Which subscription is meant is not told by anything in the header, so it ends all that the client has.
+// No field of the header says which subscription is meant, so all of the client end.
 void handle_unsubscribe_eth_port_status_req(const oka_message* message) {
     const client* from = accept_request(message, sizeof(message_header), false);
     if (!from)

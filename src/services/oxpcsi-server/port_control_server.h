@@ -1,11 +1,11 @@
-// The server's side of the port control protocol: answers clients, and indicates to subscribers what becomes
-// of the node's ports. Where the facts come from is its owner's business.
+// The server's side of the port control protocol: answers clients, and indicates changes of the node's ports
+// to subscribers. Its owner gives it the facts of the ports.
 //
-// A client is known by its mailbox and the connection reference that it chose; it is given one that its
-// later requests carry, and is forgotten when it terminates or its mailbox is gone. The protocol can indicate
-// a port's states but not its address, of which clients make lasting identifiers: when an address changes
-// that a client was told, the server's mailbox is made anew, and clients start over as with a server that
-// was restarted.
+// A client is identified by its mailbox and the connection reference that it chose. It is given a second
+// reference, which its later requests contain, and is removed when it terminates or its mailbox is gone. The
+// protocol can indicate a port's states but not its address, from which clients derive lasting identifiers.
+// Therefore, when an address changes that a client was told, the server deletes its mailbox and creates it
+// again, and the clients start again as if the server had been restarted.
 #pragma once
 
 #include "protocols/oxpcsi_messages.h"
@@ -22,15 +22,15 @@ struct port_setting {
     char interface[16];
 };
 
-// Takes the ports, all of which carry inter-unit links, and the network namespace that they are in.
+// The ports, each of which carries links between units, and their network namespace.
 void port_control_server_init(const port_setting* ports, size_t count, const char* name_space);
 
-// Begins to serve, at a mailbox cloned from `root`. False, after an error trace, when the name is taken.
+// Begins to serve, with a mailbox cloned from `root`. False, after an error trace, when the name is taken.
 [[nodiscard]] bool port_control_server_start(oka_mailbox root);
 void port_control_server_stop();
 
-// The port's facts are these from now on; before or after the start. False when the server had to make its
-// mailbox anew and could not: it does not serve any more.
+// Sets the port's facts; called before the start too. False when the server had to create its mailbox again
+// and could not. Then it serves no longer.
 [[nodiscard]] bool port_control_server_update(size_t port, const port_facts& facts);
 
 // True when the message was for the server's mailbox.

@@ -26,7 +26,7 @@ namespace oxpcsi {
 namespace {
 
 constexpr uint32_t read_again_period_ms = 1000;
-// Clients are served between two turns of reading, however much the kernel has to say.
+// Bounds one turn of reading, so that clients are served in between however many messages the kernel sends.
 constexpr int datagrams_per_turn = 32;
 
 struct followed_port {
@@ -43,16 +43,16 @@ struct {
     followed_port ports[ports_max];
     size_t count;
     bool reading_all; // the answer to a request for all interfaces is not complete
-    bool out_of_step; // it must be asked for anew when it is
+    bool out_of_step; // the request must be sent again when it is complete
     bool all_known;
 } self;
 
-// An interface is described in far less, and the kernel packs no more than half of this together.
+// The kernel sends at most half of this in one datagram, and describes an interface in far less.
 alignas(NLMSG_ALIGNTO) char datagram[65536];
 
-// What the driver says the link runs at. The interface may be gone already, or have no such notion.
+// The speed that the driver reports, or 0: the interface may be gone already, or have no speed.
 uint32_t line_rate_of(const char* name) {
-    // The settings, then three masks of as many words as the kernel says.
+    // The settings, and after them three masks. The kernel tells how many words each has.
     alignas(ethtool_link_settings) char
         answer[sizeof(ethtool_link_settings) + size_t{3} * INT8_MAX * sizeof(uint32_t)] = {};
     auto& settings = *reinterpret_cast<ethtool_link_settings*>(answer);
@@ -60,7 +60,7 @@ uint32_t line_rate_of(const char* name) {
     strncpy(request.ifr_name, name, sizeof request.ifr_name - 1);
     request.ifr_data = answer;
 
-    // The first call asks with no room for masks, and is told the words of one as a negative number.
+    // The first call leaves no room for masks, so the kernel answers with the number of words, negated.
     for (bool sized : {false, true}) {
         settings.cmd = ETHTOOL_GLINKSETTINGS;
         settings.link_mode_masks_nwords = static_cast<int8_t>(-settings.link_mode_masks_nwords);
@@ -93,8 +93,8 @@ void handle_present(const link_event& event) {
             port_facts facts = {};
             facts.present = true;
             facts.unlocked = event.flags & IFF_UP;
-            // The kernel's own summary: running is operationally up, also where a driver keeps no
-            // operational state, and lower up is the carrier.
+            // "Running" means operationally up, even if the driver has no operational state. "Lower up"
+            // means carrier.
             facts.enabled = facts.unlocked && (event.flags & IFF_RUNNING) && (event.flags & IFF_LOWER_UP);
             facts.line_rate = line_rate_of(port.name);
             facts.index = event.index;
@@ -120,8 +120,8 @@ void start_read_again_timer() {
     self.read_again_timer = oka_timer_request_sig(read_again_period_ms, &timeout);
 }
 
-// Asks for all interfaces. The answer comes through the socket that changes come through, each in the order
-// in which it became true, so neither can undo the other.
+// Asks for all interfaces. The answer and the changes come through the same socket in the order in which they
+// became true, so an old answer cannot overwrite a newer change.
 void read_all() {
     if (self.reading_all) {
         self.out_of_step = true;
@@ -207,7 +207,7 @@ bool read_datagram() {
             TRACE_ERROR("OXPCSI: Reading from netlink failed: %s", strerror(errno));
         return errno == EINTR;
     }
-    // Any process may write to the socket, but only the kernel as 0.
+    // Any process may write to the socket. Only the kernel has the sender 0.
     if (from_size != sizeof from || from.nl_pid != 0) {
         TRACE_ERROR("OXPCSI: A netlink message of process %u is not the kernel's; dropped", from.nl_pid);
         return true;

@@ -1,6 +1,6 @@
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-
 #include <unistd.h>
 
 #include "services/common/service.h"
@@ -11,11 +11,15 @@ namespace {
 
 using namespace tavuctl;
 
+struct {
+    command_line line;
+    bool is_output_lost = false;
+} self;
+
 void write_to(FILE* stream, const std::string& text) {
     fwrite(text.data(), 1, text.size(), stream);
-    // Nobody reads any more: a watch would go on for ever.
     if (fflush(stream) != 0)
-        exit(EXIT_STATUS_FAILED);
+        self.is_output_lost = true;
 }
 
 void write_output(const std::string& text) {
@@ -25,16 +29,16 @@ void write_error(const std::string& text) {
     write_to(stderr, text);
 }
 
-int check(const char* path) {
-    services::unit_configuration configuration = services::read_unit_configuration(path);
+int check() {
+    services::unit_configuration configuration = services::read_unit_configuration(self.line.path.c_str());
     for (const std::string& error : configuration.errors)
         write_error(error + "\n");
     if (configuration.is_good())
-        write_output(std::string(path) + ": good\n");
+        write_output(self.line.path + ": good\n");
     return configuration.is_good() ? EXIT_STATUS_DONE : EXIT_STATUS_FAILED;
 }
 
-// Who does not say which unit is meant, means the one that this host is configured to be.
+// Unless the environment names a unit, it is the one of this host's configuration.
 void take_configured_unit() {
     if (getenv("OKA_DIR") || getenv("OKA_UNIT"))
         return;
@@ -45,48 +49,50 @@ void take_configured_unit() {
     }
 }
 
-int converse(const command_line& line) {
-    // Only what a person can use is said; the services' traces appear when they are asked for.
+bool start(oka_mailbox mailbox) {
+    const session_callbacks callbacks = {write_output, write_error, isatty(STDOUT_FILENO) == 1};
+    session_start(mailbox, self.line, &callbacks);
+    return true;
+}
+
+// A watch ends when nobody reads its output any more.
+bool handle(const oka_message* message) {
+    session_dispatch_message(message);
+    return session_get_state() != SESSION_STATE_DONE && !self.is_output_lost;
+}
+
+int converse() {
+    signal(SIGPIPE, SIG_IGN); // writing fails instead
+    // The traces are for a developer, who asks for them; a person gets errors only.
     setenv("ZEB_TRACE", "error", 0);
     take_configured_unit();
-    if (!services::start_platform("tavuctl")) {
-        write_error("tavuctl: the messaging service cannot be used; see the reason above, and whether this "
-                    "user may use the directory that OKA_DIR names\n");
+    std::string mailbox = "tavuctl-" + std::to_string(getpid());
+    switch (services::run_service({"tavuctl", mailbox.c_str(), start, handle, session_stop})) {
+    case services::service_end::not_started:
+        write_error("tavuctl: the messaging service cannot be used; see the reason above, and check OKA_DIR, "
+                    "OKA_UNIT and this user's rights there\n");
         return EXIT_STATUS_UNREACHABLE;
+    case services::service_end::asked:
+        return self.line.wanted == action::watch ? EXIT_STATUS_DONE : EXIT_STATUS_FAILED;
+    case services::service_end::by_itself:
+        break;
     }
-    std::string name = "tavuctl-" + std::to_string(getpid());
-    oka_mailbox mailbox = oka_create_mailbox(name.c_str(), 0);
-    if (mailbox == OKA_MAILBOX_NONE) {
-        write_error("tavuctl: the unit's directory cannot be written; check OKA_DIR, OKA_UNIT and this "
-                    "user's rights there\n");
-        return EXIT_STATUS_UNREACHABLE;
-    }
-    session_callbacks callbacks = {write_output, write_error, isatty(STDOUT_FILENO) == 1};
-    session_start(mailbox, line, &callbacks);
-    while (session_get_state() != SESSION_STATE_DONE) {
-        oka_message* message = oka_receive(nullptr, OKA_WAIT_FOREVER, OKA_ANY_SENDER);
-        if (!message) // interrupted
-            return line.wanted == action::WATCH ? EXIT_STATUS_DONE : EXIT_STATUS_FAILED;
-        session_dispatch_message(message);
-        oka_free(&message);
-    }
-    oka_exit();
-    return session_exit_status();
+    return self.is_output_lost ? EXIT_STATUS_FAILED : session_exit_status();
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    command_line line = read_command_line({argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0)});
-    switch (line.wanted) {
-    case action::ANSWER:
-        return services::give(line.answer);
-    case action::CHECK:
-        return check(line.path.c_str());
-    case action::STATUS:
-    case action::WATCH:
-    case action::LINK_SET:
+    self.line = read_command_line(services::arguments_of(argc, argv));
+    switch (self.line.wanted) {
+    case action::answer:
+        return services::write_answer(self.line.answer);
+    case action::check:
+        return check();
+    case action::status:
+    case action::watch:
+    case action::link_set:
         break;
     }
-    return converse(line);
+    return converse();
 }

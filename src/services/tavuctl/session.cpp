@@ -6,7 +6,7 @@
 #include "platform/oka_clock.h"
 #include "protocols/message_numbers.h"
 #include "services/common/one_shot.h"
-#include "services/tavuctl/picture.h"
+#include "services/tavuctl/snapshot.h"
 
 namespace tavuctl {
 
@@ -15,7 +15,7 @@ namespace {
 using namespace tavu;
 using namespace services;
 
-// A manager that runs is found at once; this is for one that is just being restarted.
+// A manager that runs is found at once. The wait is for one that is being restarted.
 constexpr uint32_t locate_timeout_ms = 2000;
 constexpr uint32_t redraw_ms = 1000;
 
@@ -28,7 +28,7 @@ struct {
     oka_mailbox manager = OKA_MAILBOX_NONE;
     oka_monitor_ref monitor = 0;
     uint32_t procedure_reference = 0;
-    std::optional<picture> shown; // by a watch
+    std::optional<snapshot> shown; // by a watch
     uint64_t shown_at_ms = 0;
     one_shot timeout{TIMEOUT_IND};
     one_shot redraw{REDRAW_IND};
@@ -47,13 +47,13 @@ void finish(exit_status status) {
     self.state = SESSION_STATE_DONE;
 }
 
-void fail(exit_status status, const std::string& words) {
-    self.callbacks.handle_error("tavuctl: " + words + "\n");
+void fail(exit_status status, const std::string& why) {
+    self.callbacks.handle_error("tavuctl: " + why + "\n");
     finish(status);
 }
 
-// Where the manager was looked for, as the messaging service's variables say.
-std::string place() {
+// Where the manager was looked for: the directory of the messaging service, and the unit.
+std::string searched_place() {
     const char* directory = getenv("OKA_DIR");
     const char* unit = getenv("OKA_UNIT");
     return std::string(directory && *directory ? directory : "/run/oka") + (unit && *unit ? "/" : "") +
@@ -68,13 +68,13 @@ void locate() {
 
 uint32_t request_number() {
     switch (self.command.wanted) {
-    case action::WATCH:
+    case action::watch:
         return TOPOLOGY_WATCH_REQ;
-    case action::LINK_SET:
+    case action::link_set:
         return TOPOLOGY_LINK_SET_REQ;
-    case action::STATUS:
-    case action::CHECK:
-    case action::ANSWER:
+    case action::status:
+    case action::check:
+    case action::answer:
         break;
     }
     return TOPOLOGY_STATUS_REQ;
@@ -93,7 +93,7 @@ void send_request() {
     self.procedure_reference++;
     self.state = SESSION_STATE_ASKING;
     self.timeout.arm(self.command.timeout_ms);
-    if (self.command.wanted == action::LINK_SET) {
+    if (self.command.wanted == action::link_set) {
         send_link_set_req();
         return;
     }
@@ -116,26 +116,26 @@ void handle_manager_down_ind() {
     self.monitor = 0;
     self.manager = OKA_MAILBOX_NONE;
     if (self.state == SESSION_STATE_WATCHING) {
-        self.callbacks.handle_error("tavuctl: idl-topologyd went away; waiting for it\n");
+        self.callbacks.handle_error("tavuctl: idl-topologyd ended; waiting for it\n");
         self.redraw.stop();
         locate();
     } else {
         fail(EXIT_STATUS_UNREACHABLE,
-             "idl-topologyd went away before it answered; see its traces, and try again");
+             "idl-topologyd ended before it answered; see its traces, and try again");
     }
 }
 
 void handle_timeout() {
     if (self.state == SESSION_STATE_LOCATING)
-        fail(EXIT_STATUS_UNREACHABLE, "no topology manager answers at " + place() +
+        fail(EXIT_STATUS_UNREACHABLE, "no topology manager answers at " + searched_place() +
                                           "; is idl-topologyd running, and is OKA_DIR / OKA_UNIT the one it "
                                           "uses?");
-    else if (self.command.wanted == action::LINK_SET)
+    else if (self.command.wanted == action::link_set)
         fail(EXIT_STATUS_UNCONFIRMED, "qel-tavu has not confirmed within " +
                                           show_duration(self.command.timeout_ms) +
                                           "; the setting is kept, tavuctl status shows what it waits for");
     else
-        fail(EXIT_STATUS_UNREACHABLE, "idl-topologyd at " + place() + " did not answer within " +
+        fail(EXIT_STATUS_UNREACHABLE, "idl-topologyd at " + searched_place() + " did not answer within " +
                                           show_duration(self.command.timeout_ms));
 }
 
@@ -145,8 +145,8 @@ void redraw() {
     self.redraw.arm(redraw_ms);
 }
 
-void show_watched(const picture& now) {
-    std::optional<picture> before = self.shown;
+void show_watched(const snapshot& now) {
+    std::optional<snapshot> before = self.shown;
     self.shown = now;
     self.shown_at_ms = now_ms();
     if (self.command.json)
@@ -160,13 +160,13 @@ void show_watched(const picture& now) {
 }
 
 void handle_snapshot(const oka_message* message) {
-    std::optional<picture> arrived = read_picture(message);
+    std::optional<snapshot> arrived = read_snapshot(message);
     if (!arrived) {
-        fail(EXIT_STATUS_FAILED, "idl-topologyd sent an answer that makes no sense; is it of this version?");
+        fail(EXIT_STATUS_FAILED, "idl-topologyd sent an answer that cannot be read; is it of this version?");
         return;
     }
     self.timeout.stop();
-    if (self.command.wanted == action::WATCH) {
+    if (self.command.wanted == action::watch) {
         self.state = SESSION_STATE_WATCHING;
         show_watched(*arrived);
         return;
@@ -178,7 +178,7 @@ void handle_snapshot(const oka_message* message) {
 void handle_link_set_cfm(const oka_message* message) {
     const auto* cfm = view<topology_link_set_cfm>(message);
     if (!cfm || !is_well_formed(cfm->link)) {
-        fail(EXIT_STATUS_FAILED, "idl-topologyd sent an answer that makes no sense; is it of this version?");
+        fail(EXIT_STATUS_FAILED, "idl-topologyd sent an answer that cannot be read; is it of this version?");
         return;
     }
     self.callbacks.handle_output(show_link(cfm->link));
@@ -190,8 +190,8 @@ void handle_rej(const oka_message* message) {
     fail(EXIT_STATUS_FAILED, rej ? rej->words.printable().octets : "idl-topologyd refused without a reason");
 }
 
-// An answer to our present request, from the manager that we asked.
-bool is_ours(const oka_message* message) {
+// Whether this is an answer to the latest request, from the manager that was asked.
+bool is_awaited(const oka_message* message) {
     if (oka_sender(message) != self.manager || oka_size(message) < sizeof(message_header))
         return false;
     if (as<message_header>(message).procedure_reference != self.procedure_reference)
@@ -200,12 +200,12 @@ bool is_ours(const oka_message* message) {
 }
 
 void handle_answer(const oka_message* message) {
-    if (!is_ours(message))
+    if (!is_awaited(message))
         return;
-    bool is_watch = self.command.wanted == action::WATCH;
+    bool is_watch = self.command.wanted == action::watch;
     if (message->number == request_number() + 2)
         handle_rej(message);
-    else if (message->number == TOPOLOGY_LINK_SET_CFM && self.command.wanted == action::LINK_SET)
+    else if (message->number == TOPOLOGY_LINK_SET_CFM && self.command.wanted == action::link_set)
         handle_link_set_cfm(message);
     else if (message->number == (is_watch ? TOPOLOGY_WATCH_CFM : TOPOLOGY_STATUS_CFM) ||
              (is_watch && message->number == TOPOLOGY_WATCH_IND))
@@ -221,6 +221,10 @@ void session_start(oka_mailbox mailbox, const command_line& command, const sessi
     self.shown.reset();
     locate();
     self.timeout.arm(std::min(locate_timeout_ms, command.timeout_ms));
+}
+
+void session_stop() {
+    finish(self.status);
 }
 
 void session_dispatch_message(const oka_message* message) {

@@ -1,4 +1,4 @@
-// One conversation with the topology manager: finds it, puts the command to it, and says what came of it.
+// One conversation with the topology manager: finds it, sends the request, and shows the answer.
 #pragma once
 
 #include <string>
@@ -18,11 +18,13 @@ struct session_callbacks {
     // For standard output and standard error. Whole lines.
     void (*handle_output)(const std::string& text);
     void (*handle_error)(const std::string& text);
-    // Whether a watch redraws a screen; otherwise it writes a line for every change.
+    // Whether a watch redraws the screen. Otherwise it writes a line for every change.
     bool has_screen;
 };
 
 void session_start(oka_mailbox mailbox, const command_line& command, const session_callbacks* callbacks);
+// Gives up what it waits for.
+void session_stop();
 // Reads the message; the caller frees it.
 void session_dispatch_message(const oka_message* message);
 

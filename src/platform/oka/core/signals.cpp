@@ -20,22 +20,22 @@ struct {
     bool has_come = false;
 } self;
 
-// Taken from the kernel, or it would strike when the signals are let through again.
-void take_signal(void*, uint32_t) {
-    signalfd_siginfo taken;
-    while (read(self.watched.fd, &taken, sizeof taken) == sizeof taken)
+// A signal that is not read here would end the process when the signals are no longer blocked.
+void read_signals(void*, uint32_t) {
+    signalfd_siginfo signal;
+    while (read(self.watched.fd, &signal, sizeof signal) == sizeof signal)
         self.has_come = true;
 }
 
 } // namespace
 
 bool watch_signals() {
-    sigset_t asking;
-    sigemptyset(&asking);
-    sigaddset(&asking, SIGTERM);
-    sigaddset(&asking, SIGINT);
+    sigset_t end_signals;
+    sigemptyset(&end_signals);
+    sigaddset(&end_signals, SIGTERM);
+    sigaddset(&end_signals, SIGINT);
     self.has_come = false;
-    self.watched = {signalfd(-1, &asking, SFD_CLOEXEC | SFD_NONBLOCK), take_signal, nullptr};
+    self.watched = {signalfd(-1, &end_signals, SFD_CLOEXEC | SFD_NONBLOCK), read_signals, nullptr};
     if (self.watched.fd < 0 || !watch(self.watched, EPOLLIN)) {
         OKA_ERROR("OKA: Signals cannot be watched: %s", strerror(errno));
         if (self.watched.fd >= 0)
@@ -43,7 +43,7 @@ bool watch_signals() {
         self.watched.fd = -1;
         return false;
     }
-    sigprocmask(SIG_BLOCK, &asking, &self.before);
+    sigprocmask(SIG_BLOCK, &end_signals, &self.before);
     return true;
 }
 

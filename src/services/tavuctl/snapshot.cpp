@@ -1,4 +1,4 @@
-#include "services/tavuctl/picture.h"
+#include "services/tavuctl/snapshot.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -78,7 +78,7 @@ std::string show_answer(const topology_link& link, uint64_t elapsed_ms) {
     return words;
 }
 
-// What keeps the link from being secured: "wrong at mp7 for 3.2 s: what it is; what to do".
+// Why the link is not secured: "wrong at mp7 for 3.2 s: what it is; what to do".
 std::string show_fault(const topology_link& link, uint64_t elapsed_ms) {
     if (link.fault == TOPOLOGY_FAULT_NONE)
         return "";
@@ -125,7 +125,7 @@ std::string show_daemon(const topology_snapshot& head, uint64_t elapsed_ms) {
     return "unknown";
 }
 
-// Grows a JSON object or list; a value is given as the JSON text that it is.
+// Builds a JSON object. A value that is a string is JSON text already.
 class json {
   public:
     json& add(const char* key, const std::string& value) {
@@ -202,7 +202,7 @@ std::string link_as_json(const topology_link& link) {
         .object();
 }
 
-// Whether a reader would call it news; ages alone are none.
+// Ages do not count.
 bool differs(const topology_link& before, const topology_link& after) {
     return !(before.port == after.port) || !(before.remote_port == after.remote_port) ||
            before.remote_mpid != after.remote_mpid || before.status != after.status ||
@@ -213,7 +213,7 @@ bool differs(const topology_link& before, const topology_link& after) {
            before.fault_end != after.fault_end || !(before.words == after.words);
 }
 
-const topology_link* find_link(const picture& among, const port_name& port) {
+const topology_link* find_link(const snapshot& among, const port_name& port) {
     auto found = std::find_if(among.links.begin(), among.links.end(),
                               [&port](const topology_link& link) { return link.port == port; });
     return found == among.links.end() ? nullptr : &*found;
@@ -226,10 +226,10 @@ bool is_well_formed(const topology_link& link) {
            link.words.is_terminated();
 }
 
-std::optional<picture> read_picture(const oka_message* message) {
+std::optional<snapshot> read_snapshot(const oka_message* message) {
     if (oka_size(message) < sizeof(topology_snapshot))
         return std::nullopt;
-    picture read{as<topology_snapshot>(message), {}};
+    snapshot read{as<topology_snapshot>(message), {}};
     uint64_t size = sizeof(topology_snapshot) + uint64_t{read.head.link_count} * sizeof(topology_link);
     if (read.head.version != topology_protocol_version || oka_size(message) != size ||
         !read.head.links_file.is_terminated() || !read.head.file_error.is_terminated())
@@ -255,7 +255,7 @@ std::string show_duration(uint64_t ms) {
     return format("%llu d %llu h", ull{hours / 24}, ull{hours % 24});
 }
 
-std::string show_table(const picture& shown, uint64_t elapsed_ms) {
+std::string show_table(const snapshot& shown, uint64_t elapsed_ms) {
     std::string text = "qel-tavu:   " + show_daemon(shown.head, elapsed_ms) + "\n";
     if (shown.head.file_error.length() == 0)
         text += std::string("links file: ") + shown.head.links_file.c_str() + "\n\n";
@@ -280,7 +280,7 @@ std::string show_table(const picture& shown, uint64_t elapsed_ms) {
     return text;
 }
 
-std::string show_json(const picture& shown) {
+std::string show_json(const snapshot& shown) {
     std::string links;
     for (const topology_link& link : shown.links)
         links += (links.empty() ? "" : ",") + link_as_json(link);
@@ -309,7 +309,7 @@ std::string show_link(const topology_link& link) {
            "\n";
 }
 
-std::string show_changes(const picture& before, const picture& after) {
+std::string show_changes(const snapshot& before, const snapshot& after) {
     std::string text;
     if (before.head.daemon_state != after.head.daemon_state)
         text += "qel-tavu: " + show_daemon(after.head, 0) + "\n";
