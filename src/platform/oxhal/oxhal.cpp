@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
 #include "platform/oxhal/secy.h"
 #include "platform/zeb.h"
@@ -25,15 +24,18 @@ constexpr const driver* drivers[] = {OXHAL_DRIVERS(DRIVER)};
 #undef DRIVER
 
 const driver* driver_by_environment() {
-    const char* value = getenv("OXHAL_DRIVER");
-    const char* name = value && *value ? value : drivers[0]->name;
+    const char* name = getenv("OXHAL_DRIVER");
+    if (!name || !*name)
+        return drivers[0];
     char wrong[256];
-    if (!oxhal_check_driver(name, wrong, sizeof wrong)) {
-        OXHAL_ERROR("OXHAL_DRIVER: %s", wrong);
-        return nullptr;
+    if (oxhal_check_driver(name, wrong, sizeof wrong)) {
+        for (const driver* candidate : drivers) {
+            if (!strcmp(candidate->name, name))
+                return candidate;
+        }
     }
-    return *std::find_if(std::begin(drivers), std::end(drivers),
-                         [=](const driver* candidate) { return !strcmp(candidate->name, name); });
+    OXHAL_ERROR("OXHAL_DRIVER: %s", wrong);
+    return nullptr;
 }
 
 port* find_port(uint32_t handle) {
