@@ -58,7 +58,7 @@ int ensure_ingress(netlink& route, unsigned interface) {
     nlmsghdr* message = begin(route, RTM_NEWQDISC, NLM_F_CREATE | NLM_F_EXCL, interface, TC_H_CLSACT,
                               TC_H_MAKE(TC_H_CLSACT, 0), 0);
     mnl_attr_put_strz(message, TCA_KIND, "clsact");
-    int error = route.talk();
+    int error = route.transact();
     return error == EEXIST ? 0 : error;
 }
 
@@ -76,19 +76,19 @@ int add_filter(netlink& route, unsigned interface, const filter& which, const ch
     mnl_attr_nest_end(message, first);
     mnl_attr_nest_end(message, actions);
     mnl_attr_nest_end(message, options);
-    int error = route.talk();
+    int error = route.transact();
     return error == EEXIST ? 0 : error;
 }
 
 // An error means that there is none, which is what is wanted.
 void delete_filter(netlink& route, unsigned interface, const filter& which) {
     begin_filter(route, RTM_DELTFILTER, 0, interface, which);
-    (void)route.talk();
+    (void)route.transact();
 }
 
 } // namespace
 
-int direct_clear_frames(netlink& route, unsigned common_port, unsigned controlled_port, bool admit) {
+int set_clear_frame_filters(netlink& route, unsigned common_port, unsigned controlled_port, bool admit) {
     // One that is there may lead to a controlled port of earlier times.
     for (const filter& each : redirecting)
         delete_filter(route, common_port, each);
@@ -110,7 +110,7 @@ int direct_clear_frames(netlink& route, unsigned common_port, unsigned controlle
     return error;
 }
 
-void release_clear_frames(netlink& route, unsigned common_port) {
+void remove_clear_frame_filters(netlink& route, unsigned common_port) {
     for (const filter& each : redirecting)
         delete_filter(route, common_port, each);
     for (const filter& each : dropping)

@@ -9,9 +9,9 @@ namespace oxhal {
 // From now on IP and ARP frames that arrive in clear on the common port reach its user once, by the
 // controlled port, or (`admit` false) not at all. All else on the common port goes on as before.
 // Returns 0 or an errno value.
-int direct_clear_frames(netlink& route, unsigned common_port, unsigned controlled_port, bool admit);
+int set_clear_frame_filters(netlink& route, unsigned common_port, unsigned controlled_port, bool admit);
 
 // The common port's frames are its own again.
-void release_clear_frames(netlink& route, unsigned common_port);
+void remove_clear_frame_filters(netlink& route, unsigned common_port);
 
 } // namespace oxhal

@@ -20,7 +20,7 @@ namespace {
 using namespace oxhal;
 
 // An error trace with the kernel's reason, and the error itself to return.
-__attribute__((format(printf, 3, 4))) int failed(int error, const netlink& asked, const char* format, ...) {
+__attribute__((format(printf, 3, 4))) int failed(int error, const netlink& socket, const char* format, ...) {
     char what[160];
     va_list arguments;
     va_start(arguments, format);
@@ -29,13 +29,14 @@ __attribute__((format(printf, 3, 4))) int failed(int error, const netlink& asked
     const char* hint = error == EPERM       ? "; CAP_NET_ADMIN is needed"
                        : error == ETIMEDOUT ? "; the kernel does not answer"
                                             : "";
-    OXHAL_ERROR("%s: %s%s%s%s", what, strerror(error), *asked.why() ? ", " : "", asked.why(), hint);
+    OXHAL_ERROR("%s: %s%s%s%s", what, strerror(error), *socket.error_text() ? ", " : "", socket.error_text(),
+                hint);
     return error;
 }
 #define FAILED_ROUTE(error, ...) failed(error, kernel::route(), __VA_ARGS__)
 #define FAILED_GENERIC(error, ...) failed(error, kernel::generic(), __VA_ARGS__)
 
-bool same(const oxhal_macsec_sci& one, const oxhal_macsec_sci& other) {
+bool is_same(const oxhal_macsec_sci& one, const oxhal_macsec_sci& other) {
     return !memcmp(&one, &other, sizeof one);
 }
 
@@ -50,7 +51,7 @@ int remove_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an) 
 }
 
 // Takes away what an earlier process left in the controlled port.
-int sweep(const port& on) {
+int remove_leftovers(const port& on) {
     unsigned index = on.controlled_port_index;
     kernel::contents found;
     int error;
@@ -62,7 +63,7 @@ int sweep(const port& on) {
         }
         for (uint32_t i = 0; !error && i < found.receive_channels; ++i)
             error = kernel::delete_receive_channel(index, found.receive[i].sci);
-    } while (!error && found.receive_channels == kernel::most_channels);
+    } while (!error && found.receive_channels == kernel::max_channels);
     return error ? FAILED_GENERIC(error, "what was left in '%s' cannot be taken away", on.controlled_port)
                  : 0;
 }
@@ -89,9 +90,9 @@ int change_settings(const port& on, const settings& wanted) {
 }
 
 // A kernel that cannot do this still secures the link, so it is no reason to leave the port unsecured.
-void direct(const port& on, unsigned common_index, const settings& wanted) {
+void set_filters(const port& on, unsigned common_index, const settings& wanted) {
     bool admit = wanted.validate_frames != OXHAL_MACSEC_VALIDATE_FRAMES_STRICT;
-    int error = direct_clear_frames(kernel::route(), common_index, on.controlled_port_index, admit);
+    int error = set_clear_frame_filters(kernel::route(), common_index, on.controlled_port_index, admit);
     if (!error)
         return;
     FAILED_ROUTE(error,
@@ -100,7 +101,7 @@ void direct(const port& on, unsigned common_index, const settings& wanted) {
                  on.common_port, on.controlled_port);
     // A kernel that can drop but not redirect would leave the host without any: twice is better than never.
     if (admit)
-        release_clear_frames(kernel::route(), common_index);
+        remove_clear_frame_filters(kernel::route(), common_index);
 }
 
 // Finds the controlled port, or makes it; what is in its place without fitting is replaced.
@@ -119,7 +120,7 @@ int find_or_create(const port& on, const kernel::interface& common, bool& kept) 
                         on.name, on.controlled_port);
             return EEXIST;
         }
-        kept = controlled.lower == common.index && same(controlled.sci, sci);
+        kept = controlled.lower == common.index && is_same(controlled.sci, sci);
         error = kept ? 0 : delete_interface(on, controlled.index);
         if (kept || error)
             return error;
@@ -141,12 +142,12 @@ int place_controlled_port(port& on) {
     if (kept) {
         error = change_settings(on, on.wanted);
         if (!error)
-            error = sweep(on);
+            error = remove_leftovers(on);
     }
     if (error)
         on.controlled_port_index = 0;
     else
-        direct(on, common.index, on.wanted);
+        set_filters(on, common.index, on.wanted);
     return error;
 }
 
@@ -208,7 +209,7 @@ int disable(port& on) {
     if (error && error != ENODEV)
         return error;
     if (unsigned common = if_nametoindex(on.common_port))
-        release_clear_frames(kernel::route(), common);
+        remove_clear_frame_filters(kernel::route(), common);
     on.controlled_port_index = 0;
     return 0;
 }
@@ -231,7 +232,7 @@ int configure(port& on, const settings& wanted) {
         return 0; // kept for when it comes
     int error = change_settings(on, wanted);
     if (!error && wanted.validate_frames != on.wanted.validate_frames)
-        direct(on, if_nametoindex(on.common_port), wanted);
+        set_filters(on, if_nametoindex(on.common_port), wanted);
     return error;
 }
 
@@ -240,7 +241,7 @@ int create_transmit_channel(const port& on, const oxhal_macsec_sci& sci) {
     int error = kernel::find_interface(on.controlled_port, controlled);
     if (error)
         return FAILED_ROUTE(error, "'%s' cannot be read", on.controlled_port);
-    if (same(controlled.sci, sci))
+    if (is_same(controlled.sci, sci))
         return 0;
     OXHAL_ERROR("%s: the transmit channel's SCI is not that of '%s', which is the address of '%s' and port "
                 "identifier "
@@ -314,7 +315,7 @@ int read_in_use(const port& on, direction way, const channel& of, uint8_t an, bo
         return FAILED_GENERIC(error, "the associations of '%s' cannot be read", on.controlled_port);
     uint8_t active = way == direction::transmit && found.encoding_an == an ? found.transmit_active : 0;
     for (uint32_t i = 0; way == direction::receive && i < found.receive_channels; ++i) {
-        if (same(found.receive[i].sci, of.sci))
+        if (is_same(found.receive[i].sci, of.sci))
             active = found.receive[i].active;
     }
     *in_use = active & (1u << an);

@@ -34,7 +34,7 @@ nlmsghdr* begin_generic(uint16_t family, uint8_t command, uint8_t version, uint1
     return message;
 }
 
-void hear_interface(const nlmsghdr* message, void* context) {
+void read_interface(const nlmsghdr* message, void* context) {
     auto& found = *static_cast<interface*>(context);
     if (message->nlmsg_type != RTM_NEWLINK || mnl_nlmsg_get_payload_len(message) < sizeof(ifinfomsg))
         return;
@@ -77,14 +77,14 @@ void put_settings(nlmsghdr* message, const settings& wanted) {
 
 // Runs a request about a MACsec interface whose attributes `put` writes.
 template<class Put>
-int talk_link(nlmsghdr* message, Put put) {
+int transact_link(nlmsghdr* message, Put put) {
     nlattr* info = mnl_attr_nest_start(message, IFLA_LINKINFO);
     mnl_attr_put_strz(message, IFLA_INFO_KIND, "macsec");
     nlattr* data = mnl_attr_nest_start(message, IFLA_INFO_DATA);
     put(message);
     mnl_attr_nest_end(message, data);
     mnl_attr_nest_end(message, info);
-    return sockets.route.talk();
+    return sockets.route.transact();
 }
 
 nlmsghdr* begin_macsec(uint8_t command, unsigned index) {
@@ -93,20 +93,20 @@ nlmsghdr* begin_macsec(uint8_t command, unsigned index) {
     return message;
 }
 
-int talk_channel(unsigned index, uint8_t command, const oxhal_macsec_sci& sci) {
+int transact_channel(unsigned index, uint8_t command, const oxhal_macsec_sci& sci) {
     nlmsghdr* message = begin_macsec(command, index);
     nlattr* nest = mnl_attr_nest_start(message, MACSEC_ATTR_RXSC_CONFIG);
     mnl_attr_put(message, MACSEC_RXSC_ATTR_SCI, sizeof sci, &sci);
     if (command == MACSEC_CMD_ADD_RXSC)
         mnl_attr_put_u8(message, MACSEC_RXSC_ATTR_ACTIVE, 1);
     mnl_attr_nest_end(message, nest);
-    return sockets.generic.talk();
+    return sockets.generic.transact();
 }
 
 // Runs a request about an association; `put` writes what the command needs beside its number.
 template<class Put>
-int talk_association(unsigned index, uint8_t transmit_command, uint8_t receive_command,
-                     const oxhal_macsec_sci* sci, uint8_t an, Put put) {
+int transact_association(unsigned index, uint8_t transmit_command, uint8_t receive_command,
+                         const oxhal_macsec_sci* sci, uint8_t an, Put put) {
     nlmsghdr* message = begin_macsec(sci ? receive_command : transmit_command, index);
     if (sci) {
         nlattr* channel = mnl_attr_nest_start(message, MACSEC_ATTR_RXSC_CONFIG);
@@ -117,7 +117,7 @@ int talk_association(unsigned index, uint8_t transmit_command, uint8_t receive_c
     mnl_attr_put_u8(message, MACSEC_SA_ATTR_AN, an);
     put(message);
     mnl_attr_nest_end(message, nest);
-    return sockets.generic.talk();
+    return sockets.generic.transact();
 }
 
 void read_associations(const nlattr* list, uint8_t& installed, uint8_t& active) {
@@ -130,7 +130,7 @@ void read_associations(const nlattr* list, uint8_t& installed, uint8_t& active) 
     });
 }
 
-void hear_contents(const nlmsghdr* message, void* context) {
+void read_associations_of_secy(const nlmsghdr* message, void* context) {
     auto& found = *static_cast<contents*>(context);
     attributes<MACSEC_ATTR_RXSC_LIST + 1> facts(message, sizeof(genlmsghdr));
     if (facts.u32(MACSEC_ATTR_IFINDEX) != found.index)
@@ -140,7 +140,7 @@ void hear_contents(const nlmsghdr* message, void* context) {
     read_associations(facts[MACSEC_ATTR_TXSA_LIST], found.transmit_installed, found.transmit_active);
     for_each_nested(facts[MACSEC_ATTR_RXSC_LIST], [&](const nlattr* each) {
         attributes<MACSEC_RXSC_ATTR_SA_LIST + 1> one(each);
-        if (found.receive_channels == most_channels)
+        if (found.receive_channels == max_channels)
             return;
         auto& next = found.receive[found.receive_channels];
         if (!one.copy(MACSEC_RXSC_ATTR_SCI, next.sci))
@@ -151,7 +151,7 @@ void hear_contents(const nlmsghdr* message, void* context) {
     });
 }
 
-void hear_family(const nlmsghdr* message, void*) {
+void read_family(const nlmsghdr* message, void*) {
     attributes<CTRL_ATTR_FAMILY_ID + 1>(message, sizeof(genlmsghdr))
         .copy(CTRL_ATTR_FAMILY_ID, sockets.family);
 }
@@ -174,14 +174,14 @@ int find_family() {
     sockets.family = 0;
     nlmsghdr* message = begin_generic(GENL_ID_CTRL, CTRL_CMD_GETFAMILY, 1, 0);
     mnl_attr_put_strz(message, CTRL_ATTR_FAMILY_NAME, "macsec");
-    int error = sockets.generic.talk(hear_family);
+    int error = sockets.generic.transact(read_family);
     return !error && !sockets.family ? ENOENT : error;
 }
 
 int find_interface(const char* name, interface& found) {
     found = {};
     mnl_attr_put_strz(begin_link(RTM_GETLINK, 0, 0), IFLA_IFNAME, name);
-    int error = sockets.route.talk(hear_interface, &found);
+    int error = sockets.route.transact(read_interface, &found);
     return !error && !found.index ? ENODEV : error;
 }
 
@@ -189,7 +189,7 @@ int create_interface(const char* name, unsigned lower, const oxhal_macsec_sci& s
     nlmsghdr* message = begin_link(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL, 0);
     mnl_attr_put_strz(message, IFLA_IFNAME, name);
     mnl_attr_put_u32(message, IFLA_LINK, lower);
-    return talk_link(message, [&](nlmsghdr* data) {
+    return transact_link(message, [&](nlmsghdr* data) {
         mnl_attr_put(data, IFLA_MACSEC_SCI, sizeof sci, &sci);
         put_settings(data, wanted);
     });
@@ -197,26 +197,27 @@ int create_interface(const char* name, unsigned lower, const oxhal_macsec_sci& s
 
 int delete_interface(unsigned index) {
     begin_link(RTM_DELLINK, 0, index);
-    return sockets.route.talk();
+    return sockets.route.transact();
 }
 
 int change_settings(unsigned index, const settings& wanted) {
-    return talk_link(begin_link(RTM_NEWLINK, 0, index), [&](nlmsghdr* data) { put_settings(data, wanted); });
+    return transact_link(begin_link(RTM_NEWLINK, 0, index),
+                         [&](nlmsghdr* data) { put_settings(data, wanted); });
 }
 
 int encrypt_with(unsigned index, uint8_t an, bool confidentiality) {
-    return talk_link(begin_link(RTM_NEWLINK, 0, index), [&](nlmsghdr* data) {
+    return transact_link(begin_link(RTM_NEWLINK, 0, index), [&](nlmsghdr* data) {
         mnl_attr_put_u8(data, IFLA_MACSEC_ENCRYPT, confidentiality);
         mnl_attr_put_u8(data, IFLA_MACSEC_ENCODING_SA, an);
     });
 }
 
 int create_receive_channel(unsigned index, const oxhal_macsec_sci& sci) {
-    return talk_channel(index, MACSEC_CMD_ADD_RXSC, sci);
+    return transact_channel(index, MACSEC_CMD_ADD_RXSC, sci);
 }
 
 int delete_receive_channel(unsigned index, const oxhal_macsec_sci& sci) {
-    return talk_channel(index, MACSEC_CMD_DEL_RXSC, sci);
+    return transact_channel(index, MACSEC_CMD_DEL_RXSC, sci);
 }
 
 int create_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, uint32_t packet_number,
@@ -226,33 +227,34 @@ int create_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, 
     static_assert(MACSEC_KEYID_LEN == fingerprint_size);
     uint8_t key_id[MACSEC_KEYID_LEN];
     fingerprint_of(key.octets, key.length, key_id);
-    return talk_association(index, MACSEC_CMD_ADD_TXSA, MACSEC_CMD_ADD_RXSA, sci, an, [&](nlmsghdr* message) {
-        mnl_attr_put_u32(message, MACSEC_SA_ATTR_PN, packet_number);
-        mnl_attr_put_u8(message, MACSEC_SA_ATTR_ACTIVE, 0);
-        mnl_attr_put(message, MACSEC_SA_ATTR_KEYID, sizeof key_id, key_id);
-        mnl_attr_put(message, MACSEC_SA_ATTR_KEY, key.length, key.octets);
-    });
+    return transact_association(index, MACSEC_CMD_ADD_TXSA, MACSEC_CMD_ADD_RXSA, sci, an,
+                                [&](nlmsghdr* message) {
+                                    mnl_attr_put_u32(message, MACSEC_SA_ATTR_PN, packet_number);
+                                    mnl_attr_put_u8(message, MACSEC_SA_ATTR_ACTIVE, 0);
+                                    mnl_attr_put(message, MACSEC_SA_ATTR_KEYID, sizeof key_id, key_id);
+                                    mnl_attr_put(message, MACSEC_SA_ATTR_KEY, key.length, key.octets);
+                                });
 }
 
 int activate_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an, bool active) {
-    return talk_association(index, MACSEC_CMD_UPD_TXSA, MACSEC_CMD_UPD_RXSA, sci, an, [&](nlmsghdr* message) {
-        mnl_attr_put_u8(message, MACSEC_SA_ATTR_ACTIVE, active);
-    });
+    return transact_association(
+        index, MACSEC_CMD_UPD_TXSA, MACSEC_CMD_UPD_RXSA, sci, an,
+        [&](nlmsghdr* message) { mnl_attr_put_u8(message, MACSEC_SA_ATTR_ACTIVE, active); });
 }
 
 int delete_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an) {
-    return talk_association(index, MACSEC_CMD_DEL_TXSA, MACSEC_CMD_DEL_RXSA, sci, an, [](nlmsghdr*) {});
+    return transact_association(index, MACSEC_CMD_DEL_TXSA, MACSEC_CMD_DEL_RXSA, sci, an, [](nlmsghdr*) {});
 }
 
 int read_contents(unsigned index, contents& found) {
     found = {};
     found.index = index;
-    return dump_secys(hear_contents, &found);
+    return dump_secys(read_associations_of_secy, &found);
 }
 
-int dump_secys(netlink::answer heard, void* context) {
+int dump_secys(netlink::answer_handler on_answer, void* context) {
     begin_generic(sockets.family, MACSEC_CMD_GET_TXSC, 0, NLM_F_DUMP);
-    return sockets.generic.talk(heard, context);
+    return sockets.generic.transact(on_answer, context);
 }
 
 } // namespace oxhal::kernel

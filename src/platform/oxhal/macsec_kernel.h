@@ -16,18 +16,18 @@ struct interface {
     uint8_t address[6];
 };
 
-constexpr uint32_t most_channels = 64;
+constexpr uint32_t max_channels = 64;
 
 // The associations of an interface; bits stand for association numbers.
 struct contents {
     unsigned index;
     uint8_t encoding_an;
     uint8_t transmit_installed, transmit_active;
-    uint32_t receive_channels; // what is beyond most_channels is left out
+    uint32_t receive_channels; // what is beyond max_channels is left out
     struct {
         oxhal_macsec_sci sci;
         uint8_t active;
-    } receive[most_channels];
+    } receive[max_channels];
 };
 
 // Both sockets; for the texts of errors, and for other requests.
@@ -52,6 +52,6 @@ int activate_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an
 int delete_association(unsigned index, const oxhal_macsec_sci* sci, uint8_t an);
 int read_contents(unsigned index, contents& found);
 // Every SecY of the machine, an answer each.
-int dump_secys(netlink::answer heard, void* context);
+int dump_secys(netlink::answer_handler on_answer, void* context);
 
 } // namespace oxhal::kernel

@@ -85,7 +85,7 @@ oxhal_macsec_validate_frames validation_of(uint8_t kernels) {
     }
 }
 
-void hear_view(const nlmsghdr* message, void* context) {
+void read_secy(const nlmsghdr* message, void* context) {
     auto& wanted = *static_cast<wanted_view*>(context);
     attributes<MACSEC_ATTR_MAX + 1> facts(message, sizeof(genlmsghdr));
     if (facts.u32(MACSEC_ATTR_IFINDEX) != wanted.index)
@@ -128,7 +128,7 @@ int read_view(const char* controlled_port, oxhal_view& view) {
     if (int error = open_sockets())
         return error == ENOENT ? ENODEV : error;
     wanted_view wanted = {.index = index, .view = &view};
-    return dump_secys(hear_view, &wanted);
+    return dump_secys(read_secy, &wanted);
 }
 
 } // namespace oxhal::kernel

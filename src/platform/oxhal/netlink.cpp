@@ -14,7 +14,7 @@ namespace {
 constexpr timeval patience = {.tv_sec = 1, .tv_usec = 0};
 
 // The text that the kernel may put behind the error number of an acknowledgement.
-void read_reason(const nlmsghdr* message, char* text, size_t size) {
+void read_kernel_text(const nlmsghdr* message, char* text, size_t size) {
     text[0] = '\0';
     if (!(message->nlmsg_flags & NLM_F_ACK_TLVS) || mnl_nlmsg_get_payload_len(message) < sizeof(nlmsgerr))
         return;
@@ -76,20 +76,20 @@ nlmsghdr* netlink::begin(uint16_t type, uint16_t flags) {
     return message;
 }
 
-int netlink::talk(answer heard, void* context) {
+int netlink::transact(answer_handler on_answer, void* context) {
     const auto* message = reinterpret_cast<const nlmsghdr*>(request);
     uint32_t length = message->nlmsg_len;
-    reason[0] = '\0';
+    kernel_text[0] = '\0';
     sockaddr_nl kernel = {};
     kernel.nl_family = AF_NETLINK;
     ssize_t sent =
         sendto(descriptor, request, length, 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
-    int error = sent == static_cast<ssize_t>(length) ? receive_all(heard, context) : errno;
+    int error = sent == static_cast<ssize_t>(length) ? receive_all(on_answer, context) : errno;
     explicit_bzero(request, length);
     return error;
 }
 
-int netlink::receive_all(answer heard, void* context) {
+int netlink::receive_all(answer_handler on_answer, void* context) {
     for (;;) {
         ssize_t received = recv(descriptor, reply, sizeof reply, MSG_TRUNC);
         if (received < 0 && errno == EINTR)
@@ -109,9 +109,9 @@ int netlink::receive_all(answer heard, void* context) {
                 done = true;
                 error = error_of(each);
                 if (error)
-                    read_reason(each, reason, sizeof reason);
-            } else if (heard) {
-                heard(each, context);
+                    read_kernel_text(each, kernel_text, sizeof kernel_text);
+            } else if (on_answer) {
+                on_answer(each, context);
             }
         }
         explicit_bzero(reply, static_cast<size_t>(received));

@@ -12,7 +12,7 @@ namespace oxhal {
 class netlink {
   public:
     // Hears each answer that is no acknowledgement.
-    using answer = void (*)(const nlmsghdr* message, void* context);
+    using answer_handler = void (*)(const nlmsghdr* message, void* context);
 
     // Returns 0 or an errno value.
     int open(int protocol);
@@ -20,15 +20,15 @@ class netlink {
     nlmsghdr* begin(uint16_t type, uint16_t flags);
     // Sends it and waits for the end of the answers, a second at most. Returns 0 or an errno value; the
     // kernel's own words on an error, if any, are `why` until the next request.
-    int talk(answer heard = nullptr, void* context = nullptr);
-    [[nodiscard]] const char* why() const { return reason; }
+    int transact(answer_handler on_answer = nullptr, void* context = nullptr);
+    [[nodiscard]] const char* error_text() const { return kernel_text; }
 
   private:
-    int receive_all(answer heard, void* context);
+    int receive_all(answer_handler on_answer, void* context);
 
     int descriptor = -1;
     uint32_t sequence = 0;
-    char reason[96] = "";
+    char kernel_text[96] = "";
     alignas(nlmsghdr) uint8_t request[2048] = {};
     alignas(nlmsghdr) uint8_t reply[32768] = {};
 };

@@ -163,7 +163,7 @@ bool holds_associations(const channel& which) {
 }
 
 channel* free_channel(port& secy, direction way) {
-    for (channel& each : places(secy, way)) {
+    for (channel& each : channels_of(secy, way)) {
         if (!each.exists)
             return &each;
     }
@@ -210,7 +210,7 @@ int delete_all_channels(const char* operation, uint32_t handle, direction way) {
         return running.ends();
     port& secy = running.secy();
     int first_error = 0;
-    for (channel& which : places(secy, way)) {
+    for (channel& which : channels_of(secy, way)) {
         int error = which.exists ? layer.current->delete_channel(secy, way, which) : 0;
         if (!error)
             which = {};

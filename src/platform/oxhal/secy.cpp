@@ -24,12 +24,12 @@ void forget_channels(port& on) {
         each = {};
 }
 
-std::span<channel> places(port& on, direction way) {
+std::span<channel> channels_of(port& on, direction way) {
     return way == direction::transmit ? std::span(&on.transmit, 1) : std::span(on.receive);
 }
 
 channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci) {
-    for (channel& each : places(on, way)) {
+    for (channel& each : channels_of(on, way)) {
         if (each.exists && !memcmp(&each.sci, &sci, sizeof sci))
             return &each;
     }

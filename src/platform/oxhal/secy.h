@@ -159,7 +159,7 @@ void reset(const driver* chosen);
 port_list& ports();
 void forget_channels(port& on);
 // The places for channels of that direction, those that do not exist included.
-std::span<channel> places(port& on, direction way);
+std::span<channel> channels_of(port& on, direction way);
 channel* find_channel(port& on, direction way, const oxhal_macsec_sci& sci);
 
 // Up to 256 octets come in one piece, or not at all while the kernel's generator is not seeded yet.

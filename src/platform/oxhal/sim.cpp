@@ -258,7 +258,7 @@ void after(const call& what, int result) {
     if (port* on = oxhal_sim::shows_views() ? find_port(what.port_name) : nullptr)
         show(*on);
     if (oxhal_sim::reports()) {
-        oxhal_sim::tell_ended(what, result, sim.reported_key);
+        oxhal_sim::report_end(what, result, sim.reported_key);
         explicit_bzero(sim.reported_key, sizeof sim.reported_key);
     }
     std::string& texts = call_texts();

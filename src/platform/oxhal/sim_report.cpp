@@ -18,7 +18,7 @@ int watcher() {
     return socket;
 }
 
-[[noreturn]] void end_without_watcher() {
+[[noreturn]] void exit_without_watcher() {
     OXHAL_ERROR("whoever watches the simulated SecY is gone; OXHAL_SIM_REPORT names no open socket");
     _exit(1);
 }
@@ -38,7 +38,7 @@ call_report report_of(report_kind kind, const oxhal::call& what) {
 
 void send_report(const call_report& report) {
     if (send(watcher(), &report, sizeof report, MSG_NOSIGNAL) != sizeof report)
-        end_without_watcher();
+        exit_without_watcher();
 }
 
 } // namespace
@@ -51,11 +51,11 @@ report_answer ask(const oxhal::call& what) {
     send_report(report_of(report_kind::asks, what));
     report_answer answer;
     if (recv(watcher(), &answer, sizeof answer, 0) != sizeof answer)
-        end_without_watcher();
+        exit_without_watcher();
     return answer;
 }
 
-void tell_ended(const oxhal::call& what, int result, const uint8_t (&key)[OXHAL_KEY_SIZE_MAX]) {
+void report_end(const oxhal::call& what, int result, const uint8_t (&key)[OXHAL_KEY_SIZE_MAX]) {
     call_report report = report_of(report_kind::ended, what);
     report.result = result;
     memcpy(report.key, key, sizeof report.key);

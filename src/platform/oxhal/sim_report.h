@@ -34,6 +34,6 @@ struct report_answer {
 bool reports();
 // The error that the call is to fail with, or 0; a key for generate_key.
 report_answer ask(const oxhal::call& what);
-void tell_ended(const oxhal::call& what, int result, const uint8_t (&key)[OXHAL_KEY_SIZE_MAX]);
+void report_end(const oxhal::call& what, int result, const uint8_t (&key)[OXHAL_KEY_SIZE_MAX]);
 
 } // namespace oxhal_sim
