@@ -446,7 +446,7 @@ TEST_F(kay, DropsADisposalTimeoutThatIsNotForThePrimary) {
     wrong[1].key_name.assign("SAK 0");
     wrong[2].key_name.assign("an older key of the same number");
     auto expire = [&](const kay_sa_disposal_timeout_ind& timeout, size_t size = sizeof right) {
-        server_.send_bytes(root(), KAY_SA_DISPOSAL_TIMEOUT_IND, &timeout, size);
+        test::prepare_bytes(KAY_SA_DISPOSAL_TIMEOUT_IND, &timeout, size);
         settle();
     };
     create();
@@ -456,6 +456,8 @@ TEST_F(kay, DropsADisposalTimeoutThatIsNotForThePrimary) {
     for (const kay_sa_disposal_timeout_ind& timeout : wrong)
         expire(timeout);
     expire(right, sizeof right - 1);
+    server_.send(root(), KAY_SA_DISPOSAL_TIMEOUT_IND, right); // not the KaY's own
+    settle();
     EXPECT_EQ(receive_sas(), "0 1 ");
     expire(right);
     EXPECT_EQ(receive_sas(), "1 ");

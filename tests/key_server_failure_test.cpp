@@ -14,13 +14,13 @@ class key_server_failure : public test::key_server_world {
     void time_out(const char* ca, uint32_t client_id, size_t size = sizeof(keysrv_msg_timeout_ind)) {
         keysrv_msg_timeout_ind indication{{{}, 106, 0}, MKA_CREATE_RX_SC_RREQ, 102, client_id, {}};
         indication.ca.assign(ca);
-        a.mailbox.send_bytes(server, KEYSRV_MSG_TIMEOUT_IND, &indication, size);
+        test::prepare_bytes(KEYSRV_MSG_TIMEOUT_IND, &indication, size);
         run();
     }
     void refresh(const char* ca, size_t size = sizeof(keysrv_key_refresh_timer_ind)) {
         keysrv_key_refresh_timer_ind indication{};
         indication.ca.assign(ca);
-        a.mailbox.send_bytes(server, KEYSRV_KEY_REFRESH_TIMER_IND, &indication, size);
+        test::prepare_bytes(KEYSRV_KEY_REFRESH_TIMER_IND, &indication, size);
         run();
     }
     void expect_secured_afresh() {

@@ -31,6 +31,7 @@ struct arrival {
     oka_mailbox sender = OKA_MAILBOX_NONE;
     oka_mailbox receiver = OKA_MAILBOX_NONE;
     std::string bytes; // behind the number
+    bool is_prepared = false;
     explicit operator bool() const { return number != 0; }
 };
 
@@ -48,7 +49,8 @@ inline void send_message(oka_mailbox to, oka_mailbox from, uint32_t number, cons
 inline arrival take(oka_message* message) {
     if (!message)
         return {};
-    arrival taken = {message->number, oka_sender(message), oka_receiver(message), ""};
+    arrival taken = {message->number, oka_sender(message), oka_receiver(message), "",
+                     oka_is_prepared(message)};
     if (oka_size(message) > sizeof *message)
         taken.bytes.assign(reinterpret_cast<const char*>(message + 1), oka_size(message) - sizeof *message);
     oka_free(&message);

@@ -127,7 +127,9 @@ TEST_P(oka_contract, a_locate_is_answered_once_whether_the_mailbox_came_before_o
         std::swap(first, second);
     EXPECT_EQ(first.number, 2u);
     EXPECT_EQ(first.receiver, mailbox);
+    EXPECT_TRUE(first.is_prepared);
     EXPECT_EQ(second.number, agent_done);
+    EXPECT_FALSE(second.is_prepared);
     locate(path_of("later"), root, 4);
     arrival again = receive();
     EXPECT_EQ(again.number, 4u);
@@ -190,6 +192,7 @@ TEST_P(oka_contract, a_monitor_fires_once_after_everything_that_the_mailbox_sent
     EXPECT_EQ(said, 20u);
     EXPECT_EQ(next.sender, talker);
     EXPECT_EQ(next.receiver, mailbox);
+    EXPECT_TRUE(next.is_prepared);
     while (done++ < 2)
         EXPECT_EQ(receive().number, agent_done);
     // It is gone already: at once.

@@ -233,8 +233,19 @@ TEST_F(oxpcsi_helper, another_version_or_any_reject_ends_the_start) {
     expect_nothing_left();
 }
 
-TEST_F(oxpcsi_helper, takes_only_what_comes_to_its_own_mailbox) {
+TEST_F(oxpcsi_helper, takes_only_what_comes_to_its_own_mailbox_from_who_may_say_so) {
     become_ready();
+    // Neither a stranger nor the service itself says that the service is there or gone.
+    test::peer stranger("stranger");
+    events.clear();
+    for (uint32_t number : {OXPCSI_SERVER_DOWN_IND, OXPCSI_SERVER_UP_IND}) {
+        stranger.send_bytes(client_, number, "", 4);
+        server().send_bytes(client_, number, "", 4);
+        settle();
+        EXPECT_NE(take_errors(), "");
+    }
+    EXPECT_EQ(events, "");
+    EXPECT_EQ(get_oxpcsi_helper_state(), OXPCSI_HELPER_STATE_READY);
     EXPECT_FALSE(oxpcsi_helper_start("another"));
     server().send(root(), OXPCSI_ETH_PORT_STATUS2_IND, status("IDL_A1"));
     settle();

@@ -98,6 +98,13 @@ TEST_F(daemon_world, ends_with_status_1_when_it_cannot_go_on) {
          },
          "Cannot map IDL port name 'IDL_X4' to DiPort name(.|\n)*Could not create port managers(.|\n)*"
          "Exiting with error code: 1"},
+        {"a mailbox name that another process has",
+         [] {
+             const bool initialised = tavu_main_init();
+             test::peer thief("tavu-main-oxpcsi-client");
+             exit(initialised && !tavu_main_start());
+         },
+         "Could not start OXPCSI helper"},
         {"start rejected",
          [this] {
              start();

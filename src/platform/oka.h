@@ -8,6 +8,7 @@
 #ifndef QEL_TAVU_PLATFORM_OKA_H
 #define QEL_TAVU_PLATFORM_OKA_H
 
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -89,6 +90,10 @@ oka_message* oka_receive(const uint32_t* numbers, int32_t timeout_ms, uint32_t s
 
 /* The mailbox a received message came from; a reply is sent to it. OKA_MAILBOX_NONE for a timer's. */
 oka_mailbox oka_sender(const oka_message* message);
+/* Whether this process prepared the message itself: a timer's, a lookup's answer, a supervision's, a watch's.
+ * What other processes send, and what this one sends to itself, MUST NOT be taken for it, whatever its
+ * number. */
+bool oka_is_prepared(const oka_message* message);
 /* The mailbox of this process that a received message was sent to. */
 oka_mailbox oka_receiver(const oka_message* message);
 /* The size that the sender allocated, in bytes, the number included; at least 0 bytes on the wire, so

@@ -35,6 +35,15 @@ std::vector<trace_record>& all_traces() {
     return all;
 }
 
+// Of `bytes` the first four are replaced by the number.
+oka_message* make_message(uint32_t number, const void* bytes, size_t size) {
+    oka_message* message = oka_alloc(std::max(size, sizeof(uint32_t)), number);
+    if (size > sizeof(uint32_t))
+        memcpy(message + 1, static_cast<const uint8_t*>(bytes) + sizeof(uint32_t), size - sizeof(uint32_t));
+    oka::simulation::truncate(message, static_cast<uint32_t>(size));
+    return message;
+}
+
 void capture(const zeb::record& record) {
     all_traces().push_back({record.group, record.text});
 }
@@ -74,11 +83,13 @@ void peer::disappear() {
 }
 
 void peer::send_bytes(oka_mailbox receiver, uint32_t number, const void* bytes, size_t size) {
-    oka_message* message = oka_alloc(std::max(size, sizeof(uint32_t)), number);
-    if (size > sizeof(uint32_t))
-        memcpy(message + 1, static_cast<const uint8_t*>(bytes) + sizeof(uint32_t), size - sizeof(uint32_t));
-    oka::simulation::truncate(message, static_cast<uint32_t>(size));
+    oka_message* message = make_message(number, bytes, size);
     oka_send(&message, receiver, mailbox_);
+}
+
+void prepare_bytes(uint32_t number, const void* bytes, size_t size) {
+    oka_message* message = make_message(number, bytes, size);
+    oka_timer_request_sig(0, &message);
 }
 
 received peer::take(uint32_t number) {

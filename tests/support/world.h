@@ -95,6 +95,9 @@ struct trace_record {
     std::string text;
 };
 
+// Delivers a message as the process prepares them for itself: as that of a timer which expires now.
+void prepare_bytes(uint32_t number, const void* bytes, size_t size);
+
 // Fixture. Brings up messaging and timers (unless the module does) and captures every trace; the module under
 // test gets every message that is not a peer's, through the function that the test gives.
 class world : public testing::Test {

@@ -208,8 +208,8 @@ void handle_subscription_cfm(const oka_message* message) {
 }
 
 constexpr tavu::dispatch_row dispatch_table[] = {
-    {OXMSI_SERVER_UP_IND, handle_server_up_ind},
-    {OXMSI_SERVER_DOWN_IND, handle_server_down_ind},
+    {OXMSI_SERVER_UP_IND, handle_server_up_ind, tavu::origin::PREPARED},
+    {OXMSI_SERVER_DOWN_IND, handle_server_down_ind, tavu::origin::PREPARED},
     {OXMSI_CONNECTION_ESTABLISH_CFM, handle_connection_establish_cfm},
     {OXMSI_CONNECTION_ESTABLISH_REJ, handle_connection_establish_rej},
     {OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_CFM, handle_port_status},

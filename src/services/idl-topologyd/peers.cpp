@@ -156,8 +156,8 @@ void handle_peer_link_rej(const oka_message* message) {
 }
 
 constexpr tavu::dispatch_row dispatch_table[] = {
-    {PEER_UP_IND, handle_peer_up_ind},
-    {PEER_DOWN_IND, handle_peer_down_ind},
+    {PEER_UP_IND, handle_peer_up_ind, tavu::origin::PREPARED},
+    {PEER_DOWN_IND, handle_peer_down_ind, tavu::origin::PREPARED},
     {TOPOLOGY_PEER_LINK_IND, handle_peer_link_ind},
     {TOPOLOGY_PEER_LINK_REJ, handle_peer_link_rej},
 };

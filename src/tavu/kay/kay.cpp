@@ -2,6 +2,7 @@
 
 #include <cassert>
 
+#include "base/dispatch.h"
 #include "base/enum_text.h"
 #include "tavu/kay/kay_events.h"
 #include "tavu/kay/kay_records.h"
@@ -199,14 +200,22 @@ bool kay_connect_secured(const char* name, const char* ca, const char* key_serve
     return true;
 }
 
+bool kay_get_state(const char* name, kay_state_change_ind& indication) {
+    TAVU_FUNCTION();
+    const kay_record* kay = find_kay_by_port_name(name);
+    if (kay)
+        fill_kay_state_change_ind(*kay, indication);
+    return kay;
+}
+
 bool kay_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
     if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
         return false;
-    if (message->number != KAY_SA_DISPOSAL_TIMEOUT_IND)
-        return false;
-    kay_handle_sa_disposal_timeout(message);
-    return true;
+    constexpr dispatch_row table[] = {
+        {KAY_SA_DISPOSAL_TIMEOUT_IND, kay_handle_sa_disposal_timeout, origin::PREPARED},
+    };
+    return dispatch_by(table, message);
 }
 
 } // namespace tavu

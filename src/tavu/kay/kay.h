@@ -70,6 +70,9 @@ struct kay_callbacks {
 [[nodiscard]] bool kay_connect_secured(const char* port_name, const char* ca, const char* key_server_name,
                                        const kay_configuration_options& options);
 
+// What the KaY of that port would report now; false for an unknown port.
+[[nodiscard]] bool kay_get_state(const char* port_name, kay_state_change_ind& indication);
+
 // True for the KaY's disposal timer.
 [[nodiscard]] bool kay_dispatch_message(const oka_message* message);
 

@@ -1,5 +1,6 @@
 #include "tavu/key_server/key_server.h"
 
+#include "base/dispatch.h"
 #include "tavu/key_server/key_server_admission.h"
 #include "tavu/key_server/key_server_ending.h"
 #include "tavu/key_server/key_server_keying.h"
@@ -99,16 +100,11 @@ bool ks_dispatch_message(const oka_message* message) {
     KEYSRV_FUNCTION();
     if (!keysrv::is_ready())
         return false;
-    switch (message->number) {
-    case KEYSRV_KEY_REFRESH_TIMER_IND:
-        keysrv::handle_key_refresh_timeout_ind(message);
-        return true;
-    case KEYSRV_MSG_TIMEOUT_IND:
-        keysrv::handle_msg_timeout_ind(message);
-        return true;
-    default:
-        return false;
-    }
+    constexpr dispatch_row table[] = {
+        {KEYSRV_KEY_REFRESH_TIMER_IND, keysrv::handle_key_refresh_timeout_ind, origin::PREPARED},
+        {KEYSRV_MSG_TIMEOUT_IND, keysrv::handle_msg_timeout_ind, origin::PREPARED},
+    };
+    return dispatch_by(table, message);
 }
 
 } // namespace tavu

@@ -1,5 +1,6 @@
 #include "tavu/port_manager/port_manager.h"
 
+#include "base/dispatch.h"
 #include "base/ignore_result.h"
 #include "base/trace.h"
 #include "protocols/message_numbers.h"
@@ -100,10 +101,10 @@ bool tavu_pm_dispatch_message(const oka_message* message) {
     TAVU_FUNCTION();
     if (!is_ready())
         return false;
-    if (message->number != TAVU_PM_RETRY_TIMEOUT_IND)
-        return false;
-    tavu_pm_handle_retry_timeout(message);
-    return true;
+    constexpr dispatch_row table[] = {
+        {TAVU_PM_RETRY_TIMEOUT_IND, tavu_pm_handle_retry_timeout, origin::PREPARED},
+    };
+    return dispatch_by(table, message);
 }
 
 void tavu_pm_handle_oxpcsi_port_state_change(const oxpcsi_port_data& port_data) {

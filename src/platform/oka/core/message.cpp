@@ -79,6 +79,10 @@ oka_mailbox oka_sender(const oka_message* message) {
     return envelope_of(message)->sender;
 }
 
+bool oka_is_prepared(const oka_message* message) {
+    return envelope_of(message)->from != oka::origin::mailbox;
+}
+
 oka_mailbox oka_receiver(const oka_message* message) {
     return envelope_of(message)->receiver;
 }
