@@ -47,7 +47,10 @@ class mka_client : public test::world {
 
     // The number of the message that the client is waiting for comes back from `server` with these fields.
     void answer(uint32_t number, const octets& bytes) {
-        server.send_bytes(mailbox, number, bytes.data(), bytes.size());
+        if (number == MKA_CLIENT_HEARTBEAT_TIMEOUT_IND)
+            test::prepare_bytes(number, bytes.data(), bytes.size());
+        else
+            server.send_bytes(mailbox, number, bytes.data(), bytes.size());
         settle();
     }
 
@@ -310,6 +313,46 @@ TEST_F(mka_client, joins_from_created_and_left_only) {
     server.disappear();
     settle();
     EXPECT_EQ(events, "ca_left(1)ca_left(1)");
+    EXPECT_TRUE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
+}
+
+TEST_F(mka_client, believes_its_server_and_messaging_alone) {
+    test::peer stranger("stranger");
+    auto say = [&](uint32_t number, const octets& bytes) {
+        stranger.send_bytes(mailbox, number, bytes.data(), bytes.size());
+        settle();
+        EXPECT_TRUE(stranger.is_silent());
+    };
+    bring_to(establishing);
+    forget_traces();
+    const std::string wrong_mailbox =
+        "is received from wrong mailbox. Actual: " + std::to_string(stranger.mailbox()) +
+        ", expected: " + std::to_string(server.mailbox());
+    say(MKA_CONNECTION_ESTABLISH_CFM, octets(101, 43).word(1));
+    EXPECT_EQ(take_errors(), "TAVU: 'MKA_CONNECTION_ESTABLISH_CFM' " + wrong_mailbox + "\n");
+    EXPECT_TRUE(mka_client_delete(1));
+    bring_to(joined);
+    forget_traces();
+    for (const answer_row& row : answers) {
+        if (row.at == joined && row.number != MKA_CLIENT_HEARTBEAT_TIMEOUT_IND && !row.is_error)
+            say(row.number, row.bytes);
+    }
+    EXPECT_TRUE(traced("TAVU: 'MKA_CREATE_TX_SA_RREQ' " + wrong_mailbox));
+    for (uint32_t number : {MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, MKA_SERVER_UP_IND, MKA_SERVER_DOWN_IND}) {
+        forget_traces();
+        say(number, octets(0, 1));
+        server.send(mailbox, number, message_header{{}, 0, 1}); // nor is it the server's to say
+        settle();
+        EXPECT_NE(take_errors(), "");
+    }
+    EXPECT_EQ(events, "");
+}
+
+TEST_F(mka_client, fails_to_join_under_a_name_that_is_taken) {
+    test::peer thief("mka-client-1");
+    EXPECT_EQ(mka_client_create(), 1u);
+    EXPECT_FALSE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
+    thief.disappear();
     EXPECT_TRUE(mka_client_join_ca(1, ca, "mka-key-server", 1, nullptr));
 }
 

@@ -123,6 +123,56 @@ TEST_F(mka_server, serves_64_clients_and_refuses_the_next) {
     EXPECT_EQ(kay.take(MKA_CONNECTION_ESTABLISH_CFM).hex(), "00 00 00 a5 00 00 00 05 00 00 00 01");
 }
 
+TEST_F(mka_server, a_connection_that_is_silent_and_no_member_makes_room) {
+    test::peer other("mka-client-8");
+    for (uint32_t reference = 1; reference <= 64; reference++)
+        connect(kay, reference);
+    for (uint32_t id : {3u, 4u, 5u})
+        EXPECT_TRUE(mka_server_send_join_ca_cfm(id, 3, 0));
+    ca_name name;
+    name.assign("CA");
+    EXPECT_TRUE(mka_server_send_leave_ca_rreq(4, 100, name));
+    for (uint32_t id : {1u, 2u})
+        send(kay, MKA_HEARTBEAT_RCFM, octets(1, id));
+    advance(2501); // the others have been silent for too long
+    for (uint32_t id : {4u, 6u, 7u}) {
+        connect(other, id);
+        EXPECT_EQ(other.take(MKA_CONNECTION_ESTABLISH_CFM).as<message_header>().connection_reference, id);
+        other.forget_all();
+    }
+}
+
+TEST_F(mka_server, believes_about_a_client_only_the_client_and_messaging) {
+    test::peer stranger("stranger");
+    connect();
+    const octets request = octets(3, 1).text("CA", 64).word(0).word(0);
+    send(stranger, MKA_CONNECTION_CLOSE_REQ, octets(9, 1));
+    send(stranger, MKA_CREATE_TX_SA_RCFM, octets(103, 1));
+    send(stranger, MKA_HEARTBEAT_REQ, octets(5, 1));
+    send(stranger, MKA_CAPABILITIES_GET_REQ, octets(2, 1));
+    EXPECT_EQ(take_errors(), [&] {
+        std::string all;
+        for (const char* name : {"MKA_CONNECTION_CLOSE_REQ", "MKA_CREATE_TX_SA_RCFM", "MKA_HEARTBEAT_REQ",
+                                 "MKA_CAPABILITIES_GET_REQ"})
+            all += std::string("TAVU: '") + name +
+                   "' is received from wrong mailbox. Actual: " + std::to_string(stranger.mailbox()) +
+                   ", expected: " + std::to_string(kay.mailbox()) + "\n";
+        return all;
+    }());
+    for (test::peer* liar : {&stranger, &kay}) {
+        send(*liar, MKA_CLIENT_DOWN_IND, octets(0, 1));
+        send(*liar, MKA_SERVER_HEARTBEAT_TIMEOUT_IND, octets(1, 1));
+        EXPECT_NE(take_errors(), "");
+    }
+    EXPECT_TRUE(stranger.is_silent() && kay.is_silent());
+    EXPECT_EQ(events, "");
+    // A connection that could not be answered is none.
+    const octets establish = octets(108, 8).word(1).word(1);
+    test::prepare_bytes(MKA_CONNECTION_ESTABLISH_REQ, establish.data(), establish.size());
+    settle();
+    EXPECT_EQ(oka::simulation::live().timers, 1u);
+}
+
 TEST_F(mka_server, watches_a_mailbox_as_long_as_it_has_a_client) {
     test::peer other("mka-client-8");
     connect(kay, 1);
@@ -265,6 +315,10 @@ TEST_F(mka_server, starts_and_stops_in_turn) {
     EXPECT_FALSE(mka_server_start());
     EXPECT_TRUE(mka_server_stop());
     EXPECT_FALSE(mka_server_stop());
+    {
+        test::peer thief("mka-key-server");
+        EXPECT_FALSE(mka_server_start());
+    }
     EXPECT_TRUE(mka_server_start());
     finish();
 }

@@ -100,11 +100,26 @@ TEST_F(macsec_service, answers_about_the_connection_in_these_bytes) {
     send(manager_, OXMSI_CAPABILITIES_GET_REQ, words({8, 1}));
     EXPECT_EQ(taken(manager_), "OXMSI_CAPABILITIES_GET_CFM: 00 00 00 08 00 00 03 84 "
                                "00 00 00 01 00 00 00 01 00 00 00 08\n");
+    // Who asks gets the answer.
+    test::peer other("other");
+    send(other, OXMSI_CAPABILITIES_GET_REQ, words({8, 1}));
+    EXPECT_EQ(taken(other), "OXMSI_CAPABILITIES_GET_CFM: 00 00 00 08 00 00 03 84 "
+                            "00 00 00 01 00 00 00 01 00 00 00 08\n");
+    EXPECT_EQ(taken(manager_), "");
     send(manager_, OXMSI_CONNECTION_CLOSE_REQ, words({9, 1}));
     EXPECT_EQ(taken(manager_), "OXMSI_CONNECTION_CLOSE_CFM: 00 00 00 09 00 00 03 84\n");
     EXPECT_EQ(events, "closed 1\n");
     send(manager_, OXMSI_CONNECTION_CLOSE_REQ, words({9, 1}));
     EXPECT_TRUE(manager_.is_silent());
+    // A request without a sender could never be answered, nor its client's end be noticed.
+    EXPECT_EQ(oka::simulation::live().monitors, 0u);
+    std::vector<uint8_t> request = words({7, 900, 1, 1});
+    test::prepare_bytes(OXMSI_CONNECTION_ESTABLISH_REQ, request.data(), request.size());
+    // That a mailbox is gone is what messaging says, and no other mailbox.
+    EXPECT_EQ(connect(manager_, 1), 1u);
+    send(manager_, OXMSI_CLIENT_DOWN_IND, words({}));
+    EXPECT_EQ(events, "closed 1\n");
+    EXPECT_EQ(oka::simulation::live().monitors, 1u);
 }
 
 TEST_F(macsec_service, refuses_or_drops_connection_requests_that_are_not_right) {

@@ -39,6 +39,14 @@ class client_registry {
         return clients_.find([=](const Client& each) { return each.mailbox == mailbox; });
     }
     Client* newest() { return clients_.first(); }
+    // The oldest that the predicate accepts, or null.
+    template<class Predicate>
+    Client* oldest(Predicate accepts) {
+        Client* found = nullptr;
+        for (Client& each : clients_)
+            found = accepts(each) ? &each : found;
+        return found;
+    }
 
     // The lowest id that is free, or 0.
     uint32_t free_id() {

@@ -20,4 +20,12 @@ bool verify_msg_length_minimum_size(const oka_message* message, uint32_t minimum
     return false;
 }
 
+bool verify_sender(const oka_message* message, oka_mailbox expected, const char* name) {
+    if (oka_sender(message) == expected) [[likely]]
+        return true;
+    TRACE_ERROR("TAVU: '%s' is received from wrong mailbox. Actual: %u, expected: %u", name,
+                oka_sender(message), expected);
+    return false;
+}
+
 } // namespace tavu

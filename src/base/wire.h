@@ -118,6 +118,9 @@ TAVU_WIRE_LAYOUT(port_name, 16);
 TAVU_WIRE_LAYOUT(sci, 8);
 TAVU_WIRE_LAYOUT(message_header, 12);
 
+// False, after an error trace, for a message from another mailbox. `name` is the message's.
+[[nodiscard]] bool verify_sender(const oka_message* message, oka_mailbox expected, const char* name);
+
 // The message as a T. Only for a message whose size was checked already, at least sizeof(T).
 template<class T>
 const T& as(const oka_message* message) {

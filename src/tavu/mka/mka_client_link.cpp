@@ -132,6 +132,8 @@ client* connecting_client(const oka_message* message, const char* handler = __bu
         TRACE_ERROR("TAVU: Could not find client client id = %u", id);
         return nullptr;
     }
+    if (!verify_sender(message, found->server_mailbox, msg_no_to_str(message->number)))
+        return nullptr;
     return is_in_state(found->state, MKA_STATE_CONNECTION_ESTABLISH, state_to_str, "TAVU", handler) ? found
                                                                                                     : nullptr;
 }

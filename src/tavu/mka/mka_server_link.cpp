@@ -13,19 +13,6 @@ client* find_mka_data_by_client_ref(oka_mailbox mailbox, uint32_t connection_ref
     return self.clients.find(mailbox, connection_reference);
 }
 
-// 0 when all are taken.
-uint32_t allocate_new_client_id() {
-    TAVU_FUNCTION();
-    uint32_t id = self.clients.free_id();
-    for (uint32_t used = 1; used < (id != 0 ? id : mka_server_max_clients + 1); used++)
-        TRACE_DETAIL("TAVU: client id = %u is already used", used);
-    if (id != 0)
-        TRACE("TAVU: Allocated new client id = %u", id);
-    else
-        TRACE_ERROR("TAVU: Maximum number of clients reached: %u", mka_server_max_clients);
-    return id;
-}
-
 oka_monitor_ref monitor_client(const client& watched) {
     outgoing<message_header> down(MKA_CLIENT_DOWN_IND);
     down->connection_reference = watched.id;
@@ -98,6 +85,32 @@ void delete_client(client& deleted) {
     self.clients.remove(deleted, [](oka_mailbox, oka_monitor_ref monitor) { oka_unmonitor(monitor); });
 }
 
+// A connection whose heartbeat has timed out stays, until it is in the way of another.
+bool make_room() {
+    client* oldest =
+        self.clients.oldest([](const client& each) { return each.is_silent && !each.is_member; });
+    if (!oldest)
+        return false;
+    TRACE_INFO("TAVU: Client with client id = %u has been silent and makes room for another", oldest->id);
+    delete_client(*oldest);
+    return true;
+}
+
+// 0 when all are taken.
+uint32_t allocate_new_client_id() {
+    TAVU_FUNCTION();
+    uint32_t id = self.clients.free_id();
+    if (id == 0 && make_room())
+        id = self.clients.free_id();
+    for (uint32_t used = 1; used < (id != 0 ? id : mka_server_max_clients + 1); used++)
+        TRACE_DETAIL("TAVU: client id = %u is already used", used);
+    if (id != 0)
+        TRACE("TAVU: Allocated new client id = %u", id);
+    else
+        TRACE_ERROR("TAVU: Maximum number of clients reached: %u", mka_server_max_clients);
+    return id;
+}
+
 void fire_handle_mka_server_peer_down_ind(uint32_t client_id) {
     TAVU_FUNCTION();
     TRACE_INFO("TAVU: Firing handle_mka_server_peer_down_ind for client client id = %u", client_id);
@@ -150,6 +163,10 @@ void connection_establish_req(const oka_message* message) {
     TRACE_RECEIVE(message, "TAVU: %s connection reference=%u, procedure reference=%u, num_of_pvs=%u",
                   msg_no_to_str(message->number), connection_reference,
                   uint32_t{request.header.procedure_reference}, uint32_t{request.num_of_pvs});
+    if (mailbox == OKA_MAILBOX_NONE) {
+        TRACE_ERROR("TAVU: %s is received without a sender; dropped", msg_no_to_str(message->number));
+        return;
+    }
     if (const client* existing = find_mka_data_by_client_ref(mailbox, connection_reference)) {
         TRACE_ERROR("TAVU: Client client mailbox id=%u, client connection reference=%u already exists with "
                     "client id = %u",
@@ -240,6 +257,7 @@ void handle_heartbeat_timeout_ind(const oka_message* message) {
         request_heartbeat(*supervised);
         break;
     case mka_heartbeat_expiry::loss:
+        supervised->is_silent = true;
         fire_handle_heartbeat_timeout_ind(id);
         break;
     }

@@ -49,7 +49,8 @@ client* sender_of(const oka_message* message) {
     TRACE_RECEIVE(message, "TAVU: %s connection reference=%u, procedure reference=%u",
                   msg_no_to_str(message->number), uint32_t{header.connection_reference},
                   uint32_t{header.procedure_reference});
-    return find_or_trace(header.connection_reference);
+    client* from = find_or_trace(header.connection_reference);
+    return from && verify_sender(message, from->mailbox, msg_no_to_str(message->number)) ? from : nullptr;
 }
 
 void fire(uint32_t client_id, const char* function, relay callback, const oka_message* message) {

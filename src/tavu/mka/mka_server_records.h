@@ -17,6 +17,8 @@ enum global_state : uint32_t {
 
 struct client : registered_client {
     mka_heartbeat heartbeat;
+    bool is_silent; // its heartbeat has timed out
+    bool is_member; // of a CA
 };
 
 struct module {
@@ -37,8 +39,8 @@ void change_state(global_state state);
 client* find_mka_data_by_id(uint32_t id);
 // Null, after an error trace, when there is none.
 client* find_or_trace(uint32_t id);
-// The client that a message whose size was checked is from, by its connection reference. Null after an error
-// trace.
+// The client that a message whose size was checked is from, by its connection reference and its mailbox. Null
+// after an error trace.
 client* sender_of(const oka_message* message);
 
 // Calls the key server. `function` is "fire_" and the callback's name.

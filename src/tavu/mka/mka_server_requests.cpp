@@ -11,7 +11,7 @@ namespace mka_server_internal {
 namespace {
 
 // Null, after an error trace with the sender's name, when the module or the client is not there.
-const client* receiving_client(uint32_t client_id, const char* operation) {
+client* receiving_client(uint32_t client_id, const char* operation) {
     if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str, "TAVU", operation))
         return nullptr;
     return find_or_trace(client_id);
@@ -64,9 +64,10 @@ using namespace mka_server_internal;
 
 bool mka_server_send_join_ca_cfm(uint32_t client_id, uint32_t procedure_reference, uint32_t standard) {
     TAVU_FUNCTION();
-    const client* to = receiving_client(client_id, __func__);
+    client* to = receiving_client(client_id, __func__);
     if (!to)
         return false;
+    to->is_member = true;
     outgoing<mka_join_ca_cfm> message(MKA_JOIN_CA_CFM);
     message->standard = standard;
     send(*to, message, procedure_reference);
@@ -80,9 +81,10 @@ bool mka_server_send_join_ca_rej(uint32_t client_id, uint32_t procedure_referenc
 
 bool mka_server_send_leave_ca_rreq(uint32_t client_id, uint32_t procedure_reference, const ca_name& ca) {
     TAVU_FUNCTION();
-    const client* to = receiving_client(client_id, __func__);
+    client* to = receiving_client(client_id, __func__);
     if (!to)
         return false;
+    to->is_member = false;
     outgoing<mka_leave_ca_req> message(MKA_LEAVE_CA_RREQ);
     message->ca.assign(ca);
     send(*to, message, procedure_reference);

@@ -201,6 +201,10 @@ void handle_connection_establish_req(const oka_message* message) {
     const uint32_t procedure_reference = request.header.procedure_reference;
     TRACE_RECEIVE(message, "TAVU: %s client connection reference=%u, procedure reference=%u",
                   oxmsi_msg_no_to_str(message->number), connection_reference, procedure_reference);
+    if (oka_sender(message) == OKA_MAILBOX_NONE) {
+        TRACE_ERROR("TAVU: %s is received without a sender; dropped", oxmsi_msg_no_to_str(message->number));
+        return;
+    }
     uint32_t reason = 0;
     // An offer of nothing is refused rather than dropped, though its size cannot be right.
     if (request.num_of_protocol_versions == 0)
@@ -217,7 +221,8 @@ void handle_connection_close_req(const oka_message* message) {
     client_record* client = accept(message, sizeof(message_header));
     if (!client)
         return;
-    send_oxmsi_connection_close_cfm(*client, as<message_header>(message).procedure_reference);
+    send_oxmsi_connection_close_cfm(oka_sender(message), *client,
+                                    as<message_header>(message).procedure_reference);
     fire_handle_oxmsi_connection_close_ind(client->id);
     delete_client(*client);
 }
@@ -225,7 +230,8 @@ void handle_connection_close_req(const oka_message* message) {
 void handle_capabilities_get_req(const oka_message* message) {
     TAVU_FUNCTION();
     if (const client_record* client = accept(message, sizeof(message_header)))
-        send_oxmsi_capabilities_get_ref(*client, as<message_header>(message).procedure_reference);
+        send_oxmsi_capabilities_get_ref(oka_sender(message), *client,
+                                        as<message_header>(message).procedure_reference);
 }
 
 void handle_idl_link_added_req(const oka_message* message) {
@@ -308,7 +314,7 @@ constexpr dispatch_row dispatch_table[] = {
     {OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REQ, handle_idl_link_updated_req},
     {OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ, handle_port_status_subscribe_req},
     {OXMSI_PORT_STATE_CHANGE_UNSUBSCRIBE_REQ, handle_port_status_unsubscribe_req},
-    {OXMSI_CLIENT_DOWN_IND, handle_client_down_ind},
+    {OXMSI_CLIENT_DOWN_IND, handle_client_down_ind, origin::PREPARED},
 };
 
 void oxmsi_server_unpublish_internal() {

@@ -28,10 +28,11 @@ const client_record* receiver_of(uint32_t client_id, const char* operation, int 
 }
 
 template<class T>
-void send_confirm(outgoing<T>& message, const client_record& client, uint32_t procedure_reference) {
-    TRACE_SEND(message, client.mailbox, "TAVU: %s client connection reference=%u, procedure reference=%u",
+void send_confirm(outgoing<T>& message, oka_mailbox receiver, const client_record& client,
+                  uint32_t procedure_reference) {
+    TRACE_SEND(message, receiver, "TAVU: %s client connection reference=%u, procedure reference=%u",
                oxmsi_msg_no_to_str(message.number()), client.connection_reference, procedure_reference);
-    message.send(client.mailbox, self.server_mailbox);
+    message.send(receiver, self.server_mailbox);
 }
 
 void send_reject(uint32_t number, oka_mailbox receiver, uint32_t connection_reference,
@@ -54,7 +55,7 @@ bool send_plain_cfm(uint32_t number, uint32_t client_id, uint32_t procedure_refe
     outgoing<message_header> message(number);
     message->procedure_reference = procedure_reference;
     message->connection_reference = client->connection_reference;
-    send_confirm(message, *client, procedure_reference);
+    send_confirm(message, client->mailbox, *client, procedure_reference);
     return true;
 }
 
@@ -76,7 +77,7 @@ bool send_link_cfm(uint32_t number, uint32_t client_id, uint32_t procedure_refer
         return false;
     outgoing<oxmsi_port_status> message(number);
     fill_port_status(message, *client, procedure_reference, port, oper_state, encryption_state);
-    send_confirm(message, *client, procedure_reference);
+    send_confirm(message, client->mailbox, *client, procedure_reference);
     return true;
 }
 
@@ -97,7 +98,7 @@ void send_oxmsi_connection_establish_cfm(const client_record& client, uint32_t p
     message->header.procedure_reference = procedure_reference;
     message->header.connection_reference = client.id;
     message->selected_protocol_version = client.protocol_version;
-    send_confirm(message, client, procedure_reference);
+    send_confirm(message, client.mailbox, client, procedure_reference);
 }
 
 void send_oxmsi_connection_establish_rej(oka_mailbox receiver, uint32_t connection_reference,
@@ -106,22 +107,24 @@ void send_oxmsi_connection_establish_rej(oka_mailbox receiver, uint32_t connecti
     send_reject(OXMSI_CONNECTION_ESTABLISH_REJ, receiver, connection_reference, procedure_reference, reason);
 }
 
-void send_oxmsi_connection_close_cfm(const client_record& client, uint32_t procedure_reference) {
+void send_oxmsi_connection_close_cfm(oka_mailbox receiver, const client_record& client,
+                                     uint32_t procedure_reference) {
     TAVU_FUNCTION();
     outgoing<message_header> message(OXMSI_CONNECTION_CLOSE_CFM);
     message->procedure_reference = procedure_reference;
     message->connection_reference = client.connection_reference;
-    send_confirm(message, client, procedure_reference);
+    send_confirm(message, receiver, client, procedure_reference);
 }
 
-void send_oxmsi_capabilities_get_ref(const client_record& client, uint32_t procedure_reference) {
+void send_oxmsi_capabilities_get_ref(oka_mailbox receiver, const client_record& client,
+                                     uint32_t procedure_reference) {
     TAVU_FUNCTION();
     outgoing<oxmsi_capabilities_get_cfm> message(OXMSI_CAPABILITIES_GET_CFM);
     message->header.procedure_reference = procedure_reference;
     message->header.connection_reference = client.connection_reference;
     for (size_t at = 0; at < std::size(capabilities); at++)
         message->capabilities[at] = capabilities[at];
-    send_confirm(message, client, procedure_reference);
+    send_confirm(message, receiver, client, procedure_reference);
 }
 
 } // namespace oxmsi_server
