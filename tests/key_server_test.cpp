@@ -201,7 +201,7 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     pass(179999);
     EXPECT_EQ(heard(), " | ");
 
-    // With another SCI, b starts an AN sequence of its own; that of its old SCI goes on beside it.
+    // With another SCI, b starts an AN sequence of its own; its old SCI gets no further keys.
     a.leave("ca1");
     run();
     heard();
@@ -209,7 +209,7 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     keys_made = 0;
     secure();
     EXPECT_EQ(heard(), secured("0", "1", "7"));
-    EXPECT_EQ(keys_made, 3);
+    EXPECT_EQ(keys_made, 2);
     // Taken out and configured anew, the CA has forgotten everything but the counter.
     EXPECT_TRUE(key_server_remove_ca("ca1"));
     run();
@@ -217,7 +217,7 @@ TEST_F(key_server, goes_on_with_the_an_and_the_names_when_a_ca_is_formed_again) 
     EXPECT_TRUE(key_server_add_ca("ca1"));
     secure();
     EXPECT_EQ(heard(), secured("1", "1", "7"));
-    EXPECT_EQ(key_name(b, MKA_CREATE_TX_SA_RREQ).substr(27), "-9");
+    EXPECT_EQ(key_name(b, MKA_CREATE_TX_SA_RREQ).substr(27), "-8");
 }
 
 TEST_F(key_server, is_not_misled_by_confirmations_that_nobody_awaits) {
@@ -254,10 +254,18 @@ TEST_F(key_server, is_not_misled_by_confirmations_that_nobody_awaits) {
     pass(80000);
     EXPECT_EQ(heard(), refreshed("3"));
 
-    // A second SAK record within one forming is refused.
-    a.confirm(MKA_CREATE_RX_SC_RREQ);
+    // However often: neither requests nor records come of it.
+    const unsigned before = test::allocations();
+    for (int count = 0; count < 1000; count++) {
+        for (uint32_t request : {MKA_CREATE_RX_SC_RREQ, MKA_CREATE_RX_SA_RREQ, MKA_CREATE_TX_SA_RREQ,
+                                 MKA_UPDATE_PROTECT_FRAMES_RREQ})
+            a.confirm(request);
+    }
     run();
-    EXPECT_EQ(heard(), "leave | leave");
+    EXPECT_EQ(heard(), " | ");
+    EXPECT_EQ(test::allocations(), before);
+    pass(180000);
+    EXPECT_EQ(heard(), refreshed("0"));
 }
 
 TEST_F(key_server, cuts_key_names_to_63_characters) {

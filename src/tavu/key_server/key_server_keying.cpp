@@ -9,8 +9,33 @@ namespace tavu::keysrv {
 namespace {
 
 constexpr uint32_t least_configured_members = 2;
+constexpr unsigned most_saks = mka_server_max_clients;
 
 // --- SAKs
+
+// The oldest record that no member has taken up, or null.
+sak_record* find_oldest_set_aside(connectivity_association& ca) {
+    sak_record* oldest = nullptr;
+    for (sak_record& sak : ca.saks) {
+        if (!sak.taken_up)
+            oldest = &sak;
+    }
+    return oldest;
+}
+
+// A new record; null, after an error trace, when memory is short or every record there may be is in use. SCIs
+// that came and went leave records behind, of which the oldest makes room.
+sak_record* add_sak(connectivity_association& ca) {
+    if (ca.saks.size() >= most_saks) {
+        sak_record* oldest = find_oldest_set_aside(ca);
+        if (!oldest) {
+            TRACE_ERROR("KEYSRV: Maximum number of SAKs (%u) of ca %s reached", most_saks, ca.name.c_str());
+            return nullptr;
+        }
+        ca.saks.remove(*oldest);
+    }
+    return ca.saks.add();
+}
 
 // Makes the SAK record of a member whose first receive channel is there: a new one, or the one that it had
 // when the CA was formed before. False when the member has one already or memory is short.
@@ -23,7 +48,7 @@ bool create_sak(connectivity_association& ca, const ca_member& owner) {
         return false;
     }
     if (!sak)
-        sak = ca.saks.add();
+        sak = add_sak(ca);
     if (!sak)
         return false;
     sak->identifier = owner.identifier;
@@ -48,9 +73,12 @@ bool generate_sak(uint32_t key_len, uint8_t* key) {
     return true;
 }
 
-// A new key in every SAK record; false when there is none to be had.
+// A new key in every SAK record; false when there is none to be had. What a CA that was formed again has not
+// taken up is an SCI that no member has any more.
 bool update_keys_in_ca(connectivity_association& ca) {
     KEYSRV_FUNCTION();
+    while (sak_record* left = find_oldest_set_aside(ca))
+        ca.saks.remove(*left);
     for (sak_record& sak : ca.saks) {
         sak.rx_configured = false;
         sak.tx_configured = false;
@@ -135,36 +163,45 @@ void set_protect_frames_of_ca(const connectivity_association& ca) {
 
 // --- What has been confirmed
 
-void update_rx_sc_state(ca_member& member) {
+// What a member confirms is marked. False, after an error trace, when no such confirmation is outstanding: a
+// repeated one must change nothing. `step` is the calling function.
+bool was_outstanding(const ca_member& member, bool outstanding, const char* step = __builtin_FUNCTION()) {
+    if (!outstanding)
+        TRACE_ERROR("KEYSRV: %s: Unexpected msg for client id = %u, CA name = '%s'", step, member.client_id,
+                    member.ca.c_str());
+    return outstanding;
+}
+
+bool update_rx_sc_state(ca_member& member) {
     KEYSRV_FUNCTION();
     rx_sc* channel = member.rx_scs.find([](const rx_sc& candidate) { return !candidate.confirmed; });
-    if (channel)
-        channel->confirmed = true;
+    if (!was_outstanding(member, channel))
+        return false;
+    channel->confirmed = true;
+    return true;
 }
 
-void update_rx_sa_state(ca_member& member) {
+bool update_rx_sa_state(ca_member& member) {
     KEYSRV_FUNCTION();
     rx_sc* channel = member.rx_scs.find([](rx_sc& candidate) { return !candidate.sas.current_confirmed(); });
-    if (channel)
-        channel->sas.current_confirmed() = true;
+    if (!was_outstanding(member, channel))
+        return false;
+    channel->sas.current_confirmed() = true;
+    return true;
 }
 
-void update_tx_sa_state(ca_member& member) {
+bool update_tx_sa_state(ca_member& member) {
     KEYSRV_FUNCTION();
-    if (member.tx_sas.current_confirmed())
-        TRACE_ERROR("KEYSRV: update_tx_sa_state: Unexpected msg for client id = %u, CA name = '%s'",
-                    member.client_id, member.ca.c_str());
+    if (!was_outstanding(member, !member.tx_sas.current_confirmed()))
+        return false;
     member.tx_sas.current_confirmed() = true;
+    return true;
 }
 
-// False when no confirmation was outstanding.
 bool update_protect_frames_state(ca_member& member) {
     KEYSRV_FUNCTION();
-    if (member.protect_frames_confirmed) {
-        TRACE_ERROR("KEYSRV: update_protect_frames_state: Unexpected msg for client id = %u, CA name = '%s'",
-                    member.client_id, member.ca.c_str());
+    if (!was_outstanding(member, !member.protect_frames_confirmed))
         return false;
-    }
     member.protect_frames_confirmed = true;
     return true;
 }
@@ -243,12 +280,8 @@ void handle_ks_ca_member_create_rx_sc_rcfm(uint32_t client_id, const oka_message
     auto [member, ca] = take_confirmation(client_id, message, PROC_REF_RX_SC_CREATE);
     if (!member)
         return;
-    if (member->identifier == null_sci) {
-        TRACE_ERROR("KEYSRV: update_rx_sc_state: Unexpected msg for client id = %u, CA name = '%s'",
-                    client_id, ca->name.c_str());
+    if (!update_rx_sc_state(*member))
         return;
-    }
-    update_rx_sc_state(*member);
     change_ca_member_state(*member, CA_MEMBER_STATE_CONFIGURED_SC);
     if (!create_sak(*ca, *member)) {
         drop_all_ca_members(ca->name);
@@ -276,7 +309,8 @@ void handle_ks_ca_member_create_rx_sa_rcfm(uint32_t client_id, const oka_message
     if (!member)
         return;
     TRACE("KEYSRV: handle_ks_ca_member_create_rx_sa_rcfm: ca = %s client_id=%u", ca->name.c_str(), client_id);
-    update_rx_sa_state(*member);
+    if (!update_rx_sa_state(*member))
+        return;
     if (check_all_rx_sa_confirmed(*ca))
         configure_tx_sas_in_ca(*ca);
     else
@@ -288,7 +322,8 @@ void handle_ks_ca_member_create_tx_sa_rcfm(uint32_t client_id, const oka_message
     auto [member, ca] = take_confirmation(client_id, message, PROC_REF_TX_SA_CREATE);
     if (!member)
         return;
-    update_tx_sa_state(*member);
+    if (!update_tx_sa_state(*member))
+        return;
     change_ca_member_state(*member, CA_MEMBER_STATE_CONFIGURED_SA);
     change_key_refresh_state(*ca, KEY_REFRESH_IDLE);
     if (check_all_tx_sa_confirmed(*ca))
@@ -302,8 +337,8 @@ void handle_mka_client_update_protect_frames_rcfm(uint32_t client_id, const oka_
     auto [member, ca] = take_confirmation(client_id, message, PROC_REF_PROTECT_FRAMES);
     if (!member)
         return;
-    // One that comes twice must not put off the next refresh. A member that is not secured yet is believed:
-    // its request is not outstanding when there was no memory to await the answer.
+    // A member that is not secured yet is believed: its request is not outstanding when there was no memory
+    // to await the answer.
     if (!update_protect_frames_state(*member) && member->state != CA_MEMBER_STATE_CONFIGURED_SA)
         return;
     change_ca_member_state(*member, CA_MEMBER_STATE_SECURED);
@@ -324,6 +359,8 @@ void handle_key_refresh_timeout_ind(const oka_message* message) {
         TRACE_ERROR("KEYSRV: ca = %s not found", indication->ca.printable().c_str());
         return;
     }
+    // An expiry that crossed its cancellation must not leave the timer that runs by then beside the next one.
+    oka_timer_cancel(ca->key_refresh_timer);
     ca->key_refresh_timer = 0;
     switch (ca->refresh_state) {
     case KEY_REFRESH_ONGOING:
