@@ -22,6 +22,7 @@ struct {
     bool kay_create = true;
     bool kay_connect = true;
     bool kay_fails_at_once = false; // and says so before kay_connect_secured returns
+    kay_state_change_ind kay_now = {};
     kay_state_change_ind unauthenticated = {false, false, KAY_CP_OPER_ENABLED, MACSEC_ENCRYPTION_DISABLED};
 } fake;
 
@@ -42,6 +43,10 @@ bool kay_start() {
 }
 bool kay_stop() {
     fake.calls += "stop\n";
+    return true;
+}
+bool kay_get_state(const char*, kay_state_change_ind& indication) {
+    indication = fake.kay_now;
     return true;
 }
 bool kay_create_instance(const char* port) {
@@ -288,6 +293,29 @@ TEST_F(port_manager_test, a_failure_is_confirmed_once_and_tried_again_every_seco
     EXPECT_EQ(state("IDL_B1"), TAVU_PM_STATE_FAILED);
     EXPECT_EQ(client_.heard(), "ADDED_CFM 2 IDL_B1 oper 0 encryption 0\n");
     EXPECT_EQ(oka::simulation::live().timers, 1u);
+}
+
+TEST_F(port_manager_test, a_kay_that_has_nothing_to_report_is_asked) {
+    // It fails again in the state in which it is already.
+    fake.kay_now = failed;
+    client_.add("IDL_A1");
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+    EXPECT_EQ(client_.heard(), "ADDED_CFM 1 IDL_A1 oper 0 encryption 0\n");
+    advance(1000);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_FAILED);
+    // It is secured, and was so all the time.
+    fake.kay_now = succeeded;
+    client_.update("IDL_A1", OXMSI_LTM_LINK_STATUS_UP);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
+    EXPECT_EQ(client_.heard(), "UPDATED_CFM 2 IDL_A1 oper 1 encryption 1\n");
+    // In its CA, but no frame passes yet.
+    report("IDL_A1", failed);
+    fake.kay_now = {false, true, KAY_CP_OPER_DISABLED, MACSEC_ENCRYPTION_ENABLED};
+    advance(1000);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINING);
+    report("IDL_A1", succeeded);
+    EXPECT_EQ(state("IDL_A1"), TAVU_PM_STATE_CA_JOINED);
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
 }
 
 TEST_F(port_manager_test, an_unauthenticated_role_can_fail_too) {

@@ -158,6 +158,56 @@ uint32_t oxpcsi_line_rate_to_mka_port_speed(uint32_t line_rate) {
     return port_speed;
 }
 
+// What the KaY says of itself; the port is on its way to a CA, or in one, or the KaY is late.
+void take_kay_state(tavu_pm_data& port, const kay_state_change_ind& indication) {
+    const char* name = port.port.c_str();
+    change_encryption_state(port, indication.encryption_state);
+    bool operational = indication.port_valid && indication.oper_state == KAY_CP_OPER_ENABLED;
+    switch (port.state) {
+    case TAVU_PM_STATE_CA_JOINING:
+        if (indication.error) {
+            TRACE("TAVU: KaY connect failed on port '%s'", name);
+            handle_failure(port);
+        } else if (operational) {
+            TRACE("TAVU: KaY connect success on port '%s'", name);
+            change_port_valid(port, true);
+            change_state(port, TAVU_PM_STATE_CA_JOINED);
+            fire_oxmsi_pending_procedure_response(port);
+        } else {
+            TRACE("TAVU: Keep waiting for KaY success or failure on port '%s'", name);
+        }
+        return;
+    case TAVU_PM_STATE_CA_JOINED:
+        if (!indication.error && operational) {
+            TRACE("TAVU: KaY is still operational on port '%s'", name);
+        } else {
+            TRACE("TAVU: KaY failure on port '%s'", name);
+            handle_failure(port);
+        }
+        return;
+    case TAVU_PM_STATE_INITIAL:
+    case TAVU_PM_STATE_UNAUTHENTICATED:
+    case TAVU_PM_STATE_FAILED:
+        break;
+    }
+    TRACE("TAVU: WARNING: handle_kay_state_change_ind called in wrong state: current: '%s', expected: "
+          "'TAVU_PM_STATE_CA_JOINING or TAVU_PM_STATE_CA_JOINED'",
+          state_to_str(port.state));
+}
+
+// A KaY reports changes. One that fails again, or is secured already, has none to report: what it is now is
+// the answer. False when it has failed.
+bool take_unreported_kay_state(tavu_pm_data& port) {
+    kay_state_change_ind present = {};
+    if (port.state != TAVU_PM_STATE_CA_JOINING || !kay_get_state(port.port.c_str(), present))
+        return true;
+    if (present.error)
+        return false;
+    if (present.port_valid)
+        take_kay_state(port, present);
+    return true;
+}
+
 bool set_secured(tavu_pm_data& port) {
     change_state(port, TAVU_PM_STATE_CA_JOINING);
     oxpcsi_port_data port_data;
@@ -175,14 +225,14 @@ bool set_secured(tavu_pm_data& port) {
     options.use_scb = false;
     options.always_use_sci = true;
     options.validate_frames = OXHAL_MACSEC_VALIDATE_FRAMES_STRICT;
-    if (!kay_connect_secured(port.port.c_str(), port.ca.c_str(), port.key_server.c_str(), options)) {
+    change_port_valid(port, false); // until the KaY reports
+    bool connects =
+        kay_connect_secured(port.port.c_str(), port.ca.c_str(), port.key_server.c_str(), options) &&
+        take_unreported_kay_state(port);
+    if (!connects)
         TRACE_ERROR("TAVU: Could not set MACsec role '%s' for port '%s'",
                     kay_macsec_role_to_str(MACSEC_ROLE_SECURED), port.port.c_str());
-        return false;
-    }
-    // Until the KaY reports.
-    change_port_valid(port, false);
-    return true;
+    return connects;
 }
 
 } // namespace
@@ -286,38 +336,7 @@ void handle_kay_state_change_ind(const char* name, const kay_state_change_ind& i
           bool_to_str(indication.error), bool_to_str(indication.port_valid),
           cp_oper_state_to_str(indication.oper_state),
           macsec_encryption_state_to_str(indication.encryption_state));
-    change_encryption_state(*port, indication.encryption_state);
-    bool operational = indication.port_valid && indication.oper_state == KAY_CP_OPER_ENABLED;
-    switch (port->state) {
-    case TAVU_PM_STATE_CA_JOINING:
-        if (indication.error) {
-            TRACE("TAVU: KaY connect failed on port '%s'", name);
-            handle_failure(*port);
-        } else if (operational) {
-            TRACE("TAVU: KaY connect success on port '%s'", name);
-            change_port_valid(*port, true);
-            change_state(*port, TAVU_PM_STATE_CA_JOINED);
-            fire_oxmsi_pending_procedure_response(*port);
-        } else {
-            TRACE("TAVU: Keep waiting for KaY success or failure on port '%s'", name);
-        }
-        return;
-    case TAVU_PM_STATE_CA_JOINED:
-        if (!indication.error && operational) {
-            TRACE("TAVU: KaY is still operational on port '%s'", name);
-        } else {
-            TRACE("TAVU: KaY failure on port '%s'", name);
-            handle_failure(*port);
-        }
-        return;
-    case TAVU_PM_STATE_INITIAL:
-    case TAVU_PM_STATE_UNAUTHENTICATED:
-    case TAVU_PM_STATE_FAILED:
-        break;
-    }
-    TRACE("TAVU: WARNING: handle_kay_state_change_ind called in wrong state: current: '%s', expected: "
-          "'TAVU_PM_STATE_CA_JOINING or TAVU_PM_STATE_CA_JOINED'",
-          state_to_str(port->state));
+    take_kay_state(*port, indication);
 }
 
 } // namespace tavu::port_manager
