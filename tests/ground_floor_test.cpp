@@ -160,7 +160,8 @@ class stderr_test : public ground_floor {
     }
     std::string drain() {
         std::string text(1 << 20, '\0');
-        ssize_t size = read(ends_[0], text.data(), text.size());
+        pollfd in = {.fd = ends_[0], .events = POLLIN, .revents = 0};
+        ssize_t size = poll(&in, 1, 0) > 0 ? read(ends_[0], text.data(), text.size()) : 0;
         text.resize(size > 0 ? static_cast<size_t>(size) : 0);
         return text;
     }
@@ -200,19 +201,55 @@ TEST_F(stderr_test, what_a_full_pipe_lost_is_counted_and_the_last_errors_are_kep
     EXPECT_EQ(drain(), "<3>error port.cpp:12 TAVU: and again\n");
 }
 
+std::string line_of(int line, const std::string& text) {
+    return "<3>error port.cpp:" + std::to_string(line) + " " + text + "\n";
+}
+
+TEST_F(stderr_test, a_place_that_repeats_is_bounded_and_counted_and_others_are_not_affected) {
+    const std::string bounded =
+        line_of(12, "ZEB: repeats too often, and is only counted until the minute is over");
+    std::string expected;
+    for (int number = 1; number <= 1000; number++) {
+        trace(std::to_string(number).c_str());
+        if (number <= 100)
+            expected += line_of(12, std::to_string(number));
+    }
+    EXPECT_EQ(drain(), expected + bounded);
+    lttngZebTrace(ZEB_GROUP_ERROR, "port.cpp", 13, "another line", &procInfo);
+    lttngZebTrace(ZEB_GROUP_INFO, "port.cpp", 12, "another group", &procInfo);
+    EXPECT_EQ(drain(), line_of(13, "another line") + "<6>info port.cpp:12 another group\n");
+    for (int number = 1; number <= 1000; number++)
+        lttngZebTrace(ZEB_GROUP_TRACE, "port.cpp", 12, "for debugging", &procInfo);
+    EXPECT_EQ(drain().size(), 1000 * strlen("<7>trace port.cpp:12 for debugging\n"));
+
+    advance(59'000);
+    trace("still");
+    EXPECT_EQ(drain(), "");
+    advance(61'000);
+    trace("calm again");
+    EXPECT_EQ(drain(),
+              line_of(12, "ZEB: repeated 901 times within a minute, not shown") + line_of(12, "calm again"));
+}
+
 TEST_F(stderr_test, the_end_of_a_process_waits_for_its_last_error_to_be_read) {
     fill();
     pid_t ending = fork();
     if (ending == 0) {
         (void)zeb_init();
-        trace("TAVU: the reason");
+        for (int times = 0; times < 103; times++)
+            trace("TAVU: the reason");
         exit(1);
     }
     usleep(50'000);
     EXPECT_EQ(waitpid(ending, nullptr, WNOHANG), 0);
     drain();
     waitpid(ending, nullptr, 0);
-    EXPECT_EQ(drain(), "<3>error port.cpp:12 TAVU: the reason\n");
+    const std::string lines = drain();
+    EXPECT_TRUE(
+        lines.ends_with(line_of(12, "TAVU: the reason") +
+                        line_of(12, "ZEB: repeats too often, and is only counted until the minute is over") +
+                        line_of(12, "ZEB: repeated 3 times within a minute, not shown")))
+        << lines;
 }
 
 } // namespace

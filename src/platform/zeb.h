@@ -44,7 +44,8 @@ int zeb_init(void);
 /* Names the trace provider of the calling thread; the text is copied. */
 void zeb_register_thread_name(const char* name);
 
-/* Emits one record. `text` may be NULL (return records have none). */
+/* Emits one record. `text` may be NULL (return records have none). The file's name is of a literal: a sink
+ * may keep the pointer, to count what repeats. */
 void lttngZebTrace(uint32_t group, const char* short_file_name, int line, const char* text,
                    const zeb_proc_info* proc_info);
 

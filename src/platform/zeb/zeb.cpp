@@ -1,7 +1,7 @@
 // The trace service on Linux: text lines on stderr for the journal, groups chosen by ZEB_TRACE, and with
 // ZEB_STAMP=yes the monotonic time before each, for consoles that keep none. Nothing waits for the reader of
 // traces, but the end of a process for a moment: when a pipe is full, errors are kept and other lines
-// counted.
+// counted. A place in the code writes a bounded number of lines a minute in the default groups.
 #include "platform/zeb.h"
 
 #include <algorithm>
@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "platform/words.h"
+#include "platform/zeb/repetition.h"
 #include "platform/zeb/zeb_sink.h"
 #include "platform/zeb_names.h"
 
@@ -28,6 +29,8 @@ constexpr uint32_t bit(uint32_t group) {
 }
 
 constexpr uint32_t default_mask = bit(ZEB_GROUP_ERROR) | bit(ZEB_GROUP_INFO) | bit(ZEB_GROUP_STATE_CHANGE);
+// Others are for debugging, and written in full.
+constexpr uint32_t bounded_groups = default_mask;
 
 struct group_row {
     uint32_t mask;
@@ -149,7 +152,7 @@ bool write_unread(int patience_ms) {
     return unread.kept_count == 0;
 }
 
-void write_to_stderr(const zeb::record& record) {
+void write_or_keep(const zeb::record& record) {
     line fresh;
     format_line(record, fresh);
     if (write_unread(0) && write_line(fresh, 0))
@@ -160,8 +163,39 @@ void write_to_stderr(const zeb::record& record) {
         unread.lost++;
 }
 
+// --- Lines that repeat
+
+uint64_t monotonic_ms() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+uint64_t (*now_ms)() = monotonic_ms;
+
+void write_bounded(const zeb::record& record) {
+    const uint64_t now = now_ms();
+    if (zeb::minute_is_over(now))
+        zeb::tell_repetitions(write_or_keep);
+    const zeb::admission admitted = zeb::admit(record, now);
+    if (admitted == zeb::admission::count)
+        return;
+    write_or_keep(record);
+    if (admitted == zeb::admission::write_as_last)
+        write_or_keep({record.group, record.file, record.line,
+                       "ZEB: repeats too often, and is only counted until the minute is over"});
+}
+
+void write_to_stderr(const zeb::record& record) {
+    if (bounded_groups & bit(record.group))
+        write_bounded(record);
+    else
+        write_or_keep(record);
+}
+
 // The last errors tell why the process ended, so this waits for a moment.
 void write_unread_at_the_end() {
+    zeb::tell_repetitions(write_or_keep);
     (void)write_unread(patience_at_the_end_ms);
 }
 
@@ -181,6 +215,10 @@ namespace zeb {
 
 void set_sink(sink new_sink) {
     current_sink = new_sink ? new_sink : write_to_stderr;
+}
+
+void set_clock(uint64_t (*new_now_ms)()) {
+    now_ms = new_now_ms ? new_now_ms : monotonic_ms;
 }
 
 bool read_mask(std::string_view text, uint32_t& mask, char* wrong, size_t size) {

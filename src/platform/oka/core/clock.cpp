@@ -3,6 +3,7 @@
 #include "platform/oka/core/core_internal.h"
 #include "platform/oka/core/linux_clock.h"
 #include "platform/oka_clock.h"
+#include "platform/zeb/zeb_sink.h"
 
 namespace {
 
@@ -18,6 +19,7 @@ namespace oka {
 
 void plug_clock(const clock* plugged) {
     plugged_clock = plugged;
+    zeb::set_clock(plugged ? oka_now_ms : nullptr);
 }
 
 bool clock_plugged() {
