@@ -343,6 +343,19 @@ TEST_F(oxhal_kernel, what_an_earlier_process_left_is_emptied_or_replaced) {
     expect_ten(macsec, false);
 }
 
+// Its interface came late or has another address by now.
+TEST_F(oxhal_kernel, a_port_may_have_another_sci_than_its_interfaces_address) {
+    start_and_bring_up();
+    a.own = b.peer = {{0x02, 0, 0, 0, 0, 0x77, 0, 0}};
+    ASSERT_EQ(oxhal_macsec_transmit_sc_create(a.port, a.own), 0);
+    unsigned made = if_nametoindex("sec-a1");
+    ASSERT_EQ(oxhal_macsec_transmit_sc_delete(a.port, a.own), 0);
+    run("ip link set sec-a1 up");
+    secure();
+    EXPECT_EQ(if_nametoindex("sec-a1"), made);
+    expect_ten(macsec, false);
+}
+
 TEST_F(oxhal_kernel, an_interface_of_another_kind_is_left_alone) {
     run("ip link del sec-a1 2>/dev/null; ip link add sec-a1 type veth peer name other");
     ASSERT_EQ(oxhal_init(), 0);

@@ -29,7 +29,7 @@ int main() {
         if (message->number == simulate::PORT_IS && oka_size(message) == sizeof(simulate::port_is)) {
             auto& told = *reinterpret_cast<const simulate::port_is*>(message);
             bool is_up = told.is_up != 0;
-            serves = oxpcsi::port_control_server_update(
+            oxpcsi::port_control_server_update(
                 told.port, {.present = true,
                             .unlocked = true,
                             .enabled = is_up,

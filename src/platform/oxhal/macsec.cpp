@@ -106,8 +106,6 @@ void set_filters(const port& on, unsigned common_index, const settings& wanted) 
 
 // Finds the controlled port, or makes it; what is in its place without fitting is replaced.
 int find_or_create(const port& on, const kernel::interface& common, bool& kept) {
-    oxhal_macsec_sci sci = {};
-    memcpy(sci.octets, common.address, sizeof common.address);
     kernel::interface controlled;
     int error = kernel::find_interface(on.controlled_port, controlled);
     if (error && error != ENODEV)
@@ -120,11 +118,15 @@ int find_or_create(const port& on, const kernel::interface& common, bool& kept) 
                         on.name, on.controlled_port);
             return EEXIST;
         }
-        kept = controlled.lower == common.index && is_same(controlled.sci, sci);
+        // With another port identifier it is none that was made here.
+        kept = controlled.lower == common.index && !controlled.sci.octets[6] && !controlled.sci.octets[7];
         error = kept ? 0 : delete_interface(on, controlled.index);
         if (kept || error)
             return error;
     }
+    oxhal_macsec_sci sci = on.sci;
+    if (is_same(sci, {})) // there was no transmit channel yet, and this is what it usually has
+        memcpy(sci.octets, common.address, sizeof common.address);
     return create_interface(on, common.index, sci);
 }
 
@@ -236,18 +238,31 @@ int configure(port& on, const settings& wanted) {
     return error;
 }
 
-int create_transmit_channel(const port& on, const oxhal_macsec_sci& sci) {
+// The transmit channel is a part of the interface, and the kernel does not change its SCI: the interface is
+// made anew, for which it must be empty.
+int create_transmit_channel(port& on, const oxhal_macsec_sci& sci) {
     kernel::interface controlled;
     int error = kernel::find_interface(on.controlled_port, controlled);
     if (error)
         return FAILED_ROUTE(error, "'%s' cannot be read", on.controlled_port);
+    on.sci = sci;
     if (is_same(controlled.sci, sci))
         return 0;
-    OXHAL_ERROR("%s: the transmit channel's SCI is not that of '%s', which is the address of '%s' and port "
-                "identifier "
-                "0; if the address was changed, delete '%s' and it is made anew",
-                on.name, on.controlled_port, on.common_port, on.controlled_port);
-    return EINVAL;
+    for (const channel& each : on.receive) {
+        if (each.exists) {
+            OXHAL_ERROR(
+                "%s: '%s' has another SCI than its transmit channel is to have, and receive channels already",
+                on.name, on.controlled_port);
+            return EINVAL;
+        }
+    }
+    error = delete_interface(on, controlled.index);
+    if (!error)
+        error = create_interface(on, controlled.lower, sci);
+    on.controlled_port_index = error ? 0 : if_nametoindex(on.controlled_port);
+    if (!error)
+        set_filters(on, controlled.lower, on.wanted);
+    return error;
 }
 
 int create_channel(port& on, direction way, const oxhal_macsec_sci& sci) {

@@ -86,7 +86,8 @@ struct port {
     char controlled_port[OXHAL_INTERFACE_NAME_SIZE];
     unsigned controlled_port_index; // the driver's, 0 while there is none
     bool enabled;
-    settings wanted; // kept while there is no controlled port, and given to it when it comes
+    settings wanted;      // kept while there is no controlled port, and given to it when it comes
+    oxhal_macsec_sci sci; // the driver's: that of the last transmit channel; zero before the first
     channel transmit;
     channel receive[max_receive_channels];
 };

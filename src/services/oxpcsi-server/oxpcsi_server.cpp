@@ -96,7 +96,7 @@ std::string add_hardware_ports(settings& parsed) {
 // --- The process.
 
 void handle_port_changed(size_t port, const port_facts& facts) {
-    self.serving &= port_control_server_update(port, facts);
+    port_control_server_update(port, facts);
 }
 
 // The server is published only now, so that it can answer all questions of its clients.

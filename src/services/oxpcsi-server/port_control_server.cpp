@@ -1,10 +1,12 @@
 #include "services/oxpcsi-server/port_control_server.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/dispatch.h"
 #include "base/record_list.h"
 #include "base/trace.h"
+#include "services/oxpcsi-server/port_identity.h"
 
 namespace oxpcsi {
 
@@ -17,6 +19,7 @@ struct port {
     port_name interface;
     uint32_t role;
     port_facts facts;
+    port_identity identity; // no_identity until there is one, then for good
 };
 
 struct client {
@@ -24,7 +27,6 @@ struct client {
     uint32_t own_reference; // chosen by the client; in every message to it
     uint32_t reference;     // chosen by this server; in every request
     oka_monitor_ref monitor;
-    bool knows_addresses;
 };
 
 struct subscription {
@@ -40,7 +42,6 @@ struct header_alone {
 };
 
 struct {
-    oka_mailbox root = OKA_MAILBOX_NONE;
     oka_mailbox mailbox = OKA_MAILBOX_NONE;
     port ports[ports_max];
     size_t port_count;
@@ -85,10 +86,26 @@ void send_header_alone(const address& to, uint32_t number) {
     send(to, message);
 }
 
-void fill_entry(oxpcsi_port_entry& entry, const port& described) {
+bool is_taken(const port_identity& identity) {
+    return std::any_of(self.ports, self.ports + self.port_count,
+                       [&](const port& other) { return other.identity == identity; });
+}
+
+// The address of the interface, unless there is none yet, or two interfaces share it.
+void identify(port& one) {
+    if (one.identity != no_identity)
+        return;
+    port_identity address = std::to_array(one.facts.mac_address);
+    if (address != no_identity && !is_taken(address))
+        one.identity = address;
+}
+
+void fill_entry(oxpcsi_port_entry& entry, port& described) {
+    if (described.identity == no_identity)
+        described.identity = derive_identity(described.name.c_str());
     entry.port_role = described.role;
     entry.votk_id = described.facts.index;
-    memcpy(entry.mac_address, described.facts.mac_address, sizeof entry.mac_address);
+    memcpy(entry.mac_address, described.identity.data(), sizeof entry.mac_address);
     entry.port = described.name;
     entry.if_name = described.interface;
 }
@@ -243,7 +260,6 @@ void handle_get_eth_port_support_req(const oka_message* message) {
     client* from = accept_request(message, sizeof(message_header), true);
     if (!from)
         return;
-    from->knows_addresses = true;
     send_ports(answer_to(message, *from));
 }
 
@@ -324,10 +340,6 @@ constexpr dispatch_row handlers[] = {
     {CLIENT_DOWN_IND, handle_client_down_ind, origin::PREPARED},
 };
 
-bool clients_know_addresses() {
-    return self.clients.find([](client& any) { return any.knows_addresses; }) != nullptr;
-}
-
 } // namespace
 
 void port_control_server_init(const port_setting* ports, size_t count, const char* name_space) {
@@ -337,12 +349,12 @@ void port_control_server_init(const port_setting* ports, size_t count, const cha
         self.ports[i].interface.assign(ports[i].interface);
         self.ports[i].role = OXPCSI_PORT_ROLE_IDL;
         self.ports[i].facts = {};
+        self.ports[i].identity = no_identity;
     }
     self.name_space.assign(name_space);
 }
 
 bool port_control_server_start(oka_mailbox root) {
-    self.root = root;
     self.mailbox = oka_clone_mailbox(root, server_mailbox_name);
     if (self.mailbox == OKA_MAILBOX_NONE) {
         TRACE_ERROR("OXPCSI: The mailbox '%s' cannot be had; does another one run in this unit?",
@@ -360,7 +372,7 @@ void port_control_server_stop() {
     self.mailbox = OKA_MAILBOX_NONE;
 }
 
-bool port_control_server_update(size_t index, const port_facts& facts) {
+void port_control_server_update(size_t index, const port_facts& facts) {
     port& updated = self.ports[index];
     TRACE_INFO("OXPCSI: Port '%s' (%s): %s, %s, %s, %u Mbit/s", updated.name.c_str(),
                updated.interface.c_str(), facts.present ? "present" : "not present",
@@ -368,21 +380,14 @@ bool port_control_server_update(size_t index, const port_facts& facts) {
                facts.line_rate);
     const port_facts known = updated.facts;
     updated.facts = facts;
-    if (memcmp(known.mac_address, facts.mac_address, sizeof known.mac_address) != 0 &&
-        clients_know_addresses()) {
-        TRACE_INFO("OXPCSI: The address of port '%s' has changed; every client starts over",
-                   updated.name.c_str());
-        port_control_server_stop();
-        return port_control_server_start(self.root);
-    }
+    identify(updated);
     if (known.present == facts.present && known.unlocked == facts.unlocked &&
         known.enabled == facts.enabled && known.line_rate == facts.line_rate)
-        return true;
+        return;
     for (subscription& of : self.subscriptions) {
         if (covers(of, updated))
             send_status(of, updated);
     }
-    return true;
 }
 
 bool port_control_server_dispatch_message(const oka_message* message) {

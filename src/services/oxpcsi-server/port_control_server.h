@@ -4,8 +4,8 @@
 // A client is identified by its mailbox and the connection reference that it chose. It is given a second
 // reference, which its later requests contain, and is removed when it terminates or its mailbox is gone. The
 // protocol can indicate a port's states but not its address, from which clients derive lasting identifiers.
-// Therefore, when an address changes that a client was told, the server deletes its mailbox and creates it
-// again, and the clients start again as if the server had been restarted.
+// Therefore a port keeps the address that its interface had first, or one of its own when a client asks
+// before there is an interface: one that comes late, or changes, costs the other ports nothing.
 #pragma once
 
 #include "protocols/oxpcsi_messages.h"
@@ -29,9 +29,8 @@ void port_control_server_init(const port_setting* ports, size_t count, const cha
 [[nodiscard]] bool port_control_server_start(oka_mailbox root);
 void port_control_server_stop();
 
-// Sets the port's facts; called before the start too. False when the server had to create its mailbox again
-// and could not. Then it serves no longer.
-[[nodiscard]] bool port_control_server_update(size_t port, const port_facts& facts);
+// Sets the port's facts; called before the start too.
+void port_control_server_update(size_t port, const port_facts& facts);
 
 // True when the message was for the server's mailbox.
 bool port_control_server_dispatch_message(const oka_message* message);
