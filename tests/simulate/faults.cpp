@@ -31,6 +31,8 @@ constexpr struct {
     {"not found (id=", any_fault},
     {"element not found (client_id=", any_fault},
     {"TAVU: Could not set MACsec role 'MACSEC_ROLE_UNAUTHENTICATED'", any_fault},
+    // Hours of disturbances repeat what they do.
+    {"ZEB: repeat", any_fault},
     {"TAVU: Could not set MACsec role 'MACSEC_ROLE_SECURED'", any_of(SECY_FAILS)},
     // It joins again before its former incarnation is noticed to be gone.
     {"requested an SCI value that is already used", any_fault},
