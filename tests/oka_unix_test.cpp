@@ -131,6 +131,11 @@ class unix_test : public testing::Test {
 
     std::string socket_path(const char* name) const { return directory.path + "/here/" + name; }
 
+    bool is_socket(const char* name) const {
+        struct stat status;
+        return lstat(socket_path(name).c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+    }
+
     // A raw client that the service takes for a peer.
     raw_client attached_client() const {
         raw_client client(socket_path("root"));
@@ -321,11 +326,13 @@ TEST_F(unix_test, only_the_same_user_root_and_an_open_folders_group_are_answered
         gid_t primary;
         gid_t supplementary;
         bool answered;
+        uid_t owner = 0;
     } rows[] = {
         {"another user", 0771, another, another, false},
         {"a member of the group", 0771, group, another, true},
         {"a member by a supplementary group", 0771, another, group, true},
         {"a member, and the folder is closed to its group", 0701, group, group, false},
+        {"the folder's owner", 0701, another, another, true, another},
     };
     start();
     // The file system would keep most of them out already; it is made to let everyone through.
@@ -339,6 +346,7 @@ TEST_F(unix_test, only_the_same_user_root_and_an_open_folders_group_are_answered
         raw_client client(socket_path("root"));
         ASSERT_TRUE(!seteuid(0) && !setegid(0) && !setgroups(0, nullptr));
         ASSERT_TRUE(client.connected) << row.what;
+        ASSERT_EQ(chown(folder.c_str(), row.owner, group), 0);
         chmod(folder.c_str(), row.folder_mode);
         client.send_hex(hello);
         settle();
@@ -361,7 +369,41 @@ TEST_F(unix_test, a_group_that_has_the_directory_has_the_folders_of_its_units) {
     start();
     struct stat status;
     ASSERT_EQ(stat((directory.path + "/here").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 02770u);
+    EXPECT_EQ(status.st_mode & 07777, 03770u);
+}
+
+TEST_F(unix_test, a_folder_in_that_of_the_unit_holds_the_mailboxes_of_its_name) {
+    agent_process process("here");
+    start();
+    ASSERT_EQ(mkdir(socket_path("oxmsi").c_str(), 0700), 0);
+    ASSERT_EQ(mkdir(socket_path("mka-client").c_str(), 0700), 0);
+    const struct {
+        const char* name;
+        const char* place;
+    } rows[] = {
+        {"oxmsi", "oxmsi/oxmsi"},       {"mka-client-12", "mka-client/mka-client-12"},
+        {"mka-client-", "mka-client-"}, {"mka-client12", "mka-client12"},
+        {"oxmsi-", "oxmsi-"},
+    };
+    for (const auto& row : rows) {
+        oka_mailbox made = oka_clone_mailbox(root, row.name);
+        EXPECT_TRUE(is_socket(row.place)) << row.name;
+        EXPECT_TRUE(raw_client(socket_path(row.place)).connected) << row.name;
+        EXPECT_EQ(oka_clone_mailbox(root, row.name), OKA_MAILBOX_NONE) << row.name;
+        oka_delete_mailbox(made);
+        EXPECT_FALSE(is_socket(row.place)) << row.name;
+    }
+    // It is found there, and put back there when it was removed.
+    ASSERT_EQ(mkdir(socket_path("agent").c_str(), 0700), 0);
+    locate("agent", root, 1);
+    settle();
+    process.start();
+    EXPECT_EQ(receive().number, 1u);
+    EXPECT_TRUE(is_socket("agent/agent"));
+    oka_clone_mailbox(root, "oxmsi");
+    ASSERT_EQ(unlink(socket_path("oxmsi/oxmsi").c_str()), 0);
+    EXPECT_FALSE(receive(1'100));
+    EXPECT_TRUE(is_socket("oxmsi/oxmsi"));
 }
 
 TEST_F(unix_test, long_paths_are_reached) {

@@ -40,8 +40,8 @@ struct family {
     void (*withdraw)(const mailbox_address& at, const published_socket& published) = nullptr;
     // Whether it can still be found. Null when it always can.
     bool (*is_in_place)(const mailbox_address& at, const published_socket& published) = nullptr;
-    // Calls restore_listeners when one may not be found any more. Null when they always are.
-    void (*watch_places)() = nullptr;
+    // Calls restore_listeners when it may not be found any more. Null when it always is.
+    void (*watch_place)(const mailbox_address& at) = nullptr;
     // Who is behind an accepted socket: the process, between hosts its machine. False, after reporting why,
     // when it may not connect.
     bool (*may_connect)(int fd, const mailbox_address& to, uint32_t& peer);

@@ -137,24 +137,21 @@ bool is_in_place(const listener& each) {
     return each.socket.fd >= 0 && (!each.over->is_in_place || each.over->is_in_place(each.at(), each.socket));
 }
 
-void watch_places(const family& over) {
-    if (over.watch_places)
-        over.watch_places();
+void watch_place(const listener& of) {
+    if (of.over->watch_place)
+        of.over->watch_place(of.at());
 }
 
 // Existing connections do not need the name of the socket; new ones do.
 void restore_sockets(void*) {
     listeners.restore_timer = 0;
     bool complete = true;
-    const family* watched = nullptr;
     for (listener* each = listeners.all; each; each = each->next) {
         if (!is_in_place(*each)) {
             close_socket(*each);
             complete &= open_socket(*each) == 0;
         }
-        if (each->over != watched)
-            watch_places(*each->over);
-        watched = each->over;
+        watch_place(*each);
     }
     if (complete)
         listeners.restore.reset();
@@ -180,8 +177,7 @@ bool announce_listener(const family& over, oka_mailbox mailbox, const char* name
     }
     if (error)
         restore_listeners();
-    if (is_first)
-        watch_places(over);
+    watch_place(*fresh);
     fresh->next = listeners.all;
     listeners.all = fresh;
     return true;

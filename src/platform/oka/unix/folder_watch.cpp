@@ -92,8 +92,8 @@ bool watch_deepest(const folder_watch& watch, char* path, uint32_t events) {
 
 } // namespace
 
-bool watch_folder(folder_watch& watch, const unit_folder& folder, uint32_t events) {
-    unit_folder copy = folder;
+bool watch_folder(folder_watch& watch, const folder_path& folder, uint32_t events) {
+    folder_path copy = folder;
     if (!open_folder_watch(watch) || !watch_deepest(watch, copy.path, events))
         return false;
     // A folder further up may be renamed, and then the whole path is gone.

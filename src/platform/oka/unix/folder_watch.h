@@ -20,7 +20,7 @@ struct folder_watch {
 // Watches the folder for `events` (inotify's). If it does not exist, watches the deepest part of its path
 // that does, until the next part appears. Watches every part for being removed. False, with errno, when the
 // kernel refuses.
-bool watch_folder(folder_watch& watch, const unit_folder& folder, uint32_t events);
+bool watch_folder(folder_watch& watch, const folder_path& folder, uint32_t events);
 // Ends all watches.
 void close_folder_watch(folder_watch& watch);
 

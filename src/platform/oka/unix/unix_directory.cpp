@@ -72,11 +72,12 @@ int new_socket() {
 }
 
 // Folders below the messaging directory are open to its group, if the directory is, and else to this user.
+// Members of the group cannot remove each other's sockets.
 mode_t mode_of_new_folder(const char* path) {
     struct stat root;
     bool for_group = strlen(path) > directory.root_length && stat(directory.root, &root) == 0 &&
                      (root.st_mode & S_ISGID) && (root.st_mode & S_IXGRP);
-    return for_group ? 0770 : 0700;
+    return for_group ? 01770 : 0700;
 }
 
 // The kernel takes the group, and the bit that passes it on, from the folder above.
@@ -91,7 +92,7 @@ bool make_directory(const char* path) {
 
 // Creates what is missing of the path.
 bool make_directories(const char* path) {
-    char part[sizeof(unit_folder::path)];
+    char part[sizeof(folder_path::path)];
     snprintf(part, sizeof part, "%s", path);
     for (char* slash = strchr(part + 1, '/');; slash = strchr(slash + 1, '/')) {
         if (slash)
@@ -105,7 +106,7 @@ bool make_directories(const char* path) {
 }
 
 // Makes the folder again if it was removed since the start.
-int open_and_keep(const unit_folder& folder) {
+int open_and_keep(const folder_path& folder) {
     int fd = open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT && make_directories(folder.path))
         fd = open(folder.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -192,7 +193,7 @@ bool is_file_of(const published_socket& published, int folder, const char* name)
            status.st_dev == published.identity[0] && status.st_ino == published.identity[1];
 }
 
-int open_path(const unit_folder& folder) {
+int open_path(const folder_path& folder) {
     return open(folder.path, O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
@@ -208,6 +209,34 @@ bool in_group(int socket, gid_t group) {
     }
     free(groups);
     return found;
+}
+
+folder_path folder_of_unit(const char* unit) {
+    static_assert(sizeof directory.root + OKA_UNIT_PATH_SIZE + OKA_MAILBOX_NAME_SIZE <=
+                  sizeof(folder_path::path));
+    folder_path folder;
+    snprintf(folder.path, sizeof folder.path, "%s/%s", directory.root, unit);
+    return folder;
+}
+
+// "tavuctl" of "tavuctl-17"; the whole of a name that does not end in a number.
+size_t length_without_number(const char* name) {
+    const size_t length = strlen(name);
+    size_t stem = length;
+    while (stem > 0 && name[stem - 1] >= '0' && name[stem - 1] <= '9')
+        --stem;
+    return stem > 1 && stem < length && name[stem - 1] == '-' ? stem - 1 : length;
+}
+
+// Goes down into the folder of that name, if there is one.
+bool enter(folder_path& folder, const char* name, size_t name_length) {
+    const size_t length = strlen(folder.path);
+    snprintf(folder.path + length, sizeof folder.path - length, "/%.*s", static_cast<int>(name_length), name);
+    struct stat status;
+    if (lstat(folder.path, &status) == 0 && S_ISDIR(status.st_mode))
+        return true;
+    folder.path[length] = '\0';
+    return false;
 }
 
 } // namespace
@@ -230,7 +259,7 @@ int use_messaging_directory(const char* own_unit) {
         OKA_ERROR("OKA: Messaging over AF_UNIX needs /proc: %s", strerror(errno));
         return errno;
     }
-    unit_folder folder = folder_of(own_unit);
+    folder_path folder = folder_of_unit(own_unit);
     if (scoped_fd(open_and_keep(folder)))
         return 0;
     int error = errno;
@@ -238,10 +267,9 @@ int use_messaging_directory(const char* own_unit) {
     return error;
 }
 
-unit_folder folder_of(const char* unit) {
-    static_assert(sizeof directory.root + OKA_UNIT_PATH_SIZE <= sizeof(unit_folder::path));
-    unit_folder folder;
-    snprintf(folder.path, sizeof folder.path, "%s/%s", directory.root, unit);
+folder_path folder_of(const mailbox_address& at) {
+    folder_path folder = folder_of_unit(at.unit);
+    (void)(enter(folder, at.name, strlen(at.name)) || enter(folder, at.name, length_without_number(at.name)));
     return folder;
 }
 
@@ -250,7 +278,7 @@ size_t messaging_directory_length() {
 }
 
 int publish(const mailbox_address& at, published_socket& published) {
-    unit_folder folder = folder_of(at.unit);
+    folder_path folder = folder_of(at);
     scoped_fd opened(open_and_keep(folder));
     scoped_fd socket(opened ? new_socket() : -1);
     if (!socket || !listen_under(opened.get(), at.name, socket.get(), published)) {
@@ -264,17 +292,17 @@ int publish(const mailbox_address& at, published_socket& published) {
 }
 
 bool is_in_place(const mailbox_address& at, const published_socket& published) {
-    scoped_fd folder(open_path(folder_of(at.unit)));
+    scoped_fd folder(open_path(folder_of(at)));
     return folder && is_file_of(published, folder.get(), at.name);
 }
 
 void unpublish(const mailbox_address& at, const published_socket& published) {
-    scoped_fd folder(open_path(folder_of(at.unit)));
+    scoped_fd folder(open_path(folder_of(at)));
     if (folder && is_file_of(published, folder.get(), at.name))
         unlinkat(folder.get(), at.name, 0);
 }
 
-int connect_socket(const unit_folder& folder, const char* name, uint32_t& pid) {
+int connect_socket(const folder_path& folder, const char* name, uint32_t& pid) {
     scoped_fd opened(open_path(folder));
     scoped_fd socket(opened ? new_socket() : -1);
     if (!socket)
@@ -292,7 +320,7 @@ int connect_socket(const unit_folder& folder, const char* name, uint32_t& pid) {
     return socket.release();
 }
 
-bool peer_allowed(int socket, const unit_folder& folder, uint32_t& pid) {
+bool peer_allowed(int socket, const folder_path& folder, uint32_t& pid) {
     ucred peer;
     socklen_t size = sizeof peer;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) < 0)
@@ -301,8 +329,10 @@ bool peer_allowed(int socket, const unit_folder& folder, uint32_t& pid) {
     if (peer.uid == geteuid() || peer.uid == 0)
         return true;
     struct stat status;
-    return stat(folder.path, &status) == 0 && (status.st_mode & S_IXGRP) &&
-           (peer.gid == status.st_gid || in_group(socket, status.st_gid));
+    if (stat(folder.path, &status) < 0)
+        return false;
+    return peer.uid == status.st_uid ||
+           ((status.st_mode & S_IXGRP) && (peer.gid == status.st_gid || in_group(socket, status.st_gid)));
 }
 
 } // namespace oka::af_unix

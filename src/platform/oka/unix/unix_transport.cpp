@@ -28,8 +28,8 @@ folder_watch searched_folders = {.changed = note_changed, .settled = look_at_cha
 
 // --- Listening
 
-void watch_own_folder() {
-    unit_folder folder = folder_of(own_unit());
+void watch_own_folder(const mailbox_address& at) {
+    folder_path folder = folder_of(at);
     if (!watch_folder(own_folder, folder, IN_DELETE))
         OKA_ERROR("OKA: '%.500s' cannot be watched: %s", folder.path, strerror(errno));
 }
@@ -40,7 +40,7 @@ void note_removed(const char* name) {
 }
 
 bool may_connect(int fd, const mailbox_address& to, uint32_t& peer) {
-    if (peer_allowed(fd, folder_of(to.unit), peer))
+    if (peer_allowed(fd, folder_of(to), peer))
         return true;
     OKA_ERROR("OKA: Process %u may not connect to '%s': it is another user's", peer, to.name);
     return false;
@@ -55,7 +55,7 @@ void look(search& of) {
 bool is_on_the_way_to(const mailbox_address& wanted, const char* changed) {
     if (!strcmp(wanted.name, changed))
         return true;
-    unit_folder folder = folder_of(wanted.unit);
+    folder_path folder = folder_of(wanted);
     size_t length = strlen(changed);
     for (const char* part = folder.path; part; part = strchr(part, '/')) {
         ++part;
@@ -79,7 +79,7 @@ void look_at_changed() {
 // Most mailboxes exist when they are searched for. The folders are watched only for the others, since the
 // kernel needs several milliseconds to end such a watch.
 int connect_watched(const search& of, uint64_t, uint32_t& peer) {
-    unit_folder folder = folder_of(of.unit);
+    folder_path folder = folder_of(of.wanted());
     int fd = connect_socket(folder, of.name, peer);
     if (fd >= 0 || errno != ENOENT)
         return fd;
@@ -107,7 +107,7 @@ constexpr family sockets = {
     .publish = publish,
     .withdraw = unpublish,
     .is_in_place = is_in_place,
-    .watch_places = watch_own_folder,
+    .watch_place = watch_own_folder,
     .may_connect = may_connect,
     .look = look,
     .stop_looking = stop_looking,
