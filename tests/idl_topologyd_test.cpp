@@ -80,6 +80,15 @@ class idl_topologyd : public test::world {
         settle();
         auto request = daemon->take(OXMSI_CONNECTION_ESTABLISH_REQ);
         connection = request.as<message_header>().connection_reference;
+        daemon->answer(OXMSI_CAPABILITIES_GET_REQ, [this](const test::received& asked) {
+            message_header header = asked.as<message_header>();
+            header.connection_reference = connection;
+            if (!daemon_stands_still)
+                daemon->send(manager, OXMSI_CAPABILITIES_GET_CFM,
+                             oxmsi_capabilities_get_cfm{header, {1, 1, 8}});
+            else
+                unanswered_probe = header;
+        });
         reply(OXMSI_CONNECTION_ESTABLISH_CFM, request.as<message_header>().procedure_reference, 5, 1);
         subscription = take_reference(SUBSCRIBE);
     }
@@ -223,6 +232,8 @@ class idl_topologyd : public test::world {
     topology_peer_link_ind says{}; // what it says next
     topology_peer_link_ind told{}; // what it heard last
     uint32_t own_mpid = 3;
+    bool daemon_stands_still = false;
+    message_header unanswered_probe{};
 };
 
 // --- The links file.
@@ -427,6 +438,46 @@ TEST_F(idl_topologyd, starts_over_when_the_other_end_does) {
         become_encrypted(take_up());
         advance(20000);
     }
+}
+
+TEST_F(idl_topologyd, starts_over_when_its_daemon_or_itself_stood_still_for_long) {
+    start_encrypted();
+    auto daemon_goes_on = [&] {
+        daemon_stands_still = false;
+        daemon->send(manager, OXMSI_CAPABILITIES_GET_CFM,
+                     oxmsi_capabilities_get_cfm{unanswered_probe, {1, 1, 8}});
+        settle();
+    };
+    const uint32_t before = heard().incarnation;
+    auto secure_again = [&] {
+        take_down();
+        other_starts_over();
+        become_encrypted(take_up());
+        advance(20000);
+    };
+    for (uint32_t ms : {1800u, 2700u}) {
+        daemon_stands_still = true;
+        advance(ms);
+        EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_STALLED);
+        EXPECT_EQ(told.phase, TOPOLOGY_PHASE_ENCRYPTED);
+        EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
+        const auto status = take_status();
+        EXPECT_NE(strstr(status.as<shown>().link.words.octets, "stands still"), nullptr);
+        daemon->forget_all();
+        daemon_goes_on();
+    }
+    EXPECT_NE(heard().incarnation, before);
+    EXPECT_EQ(told.fault, TOPOLOGY_FAULT_NONE);
+    secure_again();
+    // This process, or the whole unit, is frozen and thawed. Nothing else shows it.
+    const uint32_t then = heard().incarnation;
+    oka::simulation::advance_ms(1500);
+    settle();
+    EXPECT_EQ(heard().incarnation, then);
+    oka::simulation::advance_ms(2600);
+    settle();
+    EXPECT_NE(heard().incarnation, then);
+    secure_again();
 }
 
 // Perhaps the port looks down because the daemon let the link go for some other client.

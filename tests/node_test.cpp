@@ -251,6 +251,22 @@ TEST_F(node, comes_back_from_whatever_breaks) {
     }
 }
 
+// The key server hears nothing of it and drops the association. Nobody tells the two members.
+TEST_F(node, starts_over_after_a_daemon_stood_still) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    ASSERT_NO_FATAL_FAILURE(secure_link());
+    ASSERT_EQ(kill(seven.daemon->pid(), SIGSTOP), 0);
+    EXPECT_TRUE(wait_until([&] { return seven.shows(R"("code":"stalled")"); })) << all_output();
+    EXPECT_TRUE(wait_until([&] { return three.daemon->wrote("Heartbeat timeout"); })) << all_output();
+    ASSERT_EQ(kill(seven.daemon->pid(), SIGCONT), 0);
+    for (unit* of : {&three, &seven}) {
+        EXPECT_TRUE(wait_until([&] { return of->topology->wrote("'encrypted' -> 'down'"); })) << all_output();
+    }
+    EXPECT_TRUE(wait_until([&] {
+        return three.is_secured() && seven.is_secured() && !seven.shows(R"("code":"stalled")");
+    })) << all_output();
+}
+
 TEST_F(node, refuses_to_run_where_it_cannot_work) {
     ASSERT_NO_FATAL_FAILURE(start_both());
     const struct {

@@ -7,7 +7,7 @@
 //   0x1b1220 - 0x1b1228   of the daemon to itself
 //   0x1b1240 - 0x1b1242   of oxpcsi-server to itself
 //   0x1b1301 - 0x1b130c   the topology manager's, in topology_messages.h
-//   0x1b1341 - 0x1b1349   of idl-topologyd to itself
+//   0x1b1341 - 0x1b134a   of idl-topologyd to itself
 //   0x1b1361 - 0x1b1364   of tavuctl to itself
 #pragma once
 
@@ -160,6 +160,7 @@ constexpr uint32_t LINKS_FILE_CHANGED_IND = 0x1b1346;
 constexpr uint32_t FOLLOW_RETRY_IND = 0x1b1347;
 constexpr uint32_t PEER_UP_IND = 0x1b1348;
 constexpr uint32_t PEER_DOWN_IND = 0x1b1349;
+constexpr uint32_t DAEMON_PROBE_IND = 0x1b134a;
 
 } // namespace topologyd
 

@@ -60,6 +60,7 @@ constexpr word fault_table[] = {
     {TOPOLOGY_FAULT_MPIDS, "mpids"},
     {TOPOLOGY_FAULT_OFF, "off"},
     {TOPOLOGY_FAULT_FLAPPING, "flapping"},
+    {TOPOLOGY_FAULT_STALLED, "stalled"},
 };
 
 constexpr word request_table[] = {

@@ -100,6 +100,7 @@ enum topology_fault_code : uint32_t {
     TOPOLOGY_FAULT_MPIDS = 10,
     TOPOLOGY_FAULT_OFF = 11, // secured is wanted at one end only
     TOPOLOGY_FAULT_FLAPPING = 12,
+    TOPOLOGY_FAULT_STALLED = 13, // the daemon stands still
 };
 
 // At which end.

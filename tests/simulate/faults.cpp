@@ -40,6 +40,7 @@ constexpr struct {
     {"Heartbeat timeout", any_of(DELAY, STALL)},
     {"handle_ks_heartbeat_timeout_ind", any_of(DELAY, STALL)},
     {"KEYSRV: handle_msg_timeout", any_of(DELAY, STALL)},
+    {"TOPOLOGYD: 'oxmsi' does not answer", any_of(DELAY, STALL)},
     {"_cfm called in wrong state: current: 'OXMSI_SERVER_STATE_INITIAL'",
      any_of(KILL_PORT_CONTROL, KILL_UNIT)},
 

@@ -92,6 +92,14 @@ void prepare_bytes(uint32_t number, const void* bytes, size_t size) {
     oka_timer_request_sig(0, &message);
 }
 
+void peer::arrived(received message) {
+    auto automatic = answers_.find(message.number());
+    if (automatic != answers_.end())
+        automatic->second(message);
+    else
+        inbox_.push_back(std::move(message));
+}
+
 received peer::take(uint32_t number) {
     if (inbox_.empty()) {
         ADD_FAILURE() << "expected message 0x" << std::hex << number << ", nothing arrived";
@@ -146,7 +154,7 @@ void world::settle() {
             return;
         auto owner = peers().find(oka_receiver(message));
         if (owner != peers().end()) {
-            owner->second->inbox_.emplace_back(message);
+            owner->second->arrived(received(message));
         } else if (owning_module_) {
             owning_module_(message);
         } else {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,8 @@ class peer {
     // The oldest message that was not taken yet; the test fails when there is none or it is another.
     received take(uint32_t number);
     bool is_silent() const { return inbox_.empty(); }
+    // Messages of that number are answered so, as soon as they arrive, and not kept.
+    void answer(uint32_t number, std::function<void(const received&)> with) { answers_[number] = with; }
     void forget_all() { inbox_.clear(); }
     // The numbers of what waits, for messages of failed expectations.
     std::string waiting() const;
@@ -88,6 +91,9 @@ class peer {
     friend class world;
     oka_mailbox mailbox_;
     std::deque<received> inbox_;
+    std::map<uint32_t, std::function<void(const received&)>> answers_;
+
+    void arrived(received message);
 };
 
 struct trace_record {

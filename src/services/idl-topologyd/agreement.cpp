@@ -254,6 +254,11 @@ void forget_pauses(agreement& agreed) {
     agreed.failing.succeed();
 }
 
+void agreement_undone(agreement& agreed, topology_fault_code failure, uint64_t now_ms) {
+    if (agreed.state != DOWN)
+        start_over(agreed, failure, now_ms);
+}
+
 bool port_reported(agreement& agreed, uint32_t oper_state, uint32_t encryption_state, bool is_answer,
                    uint64_t now_ms, wish& wished) {
     wished = wish::NONE;

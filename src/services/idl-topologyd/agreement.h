@@ -98,6 +98,9 @@ bool peer_reported(agreement& agreed, const peer_report& report, uint64_t now_ms
 void peer_refused(agreement& agreed, const services::fault_words& why);
 void agreement_without_daemon(agreement& agreed, uint64_t now_ms);
 void forget_pauses(agreement& agreed);
+// What the daemon and the other end say does not hold any more: both ends begin anew. The failure is NONE
+// when it is no failure of the link.
+void agreement_undone(agreement& agreed, services::topology_fault_code failure, uint64_t now_ms);
 // The status of a port that is published up, as the daemon tells it in the answer to that request, or by an
 // indication. True when the state changed.
 bool port_reported(agreement& agreed, uint32_t oper_state, uint32_t encryption_state, bool is_answer,

@@ -115,7 +115,7 @@ void fill_link(topology_link& shown, const link_record& link) {
     shown.answered = age_of(link.published.answered_ms);
     shown.milliseconds_to_next =
         ms_until(std::max(link.published.requests.until_ms, link.agreed.failing.until_ms));
-    shown.phase = phase_of(link, is_connected(), now_ms());
+    shown.phase = phase_of(link, oxmsi_client_contact(), now_ms());
     shown.fault = link.shown.code;
     shown.fault_end = link.shown.end;
     shown.fault_since = age_of(link.shown.since_ms);

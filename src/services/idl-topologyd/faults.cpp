@@ -93,25 +93,33 @@ fault fault_between(const link_record& link) {
 
 } // namespace
 
-fault own_fault(const link_record& link, bool has_daemon, uint64_t now_ms) {
-    if (!wants_security(link) || link.agreed.state == agreement_state::ENCRYPTED)
+fault own_fault(const link_record& link, daemon_contact daemon, uint64_t now_ms) {
+    if (!wants_security(link))
         return {};
-    if (!has_daemon)
+    if (daemon == daemon_contact::STALLED)
+        return here(TOPOLOGY_FAULT_STALLED, "qel-tavu stands still; keys are not changed, nor is the link "
+                                            "repaired, until it goes on or is restarted");
+    if (link.agreed.state == agreement_state::ENCRYPTED)
+        return {};
+    if (daemon == daemon_contact::NONE)
         return here(TOPOLOGY_FAULT_NO_DAEMON, "qel-tavu is not reachable; see that it runs, and that "
                                               "oxpcsi-server tells it its ports");
     if (link.published.requests.failures > 0)
         return refusal_of_daemon(link);
-    if (phase_of(link, has_daemon, now_ms) == TOPOLOGY_PHASE_PORT_DOWN)
+    if (phase_of(link, daemon, now_ms) == TOPOLOGY_PHASE_PORT_DOWN)
         return here(TOPOLOGY_FAULT_PORT_DOWN, "the port is not in operation; put the cable in, or set the "
                                               "interface up");
     return failure_of(link.agreed);
 }
 
-fault fault_of(const link_record& link, bool has_daemon, uint64_t now_ms) {
-    if (!wants_security(link) || link.agreed.state == agreement_state::ENCRYPTED)
+fault fault_of(const link_record& link, daemon_contact daemon, uint64_t now_ms) {
+    if (!wants_security(link))
         return {};
-    fault own = own_fault(link, has_daemon, now_ms);
-    if (own.code == TOPOLOGY_FAULT_NO_DAEMON || own.code == TOPOLOGY_FAULT_REFUSED)
+    fault own = own_fault(link, daemon, now_ms);
+    if (link.agreed.state == agreement_state::ENCRYPTED)
+        return own.code != TOPOLOGY_FAULT_NONE ? own : fault_there(link.agreed.peer);
+    if (own.code == TOPOLOGY_FAULT_STALLED || own.code == TOPOLOGY_FAULT_NO_DAEMON ||
+        own.code == TOPOLOGY_FAULT_REFUSED)
         return own;
     if (fault between = fault_between(link); between.code != TOPOLOGY_FAULT_NONE)
         return between;
@@ -120,8 +128,8 @@ fault fault_of(const link_record& link, bool has_daemon, uint64_t now_ms) {
     return fault_there(link.agreed.peer);
 }
 
-bool update_fault(link_record& link, bool has_daemon, uint64_t now_ms) {
-    fault now = fault_of(link, has_daemon, now_ms);
+bool update_fault(link_record& link, daemon_contact daemon, uint64_t now_ms) {
+    fault now = fault_of(link, daemon, now_ms);
     fault& shown = link.shown;
     bool goes_on = now.code == shown.code && now.end == shown.end;
     if (now.since_ms == 0)

@@ -25,12 +25,13 @@ wanted_publication wanted_of(const link_record& link) {
     return wanted;
 }
 
-link_situation situation_of(const link_record& link, bool has_daemon) {
-    return {wants_security(link), has_daemon, is_settled(link.published, wanted_of(link).link)};
+link_situation situation_of(const link_record& link, daemon_contact daemon) {
+    return {wants_security(link), daemon != daemon_contact::NONE,
+            is_settled(link.published, wanted_of(link).link)};
 }
 
-services::topology_phase phase_of(const link_record& link, bool has_daemon, uint64_t now_ms) {
-    return phase_of(link.agreed, situation_of(link, has_daemon), now_ms);
+services::topology_phase phase_of(const link_record& link, daemon_contact daemon, uint64_t now_ms) {
+    return phase_of(link.agreed, situation_of(link, daemon), now_ms);
 }
 
 bool is_fulfilled(const link_record& link) {

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "services/idl-topologyd/agreement.h"
+#include "services/idl-topologyd/daemon_probe.h"
 #include "services/idl-topologyd/publication.h"
 
 namespace topologyd {
@@ -40,8 +41,8 @@ bool wants_security(const link_record& link);
 // What the daemon is to hold: the file's attributes, with a status that somebody set over the file's, and
 // down as long as the two ends of a link that is to be secured do not agree on it.
 wanted_publication wanted_of(const link_record& link);
-link_situation situation_of(const link_record& link, bool has_daemon);
-services::topology_phase phase_of(const link_record& link, bool has_daemon, uint64_t now_ms);
+link_situation situation_of(const link_record& link, daemon_contact daemon);
+services::topology_phase phase_of(const link_record& link, daemon_contact daemon, uint64_t now_ms);
 
 // What the file or the operator want is so: a link that is to be secured is, or its port is down.
 bool is_fulfilled(const link_record& link);

@@ -18,16 +18,16 @@ using namespace services;
 constexpr uint32_t talk_max = 50;
 constexpr uint64_t talk_window_ms = 1000;
 
-topology_peer_link_ind report_of(const link_record& link, bool has_daemon, uint64_t now_ms) {
+topology_peer_link_ind report_of(const link_record& link, daemon_contact daemon, uint64_t now_ms) {
     topology_peer_link_ind report{};
-    fault own = own_fault(link, has_daemon, now_ms);
+    fault own = own_fault(link, daemon, now_ms);
     report.header.procedure_reference = link.agreed.reference;
     report.port = link.file.port;
     report.remote_port = link.file.remote_port;
     report.remote_mpid = link.file.remote_mpid;
     report.incarnation = link.agreed.incarnation;
     report.seen_incarnation = link.agreed.peer.incarnation;
-    report.phase = phase_of(link, has_daemon, now_ms);
+    report.phase = phase_of(link, daemon, now_ms);
     report.fault = own.code;
     report.words = own.words;
     return report;
@@ -43,11 +43,11 @@ bool may_tell(told_report& told, uint64_t now_ms) {
 
 } // namespace
 
-void tell_other_end(link_record& link, bool has_daemon, uint64_t now_ms) {
+void tell_other_end(link_record& link, daemon_contact daemon, uint64_t now_ms) {
     told_report& told = link.told;
     if (!link.agreed.peer_is_found || (link.file.du_type != OXMSI_DU_TYPE_3 && told.report.incarnation == 0))
         return;
-    topology_peer_link_ind report = report_of(link, has_daemon, now_ms);
+    topology_peer_link_ind report = report_of(link, daemon, now_ms);
     if (memcmp(&report, &told.report, sizeof report) == 0 || !may_tell(told, now_ms))
         return;
     told.recently++;

@@ -7,7 +7,7 @@
 namespace topologyd {
 
 // Tells the other end what it does not know yet. It has to do only with links that are secured, or were.
-void tell_other_end(link_record& link, bool has_daemon, uint64_t now_ms);
+void tell_other_end(link_record& link, daemon_contact daemon, uint64_t now_ms);
 // The other end knows nothing any more.
 void tell_again(link_record& link);
 // The last word about a link that the file leads elsewhere now.

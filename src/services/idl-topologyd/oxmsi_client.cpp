@@ -29,6 +29,8 @@ struct {
     uint32_t refusal = 0;
     back_off connecting;
     services::one_shot retry{CONNECT_RETRY_IND};
+    daemon_probe probe;
+    services::one_shot probe_timer{DAEMON_PROBE_IND};
 } self;
 
 constexpr enum_text state_names[] = {
@@ -95,6 +97,52 @@ uint32_t send_subscription(uint32_t number, const port_name& port) {
     return send_request(request);
 }
 
+struct header_alone {
+    message_header header;
+};
+
+void send_probe() {
+    outgoing<header_alone> request(OXMSI_CAPABILITIES_GET_REQ);
+    probe_sent(self.probe, send_request(request), now_ms());
+}
+
+void start_probing() {
+    self.probe = {.ticked_ms = now_ms()};
+    self.probe_timer.arm(probe_interval_ms);
+}
+
+void stop_probing() {
+    self.probe = {};
+    self.probe_timer.stop();
+}
+
+void take_probe_result(probe_result result) {
+    switch (result) {
+    case probe_result::NOTHING:
+        return;
+    case probe_result::STALLED:
+        TRACE_ERROR("TOPOLOGYD: '%s' does not answer; does it stand still?", service_name);
+        break;
+    case probe_result::RESUMED:
+        TRACE_INFO("TOPOLOGYD: '%s' answers again", service_name);
+        break;
+    case probe_result::LOST:
+        TRACE_INFO("TOPOLOGYD: '%s', or this process, stood still for seconds; every link starts over",
+                   service_name);
+        self.callbacks.handle_silence_ended();
+        break;
+    }
+    self.callbacks.handle_progress();
+}
+
+void handle_probe_timer() {
+    const probe_result result = probe_ticked(self.probe, now_ms());
+    if (self.probe.reference == 0)
+        send_probe();
+    self.probe_timer.arm(probe_interval_ms);
+    take_probe_result(result);
+}
+
 void handle_server_up_ind(const oka_message* message) {
     if (self.state != OXMSI_CLIENT_STATE_LOCATING || oka_sender(message) == OKA_MAILBOX_NONE) {
         TRACE_ERROR("TOPOLOGYD: A located mailbox arrived in state '%s'", state_to_str(self.state));
@@ -117,6 +165,7 @@ void handle_server_down_ind(const oka_message* message) {
     self.refusal = 0;
     self.connecting.succeed();
     self.retry.stop();
+    stop_probing();
     locate();
     if (was_connected)
         self.callbacks.handle_disconnected();
@@ -160,6 +209,7 @@ void handle_connection_establish_cfm(const oka_message* message) {
     self.connecting.succeed();
     change_state(OXMSI_CLIENT_STATE_CONNECTED);
     TRACE_INFO("TOPOLOGYD: Connected to '%s' as client %u", service_name, self.client_id);
+    start_probing();
     self.callbacks.handle_connected();
     self.callbacks.handle_progress();
 }
@@ -207,11 +257,18 @@ void handle_subscription_cfm(const oka_message* message) {
             verify_header(message, *header, OXMSI_CLIENT_STATE_CONNECTED, self.connection_reference));
 }
 
+void handle_capabilities_get_cfm(const oka_message* message) {
+    const auto* cfm = view<oxmsi_capabilities_get_cfm>(message);
+    if (cfm && verify_header(message, cfm->header, OXMSI_CLIENT_STATE_CONNECTED, self.connection_reference))
+        take_probe_result(probe_answered(self.probe, cfm->header.procedure_reference, now_ms()));
+}
+
 constexpr tavu::dispatch_row dispatch_table[] = {
     {OXMSI_SERVER_UP_IND, handle_server_up_ind, tavu::origin::PREPARED},
     {OXMSI_SERVER_DOWN_IND, handle_server_down_ind, tavu::origin::PREPARED},
     {OXMSI_CONNECTION_ESTABLISH_CFM, handle_connection_establish_cfm},
     {OXMSI_CONNECTION_ESTABLISH_REJ, handle_connection_establish_rej},
+    {OXMSI_CAPABILITIES_GET_CFM, handle_capabilities_get_cfm},
     {OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_CFM, handle_port_status},
     {OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REJ, handle_reject},
     {OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_CFM, handle_port_status},
@@ -257,6 +314,7 @@ void oxmsi_client_stop() {
     self.monitor = 0;
     self.daemon = OKA_MAILBOX_NONE;
     self.retry.stop();
+    stop_probing();
     change_state(OXMSI_CLIENT_STATE_UNINITIALIZED);
 }
 
@@ -313,6 +371,12 @@ uint64_t oxmsi_client_state_since_ms() {
     return self.state_since_ms;
 }
 
+daemon_contact oxmsi_client_contact() {
+    if (!is_connected())
+        return daemon_contact::NONE;
+    return self.probe.is_stalled ? daemon_contact::STALLED : daemon_contact::ANSWERS;
+}
+
 uint32_t oxmsi_client_refusal() {
     return self.refusal;
 }
@@ -323,6 +387,11 @@ bool oxmsi_client_dispatch_message(const oka_message* message) {
             send_connection_establish_req();
             self.callbacks.handle_progress();
         }
+        return true;
+    }
+    if (message->number == DAEMON_PROBE_IND) {
+        if (self.probe_timer.take(message))
+            handle_probe_timer();
         return true;
     }
     return tavu::dispatch_by(dispatch_table, message);

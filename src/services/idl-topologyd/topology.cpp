@@ -91,10 +91,6 @@ void grant(link_record& link, wish wished) {
     }
 }
 
-bool has_daemon() {
-    return oxmsi_client_get_state() == OXMSI_CLIENT_STATE_CONNECTED;
-}
-
 void arm_retry() {
     uint64_t now = now_ms();
     uint64_t next = UINT64_MAX;
@@ -111,13 +107,14 @@ void arm_retry() {
 }
 
 void pursue_all() {
+    const daemon_contact daemon = oxmsi_client_contact();
     for (link_record& link : self.links) {
-        grant(link, decide(link.agreed, situation_of(link, has_daemon()), now_ms()));
-        if (has_daemon())
+        grant(link, decide(link.agreed, situation_of(link, daemon), now_ms()));
+        if (daemon != daemon_contact::NONE)
             pursue(link);
-        if (update_fault(link, has_daemon(), now_ms()))
+        if (update_fault(link, daemon, now_ms()))
             self.callbacks.handle_changed();
-        tell_other_end(link, has_daemon(), now_ms());
+        tell_other_end(link, daemon, now_ms());
     }
     for (const link_record& link : self.links) {
         if (is_over(link) && link.published.subscription != subscription_state::NONE)
@@ -142,6 +139,13 @@ void handle_disconnected() {
 
 void handle_progress() {
     self.callbacks.handle_changed();
+    pursue_all();
+}
+
+void handle_silence_ended() {
+    for (link_record& link : self.links)
+        agreement_undone(link.agreed, services::TOPOLOGY_FAULT_NONE, now_ms());
+    pursue_all();
 }
 
 void take_subscription_reject(link_record& link, const daemon_answer& answer) {
@@ -228,6 +232,7 @@ constexpr oxmsi_client_callbacks client_callbacks = {
     .handle_connected = handle_connected,
     .handle_disconnected = handle_disconnected,
     .handle_progress = handle_progress,
+    .handle_silence_ended = handle_silence_ended,
     .handle_answer = handle_answer,
     .handle_indication = handle_indication,
 };
