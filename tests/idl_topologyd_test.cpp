@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "platform/oxhal/sim_view.h"
 #include "protocols/topology_messages.h"
 #include "services/idl-topologyd/link_record.h"
 #include "services/idl-topologyd/links_file.h"
@@ -47,6 +48,8 @@ class idl_topologyd : public test::world {
         EXPECT_TRUE(mkdtemp(directory));
         person.emplace("tavuctl-1");
         path = std::string(directory) + "/links.toml";
+        setenv("OXHAL_DRIVER", "sim", 1);
+        setenv("OXHAL_SIM_VIEW", (std::string(directory) + "/secys").c_str(), 1);
         route_to(topologyd_dispatch_message);
     }
     ~idl_topologyd() override {
@@ -56,6 +59,7 @@ class idl_topologyd : public test::world {
         person.reset();
         expect_nothing_left();
         unlink(path.c_str());
+        unlink((std::string(directory) + "/secys").c_str());
         rmdir(directory);
     }
 
@@ -235,6 +239,158 @@ class idl_topologyd : public test::world {
     bool daemon_stands_still = false;
     message_header unanswered_probe{};
 };
+
+// --- The SecYs of both ends, while the link is encrypted.
+
+class idl_topologyd_watch : public idl_topologyd {
+  protected:
+    void start_watching() {
+        start_encrypted();
+        other->answer(TOPOLOGY_PEER_SECY_IND,
+                      [this](const test::received& word) { last_word = word.as<topology_peer_secy_ind>(); });
+        show_secy();
+    }
+    // Keys are named by a number.
+    static key_fingerprint key(uint8_t name) {
+        key_fingerprint fingerprint;
+        memset(fingerprint.octets, name, sizeof fingerprint.octets);
+        return fingerprint;
+    }
+    static oxhal_view_association association(uint8_t name) {
+        oxhal_view_association installed{};
+        installed.installed = installed.active = true;
+        memset(installed.fingerprint, name, sizeof installed.fingerprint);
+        return installed;
+    }
+    void show_secy() {
+        oxhal::port port{};
+        strcpy(port.name, "DiPort_A1");
+        oxhal_view view{};
+        view.enabled = view.confidentiality = true;
+        view.protect_frames = protects;
+        view.validate_frames = OXHAL_MACSEC_VALIDATE_FRAMES_STRICT;
+        view.transmit.associations[1] = association(sends_with);
+        view.transmit.out_pkts_encrypted = sent;
+        view.receive_channels = 1;
+        view.receive[0].associations[1] = association(receives_with);
+        view.receive[0].in_pkts_ok = 5;
+        oxhal_sim::show_view(port, view);
+        oxhal_sim::write_counters("DiPort_A1", view);
+    }
+    // Five seconds pass, and the other end tells what it sees.
+    void look(uint8_t its_transmit_key, uint8_t its_receive_key, uint64_t accepted = 0) {
+        show_secy();
+        advance(look_interval_ms);
+        topology_peer_secy_ind word{};
+        word.version = topology_peer_version;
+        word.port = says.port;
+        word.remote_port = says.remote_port;
+        word.incarnation = says.incarnation;
+        word.seen_incarnation = told.incarnation;
+        word.transmit_key = key(its_transmit_key);
+        word.receive_keys[1] = key(its_receive_key);
+        word.accepted_low = static_cast<uint32_t>(accepted);
+        other->send(manager, TOPOLOGY_PEER_SECY_IND, word);
+        settle();
+    }
+    bool is_up() { return heard().phase == TOPOLOGY_PHASE_ENCRYPTED; }
+    void secure_again() {
+        take_down();
+        other_starts_over();
+        become_encrypted(take_up());
+    }
+
+    uint8_t sends_with = 1, receives_with = 2;
+    uint64_t sent = 0;
+    bool protects = true;
+    topology_peer_secy_ind last_word{};
+};
+
+TEST_F(idl_topologyd_watch, starts_over_when_one_end_sends_with_what_the_other_does_not_have) {
+    start_watching();
+    for (auto [its_transmit, its_receive] : {std::pair{3, 1}, std::pair{2, 3}}) {
+        // While keys are changed, a look may be between the ends.
+        for (int change = 0; change < 3; change++) {
+            look(static_cast<uint8_t>(its_transmit), static_cast<uint8_t>(its_receive));
+            look(2, 1);
+        }
+        EXPECT_TRUE(last_word.transmit_key == key(1) && last_word.receive_keys[0] == key(2));
+        EXPECT_EQ(last_word.accepted_low, 5u);
+        look(static_cast<uint8_t>(its_transmit), static_cast<uint8_t>(its_receive));
+        ASSERT_TRUE(is_up());
+        look(static_cast<uint8_t>(its_transmit), static_cast<uint8_t>(its_receive));
+        EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_KEYS_DIFFER);
+        ASSERT_FALSE(is_up());
+        secure_again();
+    }
+    // It is still shown, until a look shows that it is gone.
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_KEYS_DIFFER);
+    look(2, 1);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_NONE);
+    // Words of other times and of others are none.
+    const uint32_t its_incarnation = says.incarnation;
+    for (int count = 0; count < 3; count++) {
+        says.incarnation = its_incarnation - 1;
+        look(9, 9);
+        says.incarnation = its_incarnation;
+        told.incarnation = told.incarnation - 1;
+        look(9, 9);
+        other->send_bytes(manager, TOPOLOGY_PEER_SECY_IND, &last_word, sizeof last_word - 1);
+        last_word.incarnation = its_incarnation;
+        last_word.seen_incarnation = heard().incarnation;
+        person->send(manager, TOPOLOGY_PEER_SECY_IND, last_word);
+        settle();
+    }
+    EXPECT_TRUE(is_up());
+}
+
+TEST_F(idl_topologyd_watch, starts_over_when_keys_grow_old_or_the_secy_does_not_encrypt) {
+    start_watching();
+    for (sends_with = 1; sends_with < 5; sends_with++) {
+        for (int looks = 0; looks < 36; looks++) // 180 s
+            look(2, sends_with);
+    }
+    int looks = 0;
+    for (; is_up() && looks < 60; looks++)
+        look(2, sends_with);
+    EXPECT_EQ(looks, 43);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_KEYS_TOO_OLD);
+    secure_again();
+    sends_with = 7;
+    look(2, 7);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_NONE);
+    protects = false;
+    look(2, 7);
+    EXPECT_TRUE(is_up());
+    look(2, 7);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_UNPROTECTED);
+    EXPECT_FALSE(is_up());
+}
+
+TEST_F(idl_topologyd_watch, starts_over_ever_less_often_when_no_frame_arrives) {
+    start_watching();
+    uint64_t accepted = 100;
+    int all_looks = 0;
+    auto looks_until_it_starts_over = [&](uint64_t sent_each, uint64_t accepted_each) {
+        int looks = 0;
+        for (; is_up() && looks < 30; looks++) {
+            sent += sent_each;
+            sends_with = static_cast<uint8_t>(10 + ++all_looks / 30); // keys are changed in time
+            look(2, sends_with, accepted += accepted_each);
+        }
+        return looks;
+    };
+    EXPECT_EQ(looks_until_it_starts_over(1000, 1), 30); // one of them is enough
+    EXPECT_EQ(looks_until_it_starts_over(9, 0), 30);    // few may be for nobody there
+    for (int expected : {3, 6, 10, 18}) {
+        EXPECT_EQ(looks_until_it_starts_over(10, 0), expected);
+        EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_FRAMES_DROPPED);
+        secure_again();
+    }
+    EXPECT_EQ(looks_until_it_starts_over(10, 10), 30);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_NONE);
+    EXPECT_EQ(looks_until_it_starts_over(10, 0), 3);
+}
 
 // --- The links file.
 

@@ -70,7 +70,7 @@ class unit {
 
     words environment() const {
         return {"OKA_DIR=" + folder_, "OKA_UNIT=" + name(mpid_), "MPID=" + std::to_string(mpid_),
-                "OXHAL_DRIVER=sim"};
+                "OXHAL_DRIVER=sim", "OXHAL_SIM_VIEW=" + folder_ + "/" + name(mpid_) + ".secys"};
     }
     ended tavuctl(words arguments) const {
         arguments.insert(arguments.begin(), TAVUCTL);

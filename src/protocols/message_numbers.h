@@ -6,8 +6,8 @@
 //   0x1b1142 - 0x1b115a   the MACsec service, "oxmsi"
 //   0x1b1220 - 0x1b1228   of the daemon to itself
 //   0x1b1240 - 0x1b1242   of oxpcsi-server to itself
-//   0x1b1301 - 0x1b130c   the topology manager's, in topology_messages.h
-//   0x1b1341 - 0x1b134a   of idl-topologyd to itself
+//   0x1b1301 - 0x1b130d   the topology manager's, in topology_messages.h
+//   0x1b1341 - 0x1b134b   of idl-topologyd to itself
 //   0x1b1361 - 0x1b1364   of tavuctl to itself
 #pragma once
 
@@ -161,6 +161,7 @@ constexpr uint32_t FOLLOW_RETRY_IND = 0x1b1347;
 constexpr uint32_t PEER_UP_IND = 0x1b1348;
 constexpr uint32_t PEER_DOWN_IND = 0x1b1349;
 constexpr uint32_t DAEMON_PROBE_IND = 0x1b134a;
+constexpr uint32_t SECY_LOOK_IND = 0x1b134b;
 
 } // namespace topologyd
 

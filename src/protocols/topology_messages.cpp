@@ -61,6 +61,10 @@ constexpr word fault_table[] = {
     {TOPOLOGY_FAULT_OFF, "off"},
     {TOPOLOGY_FAULT_FLAPPING, "flapping"},
     {TOPOLOGY_FAULT_STALLED, "stalled"},
+    {TOPOLOGY_FAULT_UNPROTECTED, "unprotected"},
+    {TOPOLOGY_FAULT_KEYS_DIFFER, "keys-differ"},
+    {TOPOLOGY_FAULT_KEYS_TOO_OLD, "keys-too-old"},
+    {TOPOLOGY_FAULT_FRAMES_DROPPED, "frames-dropped"},
 };
 
 constexpr word request_table[] = {

@@ -17,6 +17,7 @@
 
 namespace services {
 
+using tavu::array_of;
 using tavu::be32;
 using tavu::message_header;
 using tavu::oka_hunt_path;
@@ -39,7 +40,8 @@ constexpr uint32_t topology_peer_version = 1;
     X(TOPOLOGY_LINK_SET_CFM, 0x1b1309)                                                                       \
     X(TOPOLOGY_LINK_SET_REJ, 0x1b130a)                                                                       \
     X(TOPOLOGY_PEER_LINK_IND, 0x1b130b)                                                                      \
-    X(TOPOLOGY_PEER_LINK_REJ, 0x1b130c)
+    X(TOPOLOGY_PEER_LINK_REJ, 0x1b130c)                                                                      \
+    X(TOPOLOGY_PEER_SECY_IND, 0x1b130d)
 
 #define TOPOLOGY_NUMBER_CONSTANT(name, number) constexpr uint32_t name = number;
 TOPOLOGY_MESSAGES(TOPOLOGY_NUMBER_CONSTANT)
@@ -101,6 +103,11 @@ enum topology_fault_code : uint32_t {
     TOPOLOGY_FAULT_OFF = 11, // secured is wanted at one end only
     TOPOLOGY_FAULT_FLAPPING = 12,
     TOPOLOGY_FAULT_STALLED = 13, // the daemon stands still
+    // Reported encrypted, but by what the SecYs show:
+    TOPOLOGY_FAULT_UNPROTECTED = 14,    // this end's does not encrypt
+    TOPOLOGY_FAULT_KEYS_DIFFER = 15,    // the one end cannot receive what the other sends
+    TOPOLOGY_FAULT_KEYS_TOO_OLD = 16,   // they are not changed any more
+    TOPOLOGY_FAULT_FRAMES_DROPPED = 17, // none of this end's arrives at the other
 };
 
 // At which end.
@@ -169,6 +176,33 @@ struct topology_peer_link_ind {
     TAVU_FIELD(76, words, fault_words);
 };
 TAVU_WIRE_LAYOUT(topology_peer_link_ind, 276);
+
+// Names a key without telling anything of it; all zero for none.
+struct key_fingerprint {
+    uint8_t octets[16];
+
+    bool operator==(const key_fingerprint& other) const {
+        return memcmp(octets, other.octets, sizeof octets) == 0;
+    }
+};
+TAVU_WIRE_LAYOUT(key_fingerprint, 16);
+
+constexpr size_t peer_secy_receive_keys = 8;
+
+// What the SecY of a link's end has installed and counted, told while the link is encrypted.
+struct topology_peer_secy_ind {
+    TAVU_FIELD(0, header, message_header);
+    TAVU_FIELD(12, version, be32);          // topology_peer_version
+    TAVU_FIELD(16, port, port_name);        // the sender's
+    TAVU_FIELD(32, remote_port, port_name); // the receiver's
+    TAVU_FIELD(48, incarnation, be32);      // the sender's, and the receiver's that it is up with
+    TAVU_FIELD(52, seen_incarnation, be32);
+    TAVU_FIELD(56, transmit_key, key_fingerprint); // the one that encrypts
+    TAVU_FIELD(72, receive_keys, array_of<key_fingerprint, peer_secy_receive_keys>);
+    TAVU_FIELD(200, accepted_high, be32); // frames, since the SecY was made
+    TAVU_FIELD(204, accepted_low, be32);
+};
+TAVU_WIRE_LAYOUT(topology_peer_secy_ind, 208);
 
 // One link with its facts.
 struct topology_link {

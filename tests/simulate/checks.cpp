@@ -202,8 +202,11 @@ std::string checks::open_matters() const {
             matters +=
                 "the link " + to_text(each.ends[0]) + " - " + to_text(each.ends[1]) + " is not encrypted; ";
     }
-    for (auto& [asked, number] : requests_)
-        matters += std::string(tavu::oxmsi_msg_no_to_str(number)) + " is not answered; ";
+    // A manager probes its daemon all the time, and says itself when that is not answered.
+    for (auto& [asked, number] : requests_) {
+        if (number != tavu::OXMSI_CAPABILITIES_GET_REQ)
+            matters += std::string(tavu::oxmsi_msg_no_to_str(number)) + " is not answered; ";
+    }
     return matters;
 }
 

@@ -22,6 +22,8 @@ namespace {
 constexpr uint64_t settling_ns = 8 * second;
 constexpr uint64_t quiet_ns = 60 * second;
 constexpr uint64_t recovery_ns = 2 * second;
+// A refresh that fails after 180 s is told by nobody. Keys older than 200 s at two looks, 5 s apart, show it.
+constexpr uint64_t failed_refresh_ns = 36 * second;
 constexpr uint64_t heap_slack = 64 * 1024; // names of mailboxes that are gone, room for timers
 constexpr role roles[] = {role::DAEMON, role::TOPOLOGY_MANAGER, role::PORT_CONTROL};
 
@@ -139,8 +141,9 @@ node::node(const settings& wanted)
 
 void node::start(int unit, role what) {
     std::string number = std::to_string(unit);
-    program started = {
-        {}, {"OKA_UNIT=" + unit_name(unit), "MPID=" + number, "OXHAL_DRIVER=sim", "ZEB_TRACE=error"}};
+    program started = {{},
+                       {"OKA_UNIT=" + unit_name(unit), "MPID=" + number, "OXHAL_DRIVER=sim",
+                        "OXHAL_SIM_VIEW=" + folder_.path() + "/" + number + ".secys", "ZEB_TRACE=error"}};
     switch (what) {
     case role::DAEMON:
         started.command = {QEL_TAVU};
@@ -368,7 +371,7 @@ void node::single_fault() {
     recoveries& of = outcome_.by_kind[last_fault_];
     of.recovered++;
     of.worst_ns = std::max(of.worst_ns, took_ns);
-    if (took_ns > recovery_ns && violation_.empty())
+    if (took_ns > (last_fault_ == SECY_FAILS ? failed_refresh_ns : recovery_ns) && violation_.empty())
         fail("recovered " + std::to_string(took_ns / ms) + " ms after the cause was gone");
     is_settled_ = true;
 }

@@ -83,9 +83,9 @@ start() {
 start_unit() {
     [ -e "$work/links-mp$1.toml" ] || echo 'link = []' >"$work/links-mp$1.toml"
     start "$1" oxpcsi-server --port "IDL_A1=$2"
-    start "$1" env "MPID=$1" "OXHAL_DRIVER=$hardware" "OXHAL_PORTS=DiPort_A1=$2:sec-a1" \
-        "ZEB_TRACE=error info state-change trace" qel-tavu
-    start "$1" idl-topologyd --links "$work/links-mp$1.toml"
+    local ports=("OXHAL_DRIVER=$hardware" "OXHAL_PORTS=DiPort_A1=$2:sec-a1" "OXHAL_SIM_VIEW=$work/secys-mp$1")
+    start "$1" env "MPID=$1" "${ports[@]}" "ZEB_TRACE=error info state-change trace" qel-tavu
+    start "$1" env "${ports[@]}" idl-topologyd --links "$work/links-mp$1.toml"
 }
 
 stop_all() {

@@ -33,24 +33,34 @@ fault refusal_of_daemon(const link_record& link) {
                                             "; asked again with pauses");
 }
 
-// The last failure, while it was not put right.
-fault failure_of(const agreement& agreed) {
-    switch (agreed.failure) {
+fault failure_in_words(topology_fault_code code) {
+    switch (code) {
     case TOPOLOGY_FAULT_FAILED:
-        return here(agreed.failure,
-                    "qel-tavu could not secure the port, its traces say why (SecY, key server); "
-                    "tried again with pauses");
+        return here(code, "qel-tavu could not secure the port, its traces say why (SecY, key server); "
+                          "tried again with pauses");
     case TOPOLOGY_FAULT_BROKEN:
-        return here(agreed.failure,
-                    "the port lost its keys, qel-tavu's traces say why; tried again with pauses");
+        return here(code, "the port lost its keys, qel-tavu's traces say why; tried again with pauses");
     case TOPOLOGY_FAULT_NO_KEYS:
-        return here(agreed.failure,
-                    "no keys came in time; compare ports and remote-mpid of both links files "
-                    "with MPID of both units, then see qel-tavu's traces; tried again with pauses");
+        return here(code, "no keys came in time; compare ports and remote-mpid of both links files "
+                          "with MPID of both units, then see qel-tavu's traces; tried again with pauses");
     case TOPOLOGY_FAULT_FLAPPING:
-        return here(agreed.failure,
-                    "the link starts over again and again, by a cable, by the other end, or by "
-                    "another client of \"oxmsi\"; see idl-topologyd's traces at both ends");
+        return here(code, "the link starts over again and again, by a cable, by the other end, or by "
+                          "another client of \"oxmsi\"; see idl-topologyd's traces at both ends");
+    case TOPOLOGY_FAULT_UNPROTECTED:
+        return here(code,
+                    "the port's SecY does not encrypt as it should, whatever qel-tavu says; does another "
+                    "program change it? Both ends start over");
+    case TOPOLOGY_FAULT_KEYS_DIFFER:
+        return here(code, "one end sends with a key that the other does not have; both start over, see "
+                          "qel-tavu's traces");
+    case TOPOLOGY_FAULT_KEYS_TOO_OLD:
+        return here(code,
+                    "the keys were not replaced for more than 200 s; both ends start over, see qel-tavu's "
+                    "traces at the end with the smaller MP id");
+    case TOPOLOGY_FAULT_FRAMES_DROPPED:
+        return here(code,
+                    "no encrypted frame that is sent here arrives at the other end, though messages do; "
+                    "see what is between the ends");
     default:
         return {};
     }
@@ -100,7 +110,7 @@ fault own_fault(const link_record& link, daemon_contact daemon, uint64_t now_ms)
         return here(TOPOLOGY_FAULT_STALLED, "qel-tavu stands still; keys are not changed, nor is the link "
                                             "repaired, until it goes on or is restarted");
     if (link.agreed.state == agreement_state::ENCRYPTED)
-        return {};
+        return failure_in_words(link.watched.found);
     if (daemon == daemon_contact::NONE)
         return here(TOPOLOGY_FAULT_NO_DAEMON, "qel-tavu is not reachable; see that it runs, and that "
                                               "oxpcsi-server tells it its ports");
@@ -109,7 +119,7 @@ fault own_fault(const link_record& link, daemon_contact daemon, uint64_t now_ms)
     if (phase_of(link, daemon, now_ms) == TOPOLOGY_PHASE_PORT_DOWN)
         return here(TOPOLOGY_FAULT_PORT_DOWN, "the port is not in operation; put the cable in, or set the "
                                               "interface up");
-    return failure_of(link.agreed);
+    return failure_in_words(link.agreed.failure); // the last, while it was not put right
 }
 
 fault fault_of(const link_record& link, daemon_contact daemon, uint64_t now_ms) {

@@ -8,6 +8,7 @@
 #include "services/idl-topologyd/agreement.h"
 #include "services/idl-topologyd/daemon_probe.h"
 #include "services/idl-topologyd/publication.h"
+#include "services/idl-topologyd/secy_watch.h"
 
 namespace topologyd {
 
@@ -34,6 +35,7 @@ struct link_record {
     publication published{};
     told_report told{};
     fault shown{};
+    secy_watch watched{};
 };
 
 // Whether the link is to be secured, as far as the file and the operator are concerned.

@@ -146,6 +146,17 @@ void handle_peer_link_ind(const oka_message* message) {
         from->rejected = 0;
 }
 
+// Watched is what the other end tells, so a word that makes no sense is dropped without an answer.
+void handle_peer_secy_ind(const oka_message* message) {
+    const auto* word = view<topology_peer_secy_ind>(message);
+    if (!word || word->version != topology_peer_version || !word->port.is_terminated() ||
+        !word->remote_port.is_terminated())
+        return;
+    TRACE_RECEIVE(message, "TOPOLOGYD: %s for port '%s'", topology_msg_no_to_str(message->number),
+                  word->remote_port.c_str());
+    self.callbacks.handle_secy(*word, oka_sender(message));
+}
+
 void handle_peer_link_rej(const oka_message* message) {
     const auto* rej = view<topology_rej>(message);
     if (!rej)
@@ -155,11 +166,21 @@ void handle_peer_link_rej(const oka_message* message) {
     self.callbacks.handle_refusal(*rej, oka_sender(message));
 }
 
+template<class Word>
+void fill(outgoing<Word>& indication, const Word& word) {
+    message_header header = word.header;
+    header.number = indication->header.number;
+    *indication.operator->() = word;
+    indication->header = header;
+    indication->version = topology_peer_version;
+}
+
 constexpr tavu::dispatch_row dispatch_table[] = {
     {PEER_UP_IND, handle_peer_up_ind, tavu::origin::PREPARED},
     {PEER_DOWN_IND, handle_peer_down_ind, tavu::origin::PREPARED},
     {TOPOLOGY_PEER_LINK_IND, handle_peer_link_ind},
     {TOPOLOGY_PEER_LINK_REJ, handle_peer_link_rej},
+    {TOPOLOGY_PEER_SECY_IND, handle_peer_secy_ind},
 };
 
 } // namespace
@@ -189,15 +210,20 @@ oka_mailbox peers_find(const oka_hunt_path& path) {
 
 void peers_tell(const oka_hunt_path& path, const topology_peer_link_ind& word) {
     outgoing<topology_peer_link_ind> indication(TOPOLOGY_PEER_LINK_IND);
-    message_header header = word.header;
-    header.number = indication->header.number;
-    *indication.operator->() = word;
-    indication->header = header;
-    indication->version = topology_peer_version;
+    fill(indication, word);
     oka_mailbox peer = peers_find(path);
     TRACE_SEND(indication, peer, "TOPOLOGYD: %s of port '%s': incarnation=%u, seen incarnation=%u, phase=%s",
                topology_msg_no_to_str(indication.number()), word.port.c_str(), uint32_t{word.incarnation},
                uint32_t{word.seen_incarnation}, phase_to_word(word.phase));
+    indication.send(peer, self.mailbox);
+}
+
+void peers_tell(const oka_hunt_path& path, const topology_peer_secy_ind& word) {
+    outgoing<topology_peer_secy_ind> indication(TOPOLOGY_PEER_SECY_IND);
+    fill(indication, word);
+    oka_mailbox peer = peers_find(path);
+    TRACE_SEND(indication, peer, "TOPOLOGYD: %s of port '%s'", topology_msg_no_to_str(indication.number()),
+               word.port.c_str());
     indication.send(peer, self.mailbox);
 }
 

@@ -18,6 +18,8 @@ struct peers_callbacks {
     // A well-formed indication of this version. What it says may still be nonsense. Returns why it is not
     // taken, or null.
     const char* (*handle_word)(const services::topology_peer_link_ind& word, oka_mailbox sender);
+    // A well-formed word about the SecY of the other end of a link.
+    void (*handle_secy)(const services::topology_peer_secy_ind& word, oka_mailbox sender);
     // A reject: by its reference, of one link; of a protocol version that the peer does not speak, of all.
     void (*handle_refusal)(const services::topology_rej& rej, oka_mailbox sender);
 };
@@ -31,6 +33,7 @@ void peers_look_for(const oka_hunt_path& path);
 oka_mailbox peers_find(const oka_hunt_path& path);
 // The number and the version are filled in.
 void peers_tell(const oka_hunt_path& path, const services::topology_peer_link_ind& word);
+void peers_tell(const oka_hunt_path& path, const services::topology_peer_secy_ind& word);
 
 // True when the message was this module's.
 bool peers_dispatch_message(const oka_message* message);

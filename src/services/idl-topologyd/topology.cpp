@@ -26,6 +26,7 @@ struct {
     std::vector<link_record> links;
     uint32_t next_reference = 1;
     services::one_shot retry{LINK_RETRY_IND};
+    services::one_shot look{SECY_LOOK_IND};
 } self;
 
 const char* enabled_to_word(uint32_t state) {
@@ -106,6 +107,18 @@ void arm_retry() {
         self.retry.arm(static_cast<uint32_t>(next - now));
 }
 
+bool is_encrypted(const link_record& link) {
+    return link.agreed.state == agreement_state::ENCRYPTED;
+}
+
+void arm_look() {
+    const bool any = std::any_of(self.links.begin(), self.links.end(), is_encrypted);
+    if (!any)
+        self.look.stop();
+    else if (!self.look.is_armed())
+        self.look.arm(look_interval_ms);
+}
+
 void pursue_all() {
     const daemon_contact daemon = oxmsi_client_contact();
     for (link_record& link : self.links) {
@@ -123,6 +136,37 @@ void pursue_all() {
     if (std::erase_if(self.links, is_over) > 0)
         self.callbacks.handle_changed();
     arm_retry();
+    arm_look();
+}
+
+// What was seen of the SecYs.
+void take_findings(link_record& link, services::topology_fault_code fault) {
+    if (fault != services::TOPOLOGY_FAULT_NONE)
+        agreement_undone(link.agreed, fault, now_ms());
+}
+
+void tell_look(const link_record& link, const secy_look& own) {
+    services::topology_peer_secy_ind word{};
+    word.header.procedure_reference = link.agreed.reference;
+    word.port = link.file.port;
+    word.remote_port = link.file.remote_port;
+    word.incarnation = link.agreed.incarnation;
+    word.seen_incarnation = link.agreed.up_with;
+    fill_look(word, own);
+    peers_tell(link.file.hunt_path, word);
+}
+
+void look_at_all() {
+    for (link_record& link : self.links) {
+        secy_look own;
+        if (!is_encrypted(link) || !look_at_secy(link.file.port, own))
+            continue;
+        take_findings(link, take_own_look(link.watched, own, link.file.port.c_str(), now_ms()));
+        if (is_encrypted(link))
+            tell_look(link, own);
+    }
+    self.callbacks.handle_changed();
+    pursue_all();
 }
 
 void handle_connected() {
@@ -176,8 +220,10 @@ bool take_status(link_record& link, const daemon_answer& status, bool is_answer)
         is_published_up(link.published) &&
         port_reported(link.agreed, status.oper_state, status.encryption_state, is_answer, now_ms(), wished);
     grant(link, wished);
+    if (has_changed && is_encrypted(link))
+        begin_watch(link.watched);
     // The subscriber was not told of it, so the end of it would be no news.
-    if (has_changed && is_answer && link.agreed.state == agreement_state::ENCRYPTED)
+    if (has_changed && is_answer && is_encrypted(link))
         renew_subscription(link);
     return has_changed;
 }
@@ -274,6 +320,21 @@ const char* handle_peer_word(const topology_peer_link_ind& said, oka_mailbox sen
     return nullptr;
 }
 
+// Only in the incarnations in which both ends are up do their SecYs belong to each other.
+void handle_peer_secy(const services::topology_peer_secy_ind& said, oka_mailbox sender) {
+    link_record* link = find_link([&said](const link_record& candidate) {
+        return candidate.is_in_file && candidate.file.port == said.remote_port &&
+               candidate.file.remote_port == said.port;
+    });
+    secy_look own;
+    if (!link || peers_find(link->file.hunt_path) != sender || !is_encrypted(*link) ||
+        link->agreed.up_with != said.incarnation || link->agreed.incarnation != said.seen_incarnation ||
+        !look_at_secy(link->file.port, own))
+        return;
+    take_findings(*link, take_look_of_peer(link->watched, own, said));
+    pursue_all();
+}
+
 void handle_peer_refusal(const services::topology_rej& rej, oka_mailbox sender) {
     services::fault_words why = quote_words(rej.words.printable().octets);
     for (link_record& link : self.links) {
@@ -289,6 +350,7 @@ constexpr peers_callbacks peer_callbacks = {
     .handle_found = handle_peer_found,
     .handle_lost = handle_peer_lost,
     .handle_word = handle_peer_word,
+    .handle_secy = handle_peer_secy,
     .handle_refusal = handle_peer_refusal,
 };
 
@@ -304,6 +366,7 @@ void meet_peer(link_record& link) {
     meet(link.agreed, link.file.port, link.file.remote_mpid, self.next_reference++, now_ms());
     link.told = {};
     link.shown = {};
+    link.watched = {};
     if (link.file.du_type == OXMSI_DU_TYPE_3)
         peers_look_for(link.file.hunt_path);
     link.agreed.peer_is_found = peers_find(link.file.hunt_path) != OKA_MAILBOX_NONE;
@@ -349,6 +412,7 @@ void topology_stop() {
     oxmsi_client_stop();
     peers_stop();
     self.retry.stop();
+    self.look.stop();
     self.links.clear();
 }
 
@@ -415,6 +479,11 @@ bool topology_dispatch_message(const oka_message* message) {
     if (message->number == LINK_RETRY_IND) {
         if (self.retry.take(message))
             pursue_all();
+        return true;
+    }
+    if (message->number == SECY_LOOK_IND) {
+        if (self.look.take(message))
+            look_at_all();
         return true;
     }
     return peers_dispatch_message(message) || oxmsi_client_dispatch_message(message);
