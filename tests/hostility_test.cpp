@@ -62,12 +62,11 @@ class client {
     }
     // Introduces itself as a process of its own and attaches.
     bool greet() {
-        oka::greeting_frame welcome = {},
-                            hello = {oka::make_header(oka::frame_kind::hello, UINT32_MAX, UINT32_MAX),
-                                     htobe32(oka::link_version),
-                                     {}};
+        oka::greeting_frame welcome = {}, hello = {};
+        hello.header = oka::make_header(oka::frame_kind::hello, UINT32_MAX, UINT32_MAX);
+        hello.version_be = htobe32(oka::link_version);
         std::generate(std::begin(hello.process.bytes), std::end(hello.process.bytes), std::random_device());
-        oka::frame_header attach = oka::make_header(oka::frame_kind::attach, UINT32_MAX, UINT32_MAX);
+        oka::attach_frame attach = {oka::make_header(oka::frame_kind::attach, UINT32_MAX, UINT32_MAX), {}};
         open_ = send_bytes(&hello, sizeof hello) && recv(fd_, &welcome, sizeof welcome, 0) == sizeof welcome;
         mailbox_be_ = welcome.header.sender_be;
         return send_bytes(&attach, sizeof attach);

@@ -75,6 +75,10 @@ class idl_topologyd : public test::world {
         manager = oka_clone_mailbox(root(), topology_mailbox_name);
         EXPECT_TRUE(topologyd_start(manager, path.c_str()));
         settle();
+        oka_message* found = oka_alloc(4, 1);
+        oka_locate_async(topology_peer_mailbox_name, &found, person->mailbox());
+        settle();
+        peers = person->take(1).sender();
     }
 
     // The daemon appears and takes the connection under client id 5.
@@ -133,7 +137,7 @@ class idl_topologyd : public test::world {
 
     // The manager at the other end, MP 7, appears and says that it is ready.
     void other_end_appears() {
-        other.emplace("site/mp7/idl-topologyd");
+        other.emplace("site/mp7/idl-topologyd-peer");
         says = {};
         says.version = topology_peer_version;
         says.port.assign("IDL_C2");
@@ -147,7 +151,7 @@ class idl_topologyd : public test::world {
         (void)heard();
         says.phase = phase;
         says.seen_incarnation = told.incarnation;
-        other->send(manager, TOPOLOGY_PEER_LINK_IND, says);
+        other->send(peers, TOPOLOGY_PEER_LINK_IND, says);
         settle();
     }
     void other_starts_over() {
@@ -205,11 +209,12 @@ class idl_topologyd : public test::world {
     void take_down() { tell(UPDATED + 1, take_update(OXMSI_LTM_LINK_STATUS_DOWN), unsecured); }
 
     // What a person sends.
-    void ask(uint32_t number, uint32_t version = topology_protocol_version) {
+    void ask(uint32_t number, uint32_t version = topology_protocol_version,
+             oka_mailbox at = OKA_MAILBOX_NONE) {
         topology_req request{};
         request.header.procedure_reference = 77;
         request.version = version;
-        person->send(manager, number, request);
+        person->send(at == OKA_MAILBOX_NONE ? manager : at, number, request);
         settle();
     }
     void set_status(const char* port, uint32_t status) {
@@ -230,7 +235,7 @@ class idl_topologyd : public test::world {
 
     char directory[32] = "/tmp/links-test-XXXXXX";
     std::string path;
-    oka_mailbox manager = OKA_MAILBOX_NONE;
+    oka_mailbox manager = OKA_MAILBOX_NONE, peers = OKA_MAILBOX_NONE;
     std::optional<test::peer> daemon, other, person;
     uint32_t connection = 0, subscription = 0;
     topology_peer_link_ind says{}; // what it says next
@@ -290,7 +295,7 @@ class idl_topologyd_watch : public idl_topologyd {
         word.transmit_key = key(its_transmit_key);
         word.receive_keys[1] = key(its_receive_key);
         word.accepted_low = static_cast<uint32_t>(accepted);
-        other->send(manager, TOPOLOGY_PEER_SECY_IND, word);
+        other->send(peers, TOPOLOGY_PEER_SECY_IND, word);
         settle();
     }
     bool is_up() { return heard().phase == TOPOLOGY_PHASE_ENCRYPTED; }
@@ -335,10 +340,10 @@ TEST_F(idl_topologyd_watch, starts_over_when_one_end_sends_with_what_the_other_d
         says.incarnation = its_incarnation;
         told.incarnation = told.incarnation - 1;
         look(9, 9);
-        other->send_bytes(manager, TOPOLOGY_PEER_SECY_IND, &last_word, sizeof last_word - 1);
+        other->send_bytes(peers, TOPOLOGY_PEER_SECY_IND, &last_word, sizeof last_word - 1);
         last_word.incarnation = its_incarnation;
         last_word.seen_incarnation = heard().incarnation;
-        person->send(manager, TOPOLOGY_PEER_SECY_IND, last_word);
+        person->send(peers, TOPOLOGY_PEER_SECY_IND, last_word);
         settle();
     }
     EXPECT_TRUE(is_up());
@@ -462,7 +467,7 @@ TEST_F(idl_topologyd, connects_subscribes_publishes_and_tells_the_other_end) {
               "49 44 4c 5f 43 32 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 07 "
               "00 00 00 00 00 00 00 02 00 00 00 03 73 69 74 65");
     EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
-    other.emplace("site/mp7/idl-topologyd");
+    other.emplace("site/mp7/idl-topologyd-peer");
     settle();
     EXPECT_EQ(other->take(TOPOLOGY_PEER_LINK_IND).hex().substr(0, 191),
               // reference, version 1, both ports, the other's MP id
@@ -698,7 +703,7 @@ TEST_F(idl_topologyd, is_not_harmed_by_an_end_that_talks_nonsense) {
         spoilt.header.procedure_reference = static_cast<uint32_t>(&each - cases);
         each.spoil(spoilt);
         for (int flood = 0; flood < 100; flood++)
-            other->send_bytes(manager, IND, &spoilt, each.size);
+            other->send_bytes(peers, IND, &spoilt, each.size);
         settle();
         if (each.reason != 0) {
             EXPECT_EQ(other->take(TOPOLOGY_PEER_LINK_REJ).as<topology_rej>().reason, each.reason);
@@ -706,16 +711,19 @@ TEST_F(idl_topologyd, is_not_harmed_by_an_end_that_talks_nonsense) {
         EXPECT_TRUE(other->is_silent()) << each.rule << ": answered more than once: " << other->waiting();
         EXPECT_TRUE(daemon->is_silent()) << each.rule << ": " << daemon->waiting();
     }
+    // What a person may ask for is not to be had where managers speak.
+    ask(TOPOLOGY_STATUS_REQ, topology_protocol_version, peers);
+    EXPECT_TRUE(person->is_silent());
     // Nor by one that is not the end of this link.
     says.incarnation = says.incarnation + 7;
-    test::peer("site/mp9/idl-topologyd").send(manager, IND, says);
+    test::peer("site/mp9/idl-topologyd").send(peers, IND, says);
     settle();
     EXPECT_TRUE(daemon->is_silent()) << daemon->waiting();
     // One that never listens is told only once.
     says.incarnation = says.incarnation - 7;
     says.seen_incarnation = 0;
     for (int flood = 0; flood < 100; flood++)
-        other->send(manager, IND, says);
+        other->send(peers, IND, says);
     settle();
     other->take(IND);
     EXPECT_TRUE(other->is_silent()) << other->waiting();
@@ -758,7 +766,7 @@ TEST_F(idl_topologyd, says_what_is_wrong_and_where) {
     topology_rej rej{};
     rej.reason = TOPOLOGY_REJ_UNSUPPORTED_PROTOCOL_VERSION;
     rej.words.assign("version 9 only");
-    other->send(manager, TOPOLOGY_PEER_LINK_REJ, rej);
+    other->send(peers, TOPOLOGY_PEER_LINK_REJ, rej);
     expect_fault(TOPOLOGY_FAULT_PEER_REFUSES, TOPOLOGY_END_THERE, "refuses: version 9 only");
     other.reset();
     expect_fault(TOPOLOGY_FAULT_NO_PEER, TOPOLOGY_END_THERE, "no idl-topologyd is found at 'site/mp7'");

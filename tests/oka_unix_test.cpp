@@ -50,8 +50,10 @@ std::string from_hex(const std::string& text) {
 }
 
 const std::string own_number = "000102030405060708090a0b0c0d0e0f";
-const std::string hello = "00000001ffffffffffffffff00000001" + own_number;
-const std::string attach = "00000003ffffffffffffffff";
+// Behind the process: the number to answer, the proof, and the unit, here "" and at the end of a text.
+const std::string rest_of_greeting(2 * (16 + 32 + 256), '0');
+const std::string hello = "00000001ffffffffffffffff00000002" + own_number + rest_of_greeting;
+const std::string attach = "00000003ffffffffffffffff" + std::string(2 * 32, '0');
 
 // A connection to a mailbox that speaks bytes.
 class raw_client {
@@ -72,7 +74,7 @@ class raw_client {
     }
     // One packet in hexadecimal, "" when there is none, "closed".
     std::string receive() const {
-        char buffer[256];
+        char buffer[512];
         ssize_t size = recv(fd_, buffer, sizeof buffer, 0);
         if (size < 0)
             return errno == EAGAIN ? "" : "closed";
@@ -142,7 +144,7 @@ class unix_test : public testing::Test {
         EXPECT_TRUE(client.connected);
         client.send_hex(hello);
         settle();
-        EXPECT_EQ(client.receive().substr(0, 32), "00000002ffffffff" + hex_of(root) + "00000001");
+        EXPECT_EQ(client.receive().substr(0, 32), "00000002ffffffff" + hex_of(root) + "00000002");
         client.send_hex(attach);
         settle();
         return client;
@@ -194,10 +196,15 @@ TEST_F(unix_test, what_is_no_frame_closes_its_connection_and_no_other) {
         bool attached;
         std::string bytes;
     } rows[] = {
-        {"a hello that is too short", false, from_hex(hello.substr(0, 62))},
+        {"a hello that is too short", false, from_hex(hello.substr(0, hello.size() - 2))},
         {"a hello that is too long", false, from_hex(hello + "00")},
-        {"a hello of another version", false, from_hex("00000001ffffffffffffffff00000002" + own_number)},
-        {"a welcome for a hello", false, from_hex("00000002ffffffffffffffff00000001" + own_number)},
+        {"a hello of another version", false,
+         from_hex("00000001ffffffffffffffff00000001" + own_number + rest_of_greeting)},
+        {"a unit without an end", false,
+         from_hex("00000001ffffffffffffffff00000002" + own_number + std::string(2 * 304, '1'))},
+        {"a message of no mailbox", true, from_hex("00000007" + hex_of(root) + "ffffffff" + "00000011")},
+        {"a welcome for a hello", false,
+         from_hex("00000002ffffffffffffffff00000002" + own_number + rest_of_greeting)},
         {"attaching without a hello", false, from_hex(attach)},
         {"a message without a hello", false, header_of_message + "1234"},
         {"one byte", false, "x"},
@@ -424,7 +431,7 @@ TEST_F(unix_test, half_open_connections_and_failing_accepts_keep_no_other_proces
         flood.emplace_back(socket_path("root"));
         settle();
     }
-    EXPECT_EQ(std::count_if(flood.begin(), flood.end(), [](auto& each) { return each.receive() == ""; }), 64);
+    EXPECT_EQ(std::count_if(flood.begin(), flood.end(), [](auto& each) { return each.receive() == ""; }), 16);
     // Without a free descriptor it waits, and does not spin.
     flood.emplace_back(socket_path("root"));
     int lowest_free = dup(0);

@@ -27,6 +27,10 @@ bool oka_valid_unit_path(const char* path);
  * "" chooses the default. When not, `wrong`, of `size` bytes, says what is wrong and what to write. */
 bool oka_check_transports(const char* value, char* wrong, size_t size);
 
+/* Whether OKA_PEERS may have this value: paths of units, separated by blanks or commas; "" allows all. When
+ * not, `wrong`, of `size` bytes, says what is wrong and what to write. */
+bool oka_check_peers(const char* value, char* wrong, size_t size);
+
 #ifdef __cplusplus
 }
 #endif

@@ -25,6 +25,8 @@ using tavu::port_name;
 using tavu::text;
 
 constexpr const char* topology_mailbox_name = "idl-topologyd";
+// For the managers of other units alone, so that nothing else can be asked from there.
+constexpr const char* topology_peer_mailbox_name = "idl-topologyd-peer";
 constexpr uint32_t topology_protocol_version = 1;
 constexpr uint32_t topology_peer_version = 1;
 

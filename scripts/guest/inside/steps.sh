@@ -109,6 +109,8 @@ END
 
 # A fresh key for TIPC, in a file that only its owner reads.
 make_tipc_key() { (umask 077 && (printf 0x && od -An -N20 -tx1 /dev/urandom | tr -d ' \n') >"$1"); }
+# The secret of a node's group, which its owner's group may read.
+make_group_secret() { (umask 027 && head -c 32 /dev/urandom | base64 >"$1"); }
 
 # --- What a unit says of its link
 

@@ -120,6 +120,8 @@ const struct known_variable {
     {"OKA_TIPC_IDENTITY", check_identity},
     {"OKA_TIPC_TOLERANCE", check_tolerance},
     {"OKA_TIPC_KEY_MARK", check_path},
+    {"OKA_TIPC_SECRET", check_path},
+    {"OKA_PEERS", ask_platform<oka_check_peers>},
     {"OXHAL_DRIVER", ask_platform<oxhal_check_driver>},
     {"ZEB_TRACE", ask_platform<zeb_check_trace_groups>},
     {"ZEB_STAMP",

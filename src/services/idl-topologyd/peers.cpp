@@ -49,7 +49,7 @@ peer* peer_at(const oka_hunt_path& path) {
 void locate(const peer& wanted) {
     outgoing<peer_notice> prepared(PEER_UP_IND);
     prepared->index = static_cast<uint32_t>(&wanted - self.peers.data());
-    std::string name = std::string(wanted.path.c_str()) + "/" + topology_mailbox_name;
+    std::string name = std::string(wanted.path.c_str()) + "/" + topology_peer_mailbox_name;
     oka_locate_async(name.c_str(), prepared.prepared(), self.mailbox);
 }
 
@@ -185,15 +185,23 @@ constexpr tavu::dispatch_row dispatch_table[] = {
 
 } // namespace
 
-void peers_start(oka_mailbox mailbox, const peers_callbacks* callbacks) {
-    self.mailbox = mailbox;
+bool peers_start(oka_mailbox root, const peers_callbacks* callbacks) {
     self.callbacks = *callbacks;
+    self.mailbox = oka_clone_mailbox(root, topology_peer_mailbox_name);
+    if (self.mailbox != OKA_MAILBOX_NONE)
+        return true;
+    TRACE_ERROR("TOPOLOGYD: The mailbox '%s' cannot be had; does another manager run in this unit?",
+                topology_peer_mailbox_name);
+    return false;
 }
 
 void peers_stop() {
     for (const peer& each : self.peers)
         oka_unmonitor(each.monitor);
     self.peers.clear();
+    if (self.mailbox != OKA_MAILBOX_NONE)
+        oka_delete_mailbox(self.mailbox);
+    self.mailbox = OKA_MAILBOX_NONE;
 }
 
 void peers_look_for(const oka_hunt_path& path) {
@@ -228,7 +236,12 @@ void peers_tell(const oka_hunt_path& path, const topology_peer_secy_ind& word) {
 }
 
 bool peers_dispatch_message(const oka_message* message) {
-    return tavu::dispatch_by(dispatch_table, message);
+    if (oka_receiver(message) != self.mailbox)
+        return false;
+    if (!tavu::dispatch_by(dispatch_table, message))
+        TRACE_ERROR("TOPOLOGYD: Message 0x%x of %u bytes is none that managers send each other, dropped",
+                    message->number, oka_size(message));
+    return true;
 }
 
 } // namespace topologyd

@@ -24,7 +24,8 @@ struct peers_callbacks {
     void (*handle_refusal)(const services::topology_rej& rej, oka_mailbox sender);
 };
 
-void peers_start(oka_mailbox mailbox, const peers_callbacks* callbacks);
+// With a mailbox of its own, cloned from `root`. False when its name is taken.
+[[nodiscard]] bool peers_start(oka_mailbox root, const peers_callbacks* callbacks);
 void peers_stop();
 
 // Looks for the manager at the path from now on.
@@ -35,7 +36,7 @@ oka_mailbox peers_find(const oka_hunt_path& path);
 void peers_tell(const oka_hunt_path& path, const services::topology_peer_link_ind& word);
 void peers_tell(const oka_hunt_path& path, const services::topology_peer_secy_ind& word);
 
-// True when the message was this module's.
+// True when the message was for this module's mailbox: it is handled, or dropped.
 bool peers_dispatch_message(const oka_message* message);
 
 } // namespace topologyd

@@ -404,8 +404,7 @@ link_record take_from_file(const link_attributes& attributes) {
 
 bool topology_start(oka_mailbox mailbox, const topology_callbacks* callbacks) {
     self.callbacks = *callbacks;
-    peers_start(mailbox, &peer_callbacks);
-    return oxmsi_client_start(mailbox, &client_callbacks);
+    return peers_start(mailbox, &peer_callbacks) && oxmsi_client_start(mailbox, &client_callbacks);
 }
 
 void topology_stop() {
@@ -476,6 +475,8 @@ const link_record* topology_find(const port_name& port) {
 }
 
 bool topology_dispatch_message(const oka_message* message) {
+    if (peers_dispatch_message(message))
+        return true;
     if (message->number == LINK_RETRY_IND) {
         if (self.retry.take(message))
             pursue_all();
@@ -486,7 +487,7 @@ bool topology_dispatch_message(const oka_message* message) {
             look_at_all();
         return true;
     }
-    return peers_dispatch_message(message) || oxmsi_client_dispatch_message(message);
+    return oxmsi_client_dispatch_message(message);
 }
 
 } // namespace topologyd

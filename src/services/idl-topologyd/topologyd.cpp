@@ -35,8 +35,8 @@ void topologyd_stop() {
 }
 
 void topologyd_dispatch_message(const oka_message* message) {
-    bool is_handled = control_server_dispatch_message(message) || links_follower_dispatch_message(message) ||
-                      topology_dispatch_message(message);
+    bool is_handled = topology_dispatch_message(message) || control_server_dispatch_message(message) ||
+                      links_follower_dispatch_message(message);
     if (!is_handled)
         TRACE_ERROR("TOPOLOGYD: Message 0x%x of %u bytes belongs to no protocol of ours, dropped",
                     message->number, oka_size(message));

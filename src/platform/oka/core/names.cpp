@@ -1,6 +1,11 @@
 #include "platform/oka/core/names.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <string_view>
+
+#include "platform/words.h"
 
 bool oka_valid_mailbox_name(const char* name) {
     size_t length = strnlen(name, OKA_MAILBOX_NAME_SIZE);
@@ -18,6 +23,21 @@ bool oka_valid_unit_path(const char* path) {
             return true;
         path += length + 1;
     }
+}
+
+bool oka_check_peers(const char* value, char* wrong, size_t size) {
+    std::string_view rest = value;
+    for (auto unit = platform::next_word(rest); !unit.empty(); unit = platform::next_word(rest)) {
+        char path[OKA_UNIT_PATH_SIZE] = {};
+        if (unit.size() < sizeof path)
+            memcpy(path, unit.data(), unit.size());
+        if (!oka_valid_unit_path(path)) {
+            snprintf(wrong, size, "'%.*s' is no path of a unit; write the names of units, such as mp7 mp9",
+                     static_cast<int>(std::min(unit.size(), size_t{60})), unit.data());
+            return false;
+        }
+    }
+    return true;
 }
 
 namespace oka {

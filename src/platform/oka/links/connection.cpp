@@ -16,6 +16,7 @@ namespace {
 
 // The oldest makes room for the next.
 constexpr size_t half_open_limit = 64;
+constexpr size_t half_open_limit_of_process = 16;
 
 struct {
     connection* all = nullptr; // the newest first
@@ -34,8 +35,10 @@ void set_connection_closed(void (*closed)()) {
     connections.closed = closed;
 }
 
-connection* open_connection(int fd, uint32_t pid, stage now, void (*ready)(void* context, uint32_t events)) {
+connection* open_connection(const family& over, int fd, uint32_t pid, stage now,
+                            void (*ready)(void* context, uint32_t events)) {
     auto* fresh = new connection;
+    fresh->over = &over;
     fresh->watched = {.fd = fd, .ready = ready, .context = fresh};
     if (!watch(fresh->watched, now == stage::connecting ? EPOLLOUT : EPOLLIN)) {
         OKA_ERROR("OKA: A connection cannot be watched: %s", strerror(errno));
@@ -90,14 +93,22 @@ size_t count_connections_of(uint32_t pid) {
     return count;
 }
 
-void limit_half_open() {
-    if (connections.half_open_count < half_open_limit)
-        return;
-    connection* oldest = nullptr;
-    for (connection* each = connections.all; each; each = each->next)
-        oldest = is_half_open(each->now) ? each : oldest;
-    assert(oldest);
-    close_connection(oldest);
+void limit_half_open(uint32_t pid) {
+    connection *oldest = nullptr, *oldest_of_pid = nullptr;
+    size_t count_of_pid = 0;
+    for (connection* each = connections.all; each; each = each->next) {
+        if (!is_half_open(each->now))
+            continue;
+        oldest = each;
+        if (each->pid != pid)
+            continue;
+        oldest_of_pid = each;
+        ++count_of_pid;
+    }
+    if (count_of_pid >= half_open_limit_of_process)
+        close_connection(oldest_of_pid);
+    else if (connections.half_open_count >= half_open_limit)
+        close_connection(oldest);
 }
 
 ssize_t receive_packet(const connection& from, void* buffer, size_t size) {

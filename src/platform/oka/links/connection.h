@@ -30,7 +30,9 @@ struct connection {
     uint32_t pid = 0;
     process_id process = {}; // from the hello on
     oka_mailbox mailbox = OKA_MAILBOX_NONE;
-    admits_packet admits = nullptr;
+    const family* over = nullptr;
+    nonce challenge = {}; // ours
+    proof expected = {};  // of who connected, from the hello on
     link_search* search = nullptr;
     peer* of = nullptr;
 };
@@ -39,7 +41,8 @@ struct connection {
 void set_connection_closed(void (*closed)());
 
 // Owns the socket; closes it and returns null when it cannot be watched.
-connection* open_connection(int fd, uint32_t pid, stage now, void (*ready)(void* context, uint32_t events));
+connection* open_connection(const family& over, int fd, uint32_t pid, stage now,
+                            void (*ready)(void* context, uint32_t events));
 void close_connection(connection* closed);
 void change_stage(connection& of, stage next);
 
@@ -47,8 +50,8 @@ void change_stage(connection& of, stage next);
 connection* any_connection();
 size_t count_connections();
 size_t count_connections_of(uint32_t pid);
-// Makes room for one more that is half-open.
-void limit_half_open();
+// Makes room for one more that is half-open, at the cost of the same process if that has many.
+void limit_half_open(uint32_t pid);
 
 // The size of the next packet, 0 at the end, -1 with errno. A packet that is too large shows by its size.
 ssize_t receive_packet(const connection& from, void* buffer, size_t size);

@@ -25,14 +25,23 @@ struct published_socket {
 
 struct family {
     const char* name; // in OKA_TRANSPORTS
+    // Then who connects has to prove that it is of the node's group, and only mailboxes that are offered can
+    // be found; others receive nothing but answers.
     bool between_hosts;
     // Returns 0 or an error number that it has reported.
     int (*start)(const char* own_unit);
     // After its last listener and search. Null when there is nothing to stop.
     void (*stop)() = nullptr;
 
+    // The address of a connected socket, or of the one that it is connected to. Null when there is none.
+    uint64_t (*socket_address)(int fd, bool other) = nullptr;
+
     // --- Listening
 
+    // Whether other units may find a mailbox of that name. Null when they may find all.
+    bool (*is_offered)(const char* name) = nullptr;
+    // Whether they may find this one, and its address. Null when they may find all.
+    bool (*find_offered)(oka_mailbox mailbox, mailbox_address& found) = nullptr;
     // Opens a socket that listens and can be found under the address. Returns 0 or an error number that it
     // has reported, EADDRINUSE when the name is taken.
     int (*publish)(const mailbox_address& at, published_socket& published);

@@ -1,16 +1,21 @@
 #include "platform/oka/links/link.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <sys/epoll.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 #include "platform/oka/core/id_table.h"
 #include "platform/oka/core/oka_trace.h"
 #include "platform/oka/links/connection.h"
+#include "platform/oka/links/family.h"
+#include "platform/oka/links/group.h"
 #include "platform/oka/links/link_frames.h"
 #include "platform/oka/links/outbox.h"
 
@@ -41,8 +46,10 @@ struct peer {
     process_id process = {};
     uint32_t pid = 0;
     connection* connections[connections_per_peer] = {};
+    const family* over = nullptr;
     outbox out; // sends on the first of them
     id_table<remote_mailbox, 32> mailboxes;
+    std::vector<oka_mailbox> spoken; // those of this process that have sent it something; between hosts
     link_search* asking = nullptr;
 };
 
@@ -75,8 +82,14 @@ void post_frame(peer& to, frame_kind kind, oka_mailbox receiver, oka_mailbox sen
     post(to.out, make_header(kind, receiver, sender), new_envelope(0));
 }
 
+bool has_spoken(const peer& to, oka_mailbox mailbox) {
+    return std::find(to.spoken.begin(), to.spoken.end(), mailbox) != to.spoken.end();
+}
+
 void send_message(void* handle, envelope* message) {
     auto* to = static_cast<remote_mailbox*>(handle);
+    if (to->of->over->between_hosts && !has_spoken(*to->of, message->sender))
+        to->of->spoken.push_back(message->sender);
     frame_header header = make_header(frame_kind::message, to->id, message->sender);
     message->message.number = htobe32(message->message.number);
     post(to->of->out, header, message);
@@ -119,6 +132,7 @@ link_search* take_asking(peer& of, uint32_t mailbox) {
 peer* new_peer(connection* first) {
     auto* fresh = new peer;
     fresh->process = first->process;
+    fresh->over = first->over;
     fresh->pid = first->pid;
     fresh->next = links.peers;
     links.peers = fresh;
@@ -159,12 +173,54 @@ bool attach(peer* to, connection* added) {
 
 enum class outcome { handled, nothing, closed, malformed };
 
+// --- Greeting
+
+greeting_frame make_greeting(frame_kind kind, const connection& on) {
+    greeting_frame made = {.header = make_header(kind, OKA_MAILBOX_NONE, on.mailbox),
+                           .version_be = htobe32(link_version),
+                           .process = links.process,
+                           .challenge = on.challenge,
+                           .proven = {},
+                           .unit = {}};
+    snprintf(made.unit, sizeof made.unit, "%s", own_unit());
+    return made;
+}
+
+uint64_t address_of(const connection& on, bool other) {
+    return on.over->socket_address ? on.over->socket_address(on.watched.fd, other) : 0;
+}
+
+greeting_end own_end(const connection& on) {
+    return {&links.process, &on.challenge, own_unit(), address_of(on, false)};
+}
+
+greeting_end other_end(const connection& on, const greeting_frame& said) {
+    return {&said.process, &said.challenge, said.unit, address_of(on, true)};
+}
+
+proof prove(const connection& on, prover by, const greeting_facts& facts) {
+    return on.over->between_hosts ? make_proof(by, facts) : proof{};
+}
+
+bool is_proven(const connection& on, const proof& given, const proof& expected) {
+    if (is_proof(given, expected))
+        return true;
+    OKA_ERROR(
+        "OKA: Machine %x does not prove that it is of this node's group: it is refused; is OKA_TIPC_SECRET "
+        "the same at both ends?",
+        on.pid);
+    return false;
+}
+
 outcome handle_hello(connection* from, const greeting_frame& hello) {
+    if (!is_allowed_unit(hello.unit))
+        return outcome::closed;
     from->process = hello.process;
     change_stage(*from, stage::welcomed);
-    greeting_frame welcome = {.header = make_header(frame_kind::welcome, OKA_MAILBOX_NONE, from->mailbox),
-                              .version_be = htobe32(link_version),
-                              .process = links.process};
+    const greeting_facts facts = {other_end(*from, hello), own_end(*from), from->mailbox};
+    from->expected = prove(*from, prover::connector, facts);
+    greeting_frame welcome = make_greeting(frame_kind::welcome, *from);
+    welcome.proven = prove(*from, prover::acceptor, facts);
     return send_packet(*from, &welcome, sizeof welcome) ? outcome::handled : outcome::closed;
 }
 
@@ -179,6 +235,10 @@ void ask_for(peer* to, link_search* search, uint32_t mailbox) {
 outcome handle_welcome(connection* from, const greeting_frame& welcome) {
     link_search* search = from->search;
     uint32_t mailbox = be32toh(welcome.header.sender_be);
+    const greeting_facts facts = {own_end(*from), other_end(*from, welcome), mailbox};
+    if (!is_allowed_unit(welcome.unit) ||
+        !is_proven(*from, welcome.proven, prove(*from, prover::acceptor, facts)))
+        return outcome::closed;
     from->process = welcome.process;
     if (same(welcome.process, links.process)) {
         // The socket leads to this process itself.
@@ -195,7 +255,8 @@ outcome handle_welcome(connection* from, const greeting_frame& welcome) {
     if (to) {
         close_connection(from);
     } else {
-        frame_header frame = make_header(frame_kind::attach, OKA_MAILBOX_NONE, OKA_MAILBOX_NONE);
+        const attach_frame frame = {make_header(frame_kind::attach, OKA_MAILBOX_NONE, OKA_MAILBOX_NONE),
+                                    prove(*from, prover::connector, facts)};
         if (!send_packet(*from, &frame, sizeof frame))
             return outcome::closed;
         from->search = nullptr;
@@ -207,7 +268,9 @@ outcome handle_welcome(connection* from, const greeting_frame& welcome) {
     return outcome::handled;
 }
 
-outcome handle_attach(connection* from) {
+outcome handle_attach(connection* from, const attach_frame& frame) {
+    if (!is_proven(*from, frame.proven, from->expected))
+        return outcome::closed;
     peer* to = find_peer(from->process);
     if (same(from->process, links.process) || (to && to->pid != from->pid))
         return outcome::malformed;
@@ -238,18 +301,27 @@ outcome handle_gone(peer* of, uint32_t id) {
     return outcome::handled;
 }
 
+// Another unit reaches what is offered to it, and gets and gives answers.
+bool may_receive(const peer& of, oka_mailbox receiver) {
+    mailbox_address offered = {};
+    return !of.over->between_hosts || has_spoken(of, receiver) ||
+           (of.over->find_offered && of.over->find_offered(receiver, offered));
+}
+
 outcome handle_message(peer* of, const frame_header& header, size_t size) {
-    oka_mailbox sender = be32toh(header.sender_be);
-    if (sender != OKA_MAILBOX_NONE) {
-        const remote_mailbox* known = know_mailbox(of, sender);
-        if (!known)
-            return outcome::malformed;
-        sender = known->known_as;
+    if (!may_receive(*of, be32toh(header.receiver_be))) {
+        OKA_ERROR("OKA: Machine %x sends to a mailbox that is not offered to other units; dropped", of->pid);
+        return outcome::handled;
     }
+    // Who cannot be answered cannot be told from others.
+    const uint32_t sender = be32toh(header.sender_be);
+    const remote_mailbox* known = sender == OKA_MAILBOX_NONE ? nullptr : know_mailbox(of, sender);
+    if (!known)
+        return outcome::malformed;
     envelope* message = new_envelope(static_cast<uint32_t>(size));
     memcpy(bytes_of(message), links.received + sizeof header, size);
     message->message.number = size >= sizeof(oka_message) ? be32toh(message->message.number) : 0;
-    message->sender = sender;
+    message->sender = known->known_as;
     message->receiver = be32toh(header.receiver_be);
     deliver(message);
     return outcome::handled;
@@ -275,7 +347,7 @@ outcome handle_attached(connection* from, const frame_header& header, size_t siz
 }
 
 outcome handle_arrival(connection* from, size_t size) {
-    if (!from->admits(from->mailbox, from->pid, links.received, size))
+    if (!from->over->admits(from->mailbox, from->pid, links.received, size))
         return outcome::closed;
     change_stage(*from, stage::accepted);
     return outcome::handled;
@@ -291,6 +363,8 @@ outcome handle_frame(connection* from, size_t size) {
     bool is_greeting = size == sizeof greeting;
     if (is_greeting)
         memcpy(&greeting, links.received, sizeof greeting);
+    if (is_greeting && !memchr(greeting.unit, 0, sizeof greeting.unit))
+        return outcome::malformed;
     if (is_greeting && from->now != stage::attached && be32toh(greeting.version_be) != link_version) {
         OKA_ERROR("OKA: Process %u speaks version %u of the links' protocol, not %u", from->pid,
                   be32toh(greeting.version_be), link_version);
@@ -306,7 +380,9 @@ outcome handle_frame(connection* from, size_t size) {
     case stage::accepted:
         return is_greeting && kind == frame_kind::hello ? handle_hello(from, greeting) : outcome::malformed;
     case stage::welcomed:
-        return size == sizeof header && kind == frame_kind::attach ? handle_attach(from) : outcome::malformed;
+        return size == sizeof(attach_frame) && kind == frame_kind::attach
+                   ? handle_attach(from, *reinterpret_cast<const attach_frame*>(links.received))
+                   : outcome::malformed;
     case stage::attached:
         return handle_attached(from, header, size);
     }
@@ -332,9 +408,7 @@ outcome receive_frame(connection* from) {
 
 void greet(connection* to) {
     link_search& search = *to->search;
-    greeting_frame hello = {.header = make_header(frame_kind::hello, OKA_MAILBOX_NONE, OKA_MAILBOX_NONE),
-                            .version_be = htobe32(link_version),
-                            .process = links.process};
+    const greeting_frame hello = make_greeting(frame_kind::hello, *to);
     if ((search.introduce && !search.introduce(search, to->watched.fd)) ||
         !send_packet(*to, &hello, sizeof hello))
         give_up(to);
@@ -415,6 +489,14 @@ void finish(peer* gone) {
     delete gone;
 }
 
+// Draws the number that the other end is to answer. False when the connection had to be closed.
+bool challenge(connection* fresh) {
+    if (getrandom(&fresh->challenge, sizeof fresh->challenge, 0) == sizeof fresh->challenge)
+        return true;
+    close_connection(fresh);
+    return false;
+}
+
 } // namespace
 
 bool start_links(void (*room_again)()) {
@@ -440,26 +522,26 @@ bool room_for_link() {
     return count_connections() < connections_limit;
 }
 
-void accept_link(int fd, uint32_t pid, oka_mailbox mailbox, admits_packet admits) {
+void accept_link(const family& over, int fd, uint32_t pid, oka_mailbox mailbox) {
     if (pid != 0 && count_connections_of(pid) >= connections_per_process_limit) {
         OKA_ERROR("OKA: Process %u has %zu connections and gets no more", pid, connections_per_process_limit);
         close(fd);
         return;
     }
-    limit_half_open();
-    connection* fresh = open_connection(fd, pid, admits ? stage::arrived : stage::accepted, ready);
-    if (!fresh)
+    limit_half_open(pid);
+    connection* fresh = open_connection(over, fd, pid, over.admits ? stage::arrived : stage::accepted, ready);
+    if (!fresh || !challenge(fresh))
         return;
     fresh->mailbox = mailbox;
-    fresh->admits = admits;
     // A well-behaved process has sent its hello before it is accepted. Reading it at once keeps the
     // connection from being closed as the oldest half-open one.
     receive(fresh);
 }
 
-void begin_link(link_search& search, int fd, uint32_t pid, bool connected) {
-    connection* fresh = open_connection(fd, pid, connected ? stage::greeting : stage::connecting, ready);
-    if (!fresh) {
+void begin_link(const family& over, link_search& search, int fd, uint32_t pid, bool connected) {
+    connection* fresh =
+        open_connection(over, fd, pid, connected ? stage::greeting : stage::connecting, ready);
+    if (!fresh || !challenge(fresh)) {
         search.failed(search);
         return;
     }
@@ -482,8 +564,10 @@ void cancel_link(link_search& search) {
 }
 
 void tell_gone(oka_mailbox mailbox) {
-    for (peer* each = links.peers; each; each = each->next)
+    for (peer* each = links.peers; each; each = each->next) {
         post_frame(*each, frame_kind::gone, OKA_MAILBOX_NONE, mailbox);
+        std::erase(each->spoken, mailbox);
+    }
 }
 
 } // namespace oka

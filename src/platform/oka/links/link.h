@@ -5,7 +5,8 @@
 // A process draws a random number when it starts. All connections to the process with that number are one
 // peer, so that each of its mailboxes has one id. The side that connects sends its number in a hello and
 // receives the other's in a welcome. If the two are not attached yet, it attaches the connection; otherwise
-// it closes it. The end of a connection that was never attached does not mean that a process died.
+// it closes it. The end of a connection that was never attached does not mean that a process died. In welcome
+// and attach each side proves, where that is needed, that it is of the node's group (group.h).
 //
 // Each side sends on one connection only, the first that was attached, which keeps messages in order. The
 // lookup of a mailbox goes over that connection too, so that its answer and the news that the mailbox is gone
@@ -20,6 +21,7 @@
 namespace oka {
 
 struct connection;
+struct family;
 struct peer;
 
 // One search for a mailbox behind a connected socket; embedded in the record of the search.
@@ -39,9 +41,6 @@ struct link_search {
     link_search* next_asking = nullptr;
 };
 
-// Whether the first packet of a connection names the mailbox that it came to.
-using admits_packet = bool (*)(oka_mailbox mailbox, uint32_t pid, const void* packet, size_t size);
-
 // Once for each transport. `room_again` is called when a connection was closed, for a listener that stopped
 // accepting. False, with errno, when there are no random numbers.
 bool start_links(void (*room_again)());
@@ -51,11 +50,10 @@ void stop_links();
 bool room_for_link();
 // A socket that was accepted for a mailbox of this process; owns the socket. `pid` is the process at the
 // other end as the kernel tells it, between hosts its machine: only connections with the same one are a peer.
-// `admits` is null when connections begin with the hello.
-void accept_link(int fd, uint32_t pid, oka_mailbox mailbox, admits_packet admits);
+void accept_link(const family& over, int fd, uint32_t pid, oka_mailbox mailbox);
 // A socket that is connected, or still connecting, to what should be the wanted mailbox. Owns the socket. May
 // fail at once.
-void begin_link(link_search& search, int fd, uint32_t pid, bool connected);
+void begin_link(const family& over, link_search& search, int fd, uint32_t pid, bool connected);
 void cancel_link(link_search& search);
 
 // Tells all peers that a mailbox of this process is gone.

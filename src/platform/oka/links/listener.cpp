@@ -28,7 +28,8 @@ struct listener {
     const family* over;
     descriptor watched;
     oka_mailbox mailbox;
-    published_socket socket; // without a descriptor while it cannot be published
+    bool is_offered;
+    published_socket socket; // without a descriptor while it cannot be published, or is not offered
     char name[OKA_MAILBOX_NAME_SIZE];
 
     mailbox_address at() const { return {own_unit(), name}; }
@@ -100,7 +101,7 @@ void accept_one(void* context, uint32_t) {
     }
     uint32_t peer = 0;
     if (at.over->may_connect(fd, at.at(), peer))
-        accept_link(fd, peer, at.mailbox, at.over->admits);
+        accept_link(*at.over, fd, peer, at.mailbox);
     else
         close(fd);
 }
@@ -134,11 +135,13 @@ int open_socket(listener& opened) {
 }
 
 bool is_in_place(const listener& each) {
+    if (!each.is_offered)
+        return true;
     return each.socket.fd >= 0 && (!each.over->is_in_place || each.over->is_in_place(each.at(), each.socket));
 }
 
 void watch_place(const listener& of) {
-    if (of.over->watch_place)
+    if (of.is_offered && of.over->watch_place)
         of.over->watch_place(of.at());
 }
 
@@ -166,8 +169,9 @@ bool announce_listener(const family& over, oka_mailbox mailbox, const char* name
     snprintf(fresh->name, sizeof fresh->name, "%s", name);
     fresh->over = &over;
     fresh->mailbox = mailbox;
-    bool is_first = !*find_link([&](const listener& each) { return each.over == &over; });
-    int error = open_socket(*fresh);
+    fresh->is_offered = !over.is_offered || over.is_offered(name);
+    bool is_first = !*find_link([&](const listener& each) { return each.over == &over && each.is_offered; });
+    int error = fresh->is_offered ? open_socket(*fresh) : 0;
     // If the first one cannot be published, the environment is wrong, and that is an error. If a later one
     // cannot, resources are short: the mailbox works for those that know it, and is published as soon as
     // possible.
@@ -206,9 +210,10 @@ void stop_listening() {
 
 bool find_listener(const family& over, oka_mailbox mailbox, mailbox_address& found) {
     const listener* listening = *find(over, mailbox);
-    if (listening)
-        found = listening->at();
-    return listening;
+    if (!listening || !listening->is_offered)
+        return false;
+    found = listening->at();
+    return true;
 }
 
 bool is_listening(const char* name) {

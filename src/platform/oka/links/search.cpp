@@ -55,7 +55,7 @@ void try_places_of(search& of) {
         uint32_t peer = 0;
         int fd = connect_to_next(of, peer);
         if (fd >= 0) {
-            begin_link(of.link, fd, peer, !of.over->connects_later);
+            begin_link(*of.over, of.link, fd, peer, !of.over->connects_later);
             return;
         }
         note_error(of, errno);

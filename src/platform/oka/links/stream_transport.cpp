@@ -4,11 +4,14 @@
 #include <cstring>
 
 #include "platform/oka/core/oka_trace.h"
+#include "platform/oka/links/group.h"
 #include "platform/oka/links/link.h"
 
 namespace oka {
 
 int start_stream(const family& over, const char* own_unit) {
+    if (int error = read_group())
+        return error;
     if (int error = over.start(own_unit))
         return error;
     if (start_links(listen_again))
@@ -23,6 +26,7 @@ void stop_stream(const family& over) {
     if (over.stop)
         over.stop();
     stop_links();
+    forget_group();
 }
 
 } // namespace oka

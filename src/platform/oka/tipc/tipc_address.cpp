@@ -17,6 +17,15 @@ uint32_t hash(const char* text) {
     return value;
 }
 
+// Of the socket, or of the one that it is connected to; zero when there is none.
+tipc_socket_addr address_of(int fd, bool other) {
+    sockaddr_tipc address = {};
+    socklen_t size = sizeof address;
+    auto* into = reinterpret_cast<sockaddr*>(&address);
+    const int result = other ? getpeername(fd, into, &size) : getsockname(fd, into, &size);
+    return result == 0 ? address.addr.id : tipc_socket_addr{};
+}
+
 } // namespace
 
 tipc_service_addr service_of(const mailbox_address& mailbox) {
@@ -29,15 +38,15 @@ int tipc_socket() {
 }
 
 uint32_t own_node(int fd) {
-    sockaddr_tipc address = {};
-    socklen_t size = sizeof address;
-    return getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0 ? address.addr.id.node : 0;
+    return address_of(fd, false).node;
 }
 
 uint32_t other_node(int fd) {
-    sockaddr_tipc address = {};
-    socklen_t size = sizeof address;
-    return getpeername(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0 ? address.addr.id.node : 0;
+    return address_of(fd, true).node;
+}
+
+uint64_t socket_address(int fd, bool other) {
+    return place_of(address_of(fd, other));
 }
 
 uint64_t place_of(const tipc_socket_addr& socket) {

@@ -18,7 +18,8 @@ int tipc_socket();
 uint32_t own_node(int fd);
 uint32_t other_node(int fd);
 
-// A socket as a place of a search.
+// A socket as a place of a search, and the address of a connected one, or of its other end, in the same form.
+uint64_t socket_address(int fd, bool other);
 uint64_t place_of(const tipc_socket_addr& socket);
 tipc_socket_addr socket_at(uint64_t place);
 

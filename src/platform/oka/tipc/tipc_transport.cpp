@@ -11,9 +11,11 @@
 #include <unistd.h>
 
 #include "platform/oka/core/oka_trace.h"
+#include "platform/oka/links/group.h"
 #include "platform/oka/links/stream_transport.h"
 #include "platform/oka/tipc/tipc_address.h"
 #include "platform/oka/tipc/tipc_topology.h"
+#include "platform/words.h"
 
 namespace oka::af_tipc {
 
@@ -22,6 +24,7 @@ extern const family sockets;
 namespace {
 
 constexpr int waiting_connections = 128;
+constexpr char usual_secret[] = "/etc/qel-tavu/group.secret";
 // How long a machine may take to answer. One that is gone is noticed sooner, by the end of its TIPC link.
 constexpr uint32_t connect_timeout_ms = 5'000;
 
@@ -71,6 +74,12 @@ int start(const char*) {
         return error;
     }
     close(probe);
+    const char* secret = getenv("OKA_TIPC_SECRET");
+    const bool is_chosen = secret && *secret;
+    if (is_chosen || !may_be_clear()) {
+        if (int error = read_group_secret(is_chosen ? secret : usual_secret))
+            return error;
+    }
     if (may_be_clear() || has_node_key())
         return 0;
     OKA_ERROR("OKA: The keys of links would travel over TIPC in the clear: '%s' does not say that this node "
@@ -148,7 +157,26 @@ int publish(const mailbox_address& at, published_socket& published) {
     return error;
 }
 
-// Every node of the cluster may connect. The key of the cluster keeps other machines out.
+// The mailboxes that other units need. All others stay within the host, as what a person asks for.
+bool is_offered(const char* name) {
+    const char* chosen = getenv("OKA_TIPC_NAMES");
+    std::string_view names = chosen && *chosen ? chosen : "mka-key-server idl-topologyd-peer";
+    if (names == "all")
+        return true;
+    for (std::string_view each = platform::next_word(names); !each.empty();
+         each = platform::next_word(names)) {
+        if (each == name)
+            return true;
+    }
+    return false;
+}
+
+bool find_offered(oka_mailbox mailbox, mailbox_address& found) {
+    return find_listener(sockets, mailbox, found);
+}
+
+// Every node of the cluster may connect. The key of the cluster keeps other machines out, and the secret of
+// the group other processes.
 bool may_connect(int fd, const mailbox_address&, uint32_t& node) {
     node = other_node(fd);
     return true;
@@ -178,6 +206,9 @@ int connect_to(const search&, uint64_t place, uint32_t& node) {
 constexpr family sockets = {.name = "tipc",
                             .between_hosts = true,
                             .start = start,
+                            .socket_address = socket_address,
+                            .is_offered = is_offered,
+                            .find_offered = find_offered,
                             .publish = publish,
                             .may_connect = may_connect,
                             .admits = admits,
