@@ -10,12 +10,12 @@
 
 namespace tavu {
 
-enum class origin { SENT, PREPARED };
+enum class origin { sent, prepared };
 
 struct dispatch_row {
     uint32_t number;
     void (*handle)(const oka_message* message);
-    origin from = origin::SENT;
+    origin from = origin::sent;
 };
 
 // The row of that message in a table whose rows have a number, or null.

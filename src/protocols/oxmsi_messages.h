@@ -93,14 +93,14 @@ TAVU_WIRE_LAYOUT(oxmsi_capabilities_get_cfm, 24);
 
 // The part that link added and link updated have in common, from the port name on.
 struct oxmsi_link {
-    port_name port;        // +0   local
-    port_name remote_port; // +16
-    be32 link_id;          // +32
-    be32 link_word_1;      // +36  not interpreted
-    be32 remote_mpid;      // +40
-    be32 link_word_2;      // +44  stored, not used
-    be32 du_type;          // +48  oxmsi_du_type
-    be32 link_status;      // +52  oxmsi_ltm_link_status
+    TAVU_FIELD(0, port, port_name);
+    TAVU_FIELD(16, remote_port, port_name);
+    TAVU_FIELD(32, link_id, be32);
+    TAVU_FIELD(36, link_word_1, be32); // not interpreted
+    TAVU_FIELD(40, remote_mpid, be32);
+    TAVU_FIELD(44, link_word_2, be32); // stored, not used
+    TAVU_FIELD(48, du_type, be32);     // oxmsi_du_type
+    TAVU_FIELD(52, link_status, be32); // oxmsi_ltm_link_status
 };
 TAVU_WIRE_LAYOUT(oxmsi_link, 56);
 

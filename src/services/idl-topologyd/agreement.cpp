@@ -67,16 +67,16 @@ bool is_flapping(agreement& agreed, uint64_t now_ms) {
 
 // Down and into a new incarnation; `failure` when it is this end that failed.
 void start_over(agreement& agreed, topology_fault_code failure, uint64_t now_ms) {
-    if (agreed.state == ENCRYPTED && now_ms - agreed.state_since_ms >= lasting_ms)
+    if (agreed.state == encrypted && now_ms - agreed.state_since_ms >= lasting_ms)
         forget_failures(agreed);
-    if (agreed.state != DOWN && is_flapping(agreed, now_ms) && failure == TOPOLOGY_FAULT_NONE)
+    if (agreed.state != down && is_flapping(agreed, now_ms) && failure == TOPOLOGY_FAULT_NONE)
         failure = TOPOLOGY_FAULT_FLAPPING;
     if (failure != TOPOLOGY_FAULT_NONE)
         count_failure(agreed, failure, now_ms);
     agreed.up_with = 0;
     agreed.probes.succeed();
-    if (agreed.state != DOWN)
-        change_state(agreed, DOWN, now_ms);
+    if (agreed.state != down)
+        change_state(agreed, down, now_ms);
     start_incarnation(agreed, now_ms);
     if (failure != TOPOLOGY_FAULT_NONE)
         TRACE_INFO("TOPOLOGYD: Port '%s': starts over: %s", agreed.port.c_str(), fault_to_word(failure));
@@ -101,21 +101,21 @@ bool pair_is_broken(const agreement& agreed) {
 }
 
 bool waits_for_keys(const agreement& agreed) {
-    return (agreed.state == STARTING || agreed.state == JOINING) &&
+    return (agreed.state == starting || agreed.state == joining) &&
            agreed.peer.phase != TOPOLOGY_PHASE_PORT_DOWN;
 }
 
 // The port carries clear frames, though its link is published up.
 bool port_is_down(agreement& agreed, bool is_answer, uint64_t now_ms, wish& wished) {
     switch (agreed.state) {
-    case DOWN:
-    case PORT_DOWN:
+    case down:
+    case port_down:
         return false;
-    case STARTING:
-        change_state(agreed, PORT_DOWN, now_ms);
+    case starting:
+        change_state(agreed, port_down, now_ms);
         agreed.probes.fail(now_ms);
         return true;
-    case JOINING:
+    case joining:
         // A port whose last association ended without protection answers so as soon as it has joined, and
         // the keys that come with the other end put it right. A cable that was pulled answers so too.
         if (is_answer) {
@@ -123,32 +123,32 @@ bool port_is_down(agreement& agreed, bool is_answer, uint64_t now_ms, wish& wish
             return false;
         }
         break;
-    case ENCRYPTED:
+    case encrypted:
         break;
     }
     // Its cable is out, or the daemon released it and has forgotten the link. Publishing anew is right for
     // both.
     start_over(agreed, TOPOLOGY_FAULT_NONE, now_ms);
-    wished = wish::PUBLISH_ANEW;
+    wished = wish::publish_anew;
     return true;
 }
 
 bool port_joins(agreement& agreed, bool is_answer, uint64_t now_ms) {
     switch (agreed.state) {
-    case DOWN:
+    case down:
         return false;
-    case STARTING:
-    case PORT_DOWN:
-    case JOINING:
+    case starting:
+    case port_down:
+    case joining:
         // The daemon answers when the port is encrypted, or cannot be.
         if (is_answer)
             start_over(agreed, TOPOLOGY_FAULT_FAILED, now_ms);
-        else if (agreed.state != JOINING)
-            change_state(agreed, JOINING, now_ms);
+        else if (agreed.state != joining)
+            change_state(agreed, joining, now_ms);
         else
             return false;
         return true;
-    case ENCRYPTED:
+    case encrypted:
         start_over(agreed, TOPOLOGY_FAULT_BROKEN, now_ms);
         return true;
     }
@@ -159,15 +159,15 @@ bool port_joins(agreement& agreed, bool is_answer, uint64_t now_ms) {
 
 const char* agreement_state_to_str(agreement_state state) {
     switch (state) {
-    case DOWN:
+    case down:
         return "down";
-    case STARTING:
+    case starting:
         return "starting";
-    case PORT_DOWN:
+    case port_down:
         return "port down";
-    case JOINING:
+    case joining:
         return "joining";
-    case ENCRYPTED:
+    case encrypted:
         return "encrypted";
     }
     return "unknown";
@@ -185,11 +185,11 @@ void meet(agreement& agreed, const port_name& port, uint32_t remote_mpid, uint32
 }
 
 bool may_be_up(const agreement& agreed) {
-    return agreed.state != DOWN;
+    return agreed.state != down;
 }
 
 bool wants_answer(const agreement& agreed) {
-    return agreed.state == JOINING;
+    return agreed.state == joining;
 }
 
 topology_phase phase_of(const agreement& agreed, const link_situation& situation, uint64_t now_ms) {
@@ -198,15 +198,15 @@ topology_phase phase_of(const agreement& agreed, const link_situation& situation
     if (!situation.has_daemon)
         return TOPOLOGY_PHASE_NO_DAEMON;
     switch (agreed.state) {
-    case DOWN:
+    case down:
         break;
-    case STARTING:
+    case starting:
         return TOPOLOGY_PHASE_STARTING;
-    case PORT_DOWN:
+    case port_down:
         return TOPOLOGY_PHASE_PORT_DOWN;
-    case JOINING:
+    case joining:
         return TOPOLOGY_PHASE_JOINING;
-    case ENCRYPTED:
+    case encrypted:
         return TOPOLOGY_PHASE_ENCRYPTED;
     }
     if (!situation.is_settled)
@@ -255,54 +255,54 @@ void forget_pauses(agreement& agreed) {
 }
 
 void agreement_undone(agreement& agreed, topology_fault_code failure, uint64_t now_ms) {
-    if (agreed.state != DOWN)
+    if (agreed.state != down)
         start_over(agreed, failure, now_ms);
 }
 
 bool port_reported(agreement& agreed, uint32_t oper_state, uint32_t encryption_state, bool is_answer,
                    uint64_t now_ms, wish& wished) {
-    wished = wish::NONE;
-    if (agreed.state == DOWN)
+    wished = wish::none;
+    if (agreed.state == down)
         return false;
     // While a port joins, the daemon may show it as encrypted with what is left of an earlier association.
     if (oper_state != OXMSI_PORT_OPER_STATE_ENABLED)
         return port_joins(agreed, is_answer, now_ms);
     if (encryption_state != OXMSI_PORT_ENCRYPTION_STATE_ENABLED)
         return port_is_down(agreed, is_answer, now_ms, wished);
-    if (agreed.state == ENCRYPTED)
+    if (agreed.state == encrypted)
         return false;
-    change_state(agreed, ENCRYPTED, now_ms);
+    change_state(agreed, encrypted, now_ms);
     return true;
 }
 
 wish decide(agreement& agreed, const link_situation& situation, uint64_t now_ms) {
-    if (agreed.state == DOWN) {
+    if (agreed.state == down) {
         if (may_go_up(agreed, situation, now_ms)) {
-            change_state(agreed, STARTING, now_ms);
+            change_state(agreed, starting, now_ms);
             agreed.up_with = agreed.peer.incarnation;
         }
-        return wish::NONE;
+        return wish::none;
     }
     if (!situation.wants_security || pair_is_broken(agreed)) {
         start_over(agreed, TOPOLOGY_FAULT_NONE, now_ms);
-        return wish::NONE;
+        return wish::none;
     }
     if (waits_for_keys(agreed) && now_ms - agreed.patient_since_ms >= patience_ms) {
         start_over(agreed, TOPOLOGY_FAULT_NO_KEYS, now_ms);
-        return wish::NONE;
+        return wish::none;
     }
-    if (agreed.state != PORT_DOWN || agreed.probes.is_pausing(now_ms))
-        return wish::NONE;
+    if (agreed.state != port_down || agreed.probes.is_pausing(now_ms))
+        return wish::none;
     // A port that is down looks like one that the daemon released because some other client closed. Then it
     // has forgotten the link, and would not secure the port when its cable is back; so it is published anew.
     agreed.probes.fail(now_ms);
-    return wish::PUBLISH_ANEW_UNLESS_PENDING;
+    return wish::publish_anew_unless_pending;
 }
 
 uint64_t next_decision_ms(const agreement& agreed) {
-    if (agreed.state == DOWN)
+    if (agreed.state == down)
         return agreed.failing.until_ms;
-    if (agreed.state == PORT_DOWN)
+    if (agreed.state == port_down)
         return agreed.probes.until_ms;
     return waits_for_keys(agreed) ? agreed.patient_since_ms + patience_ms : 0;
 }

@@ -20,19 +20,19 @@ namespace topologyd {
 
 // How far this end has come.
 enum class agreement_state {
-    DOWN,
-    STARTING, // may be up, and the port's status since is not known yet
-    PORT_DOWN,
-    JOINING,
-    ENCRYPTED,
+    down,
+    starting, // may be up, and the port's status since is not known yet
+    port_down,
+    joining,
+    encrypted,
 };
 constexpr uint32_t agreement_state_changes[] = {
-    to(agreement_state::STARTING),
-    to(agreement_state::DOWN) | to(agreement_state::PORT_DOWN) | to(agreement_state::JOINING) |
-        to(agreement_state::ENCRYPTED),
-    to(agreement_state::DOWN) | to(agreement_state::JOINING) | to(agreement_state::ENCRYPTED),
-    to(agreement_state::DOWN) | to(agreement_state::ENCRYPTED),
-    to(agreement_state::DOWN),
+    to(agreement_state::starting),
+    to(agreement_state::down) | to(agreement_state::port_down) | to(agreement_state::joining) |
+        to(agreement_state::encrypted),
+    to(agreement_state::down) | to(agreement_state::joining) | to(agreement_state::encrypted),
+    to(agreement_state::down) | to(agreement_state::encrypted),
+    to(agreement_state::down),
 };
 const char* agreement_state_to_str(agreement_state state);
 
@@ -55,7 +55,7 @@ struct link_situation {
 };
 
 // What is to be done about the publication, when the daemon may have forgotten the link.
-enum class wish { NONE, PUBLISH_ANEW, PUBLISH_ANEW_UNLESS_PENDING };
+enum class wish { none, publish_anew, publish_anew_unless_pending };
 
 struct agreement {
     services::port_name port{};
@@ -63,7 +63,7 @@ struct agreement {
     uint32_t reference = 0;   // the link's in messages to the other end
 
     uint32_t incarnation = 0;
-    agreement_state state = agreement_state::DOWN;
+    agreement_state state = agreement_state::down;
     uint32_t up_with = 0; // the other end's incarnation when we went up
     uint64_t state_since_ms = 0;
     uint64_t patient_since_ms = 0; // keys that did not come within the time from here do not come

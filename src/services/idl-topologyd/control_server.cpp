@@ -78,9 +78,9 @@ topology_daemon_state daemon_state() {
 topology_publication publication_of(const link_record& link) {
     if (!link.is_in_file)
         return TOPOLOGY_LINK_REMOVING;
-    if (link.published.pending != link_request::NONE)
+    if (link.published.pending != link_request::none)
         return TOPOLOGY_LINK_REQUESTED;
-    return link.published.held == held_link::LINK ? TOPOLOGY_LINK_PUBLISHED : TOPOLOGY_LINK_WAITING;
+    return link.published.held == held_link::link ? TOPOLOGY_LINK_PUBLISHED : TOPOLOGY_LINK_WAITING;
 }
 
 topology_age age_of(uint64_t moment_ms) {

@@ -15,9 +15,9 @@ constexpr uint64_t costly_silence_ms = 2500 - probe_interval_ms;
 
 // How the daemon is reached.
 enum class daemon_contact {
-    NONE,
-    STALLED, // connected, but it does not answer
-    ANSWERS,
+    none,
+    stalled, // connected, but it does not answer
+    answers,
 };
 
 struct daemon_probe {
@@ -29,10 +29,10 @@ struct daemon_probe {
 
 // What a tick or an answer has shown.
 enum class probe_result {
-    NOTHING,
-    STALLED, // no answer since the last tick
-    RESUMED, // it answers again, and was not away for long
-    LOST,    // it, or this process, stood still for so long that what it was told may not hold any more
+    nothing,
+    stalled, // no answer since the last tick
+    resumed, // it answers again, and was not away for long
+    lost,    // it, or this process, stood still for so long that what it was told may not hold any more
 };
 
 // Every probe_interval_ms. The next probe is to be sent when none is unanswered.

@@ -106,12 +106,12 @@ fault fault_between(const link_record& link) {
 fault own_fault(const link_record& link, daemon_contact daemon, uint64_t now_ms) {
     if (!wants_security(link))
         return {};
-    if (daemon == daemon_contact::STALLED)
+    if (daemon == daemon_contact::stalled)
         return here(TOPOLOGY_FAULT_STALLED, "qel-tavu stands still; keys are not changed, nor is the link "
                                             "repaired, until it goes on or is restarted");
-    if (link.agreed.state == agreement_state::ENCRYPTED)
+    if (link.agreed.state == agreement_state::encrypted)
         return failure_in_words(link.watched.found);
-    if (daemon == daemon_contact::NONE)
+    if (daemon == daemon_contact::none)
         return here(TOPOLOGY_FAULT_NO_DAEMON, "qel-tavu is not reachable; see that it runs, and that "
                                               "oxpcsi-server tells it its ports");
     if (link.published.requests.failures > 0)
@@ -126,7 +126,7 @@ fault fault_of(const link_record& link, daemon_contact daemon, uint64_t now_ms) 
     if (!wants_security(link))
         return {};
     fault own = own_fault(link, daemon, now_ms);
-    if (link.agreed.state == agreement_state::ENCRYPTED)
+    if (link.agreed.state == agreement_state::encrypted)
         return own.code != TOPOLOGY_FAULT_NONE ? own : fault_there(link.agreed.peer);
     if (own.code == TOPOLOGY_FAULT_STALLED || own.code == TOPOLOGY_FAULT_NO_DAEMON ||
         own.code == TOPOLOGY_FAULT_REFUSED)

@@ -26,7 +26,7 @@ wanted_publication wanted_of(const link_record& link) {
 }
 
 link_situation situation_of(const link_record& link, daemon_contact daemon) {
-    return {wants_security(link), daemon != daemon_contact::NONE,
+    return {wants_security(link), daemon != daemon_contact::none,
             is_settled(link.published, wanted_of(link).link)};
 }
 
@@ -36,7 +36,7 @@ services::topology_phase phase_of(const link_record& link, daemon_contact daemon
 
 bool is_fulfilled(const link_record& link) {
     agreement_state state = link.agreed.state;
-    bool has_come = state == agreement_state::ENCRYPTED || state == agreement_state::PORT_DOWN;
+    bool has_come = state == agreement_state::encrypted || state == agreement_state::port_down;
     return is_settled(link.published, wanted_of(link).link) && (has_come || !wants_security(link));
 }
 

@@ -83,24 +83,24 @@ bool is_symbolic_link() {
     return lstat(self.path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
-enum class news { NONE, FILE, DIRECTORY };
+enum class news { none, file, directory };
 
 news judge(const inotify_event& event) {
     if (event.mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_Q_OVERFLOW))
-        return news::DIRECTORY;
+        return news::directory;
     if (event.len == 0 || self.name != event.name)
-        return news::NONE;
+        return news::none;
     if ((event.mask & IN_CREATE) && !is_symbolic_link())
-        return news::NONE;
+        return news::none;
     // Rights matter only while they may be what kept us from reading.
     if ((event.mask & IN_ATTRIB) && self.error.empty())
-        return news::NONE;
-    return news::FILE;
+        return news::none;
+    return news::file;
 }
 
 // Reads all events that wait, and tells the gravest.
 news read_events() {
-    news gravest = news::NONE;
+    news gravest = news::none;
     alignas(inotify_event) char buffer[4096];
     for (;;) {
         ssize_t length = read(self.descriptor, buffer, sizeof buffer);
@@ -118,12 +118,12 @@ news read_events() {
 
 void handle_links_file_changed_ind() {
     switch (read_events()) {
-    case news::NONE:
+    case news::none:
         return;
-    case news::FILE:
+    case news::file:
         read_file();
         return;
-    case news::DIRECTORY:
+    case news::directory:
         stop_following();
         follow();
         return;

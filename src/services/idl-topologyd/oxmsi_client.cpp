@@ -118,15 +118,15 @@ void stop_probing() {
 
 void take_probe_result(probe_result result) {
     switch (result) {
-    case probe_result::NOTHING:
+    case probe_result::nothing:
         return;
-    case probe_result::STALLED:
+    case probe_result::stalled:
         TRACE_ERROR("TOPOLOGYD: '%s' does not answer; does it stand still?", service_name);
         break;
-    case probe_result::RESUMED:
+    case probe_result::resumed:
         TRACE_INFO("TOPOLOGYD: '%s' answers again", service_name);
         break;
-    case probe_result::LOST:
+    case probe_result::lost:
         TRACE_INFO("TOPOLOGYD: '%s', or this process, stood still for seconds; every link starts over",
                    service_name);
         self.callbacks.handle_silence_ended();
@@ -264,8 +264,8 @@ void handle_capabilities_get_cfm(const oka_message* message) {
 }
 
 constexpr tavu::dispatch_row dispatch_table[] = {
-    {OXMSI_SERVER_UP_IND, handle_server_up_ind, tavu::origin::PREPARED},
-    {OXMSI_SERVER_DOWN_IND, handle_server_down_ind, tavu::origin::PREPARED},
+    {OXMSI_SERVER_UP_IND, handle_server_up_ind, tavu::origin::prepared},
+    {OXMSI_SERVER_DOWN_IND, handle_server_down_ind, tavu::origin::prepared},
     {OXMSI_CONNECTION_ESTABLISH_CFM, handle_connection_establish_cfm},
     {OXMSI_CONNECTION_ESTABLISH_REJ, handle_connection_establish_rej},
     {OXMSI_CAPABILITIES_GET_CFM, handle_capabilities_get_cfm},
@@ -322,20 +322,20 @@ uint32_t oxmsi_client_send_link(const due_request& due) {
     if (!is_connected())
         return 0;
     switch (due.request) {
-    case link_request::NONE:
+    case link_request::none:
         return 0;
-    case link_request::ADD: {
+    case link_request::add: {
         outgoing<oxmsi_link_added_req> request(OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ);
         fill_link(request->link, due.attributes);
         request->hunt_path = due.attributes.hunt_path;
         return send_request(request);
     }
-    case link_request::UPDATE: {
+    case link_request::update: {
         outgoing<oxmsi_link_updated_req> request(OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REQ);
         fill_link(request->link, due.attributes);
         return send_request(request);
     }
-    case link_request::DELETE:
+    case link_request::remove:
         return send_link_deleted_req(due.attributes);
     }
     return 0;
@@ -351,13 +351,13 @@ uint32_t oxmsi_client_unsubscribe(const port_name& port) {
 
 uint32_t oxmsi_request_number(link_request request) {
     switch (request) {
-    case link_request::NONE:
+    case link_request::none:
         return 0;
-    case link_request::ADD:
+    case link_request::add:
         return OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_ADDED_REQ;
-    case link_request::UPDATE:
+    case link_request::update:
         return OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REQ;
-    case link_request::DELETE:
+    case link_request::remove:
         return OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_DELETED_REQ;
     }
     return 0;
@@ -373,8 +373,8 @@ uint64_t oxmsi_client_state_since_ms() {
 
 daemon_contact oxmsi_client_contact() {
     if (!is_connected())
-        return daemon_contact::NONE;
-    return self.probe.is_stalled ? daemon_contact::STALLED : daemon_contact::ANSWERS;
+        return daemon_contact::none;
+    return self.probe.is_stalled ? daemon_contact::stalled : daemon_contact::answers;
 }
 
 uint32_t oxmsi_client_refusal() {

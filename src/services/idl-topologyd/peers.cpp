@@ -176,8 +176,8 @@ void fill(outgoing<Word>& indication, const Word& word) {
 }
 
 constexpr tavu::dispatch_row dispatch_table[] = {
-    {PEER_UP_IND, handle_peer_up_ind, tavu::origin::PREPARED},
-    {PEER_DOWN_IND, handle_peer_down_ind, tavu::origin::PREPARED},
+    {PEER_UP_IND, handle_peer_up_ind, tavu::origin::prepared},
+    {PEER_DOWN_IND, handle_peer_down_ind, tavu::origin::prepared},
     {TOPOLOGY_PEER_LINK_IND, handle_peer_link_ind},
     {TOPOLOGY_PEER_LINK_REJ, handle_peer_link_rej},
     {TOPOLOGY_PEER_SECY_IND, handle_peer_secy_ind},

@@ -25,28 +25,28 @@ bool update_suffices(const link_attributes& from, const link_attributes& to) {
 }
 
 bool may_stay_unanswered(const publication& of) {
-    return of.pending != link_request::DELETE && asks_for_security(of.held_attributes);
+    return of.pending != link_request::remove && asks_for_security(of.held_attributes);
 }
 
 // What the daemon holds after it has refused the pending request.
 held_link held_after_reject(const publication& of, uint32_t reason) {
     switch (of.pending) {
-    case link_request::NONE:
+    case link_request::none:
         break;
-    case link_request::ADD:
-        return reason == OXMSI_REJ_MAX_NUMBER_OF_LINKS_REACHED ? held_link::UNKNOWN : held_link::NOTHING;
-    case link_request::UPDATE:
-        return reason == OXMSI_REJ_UNKNOWN_PORT_NAME ? held_link::NOTHING : held_link::UNKNOWN;
-    case link_request::DELETE:
+    case link_request::add:
+        return reason == OXMSI_REJ_MAX_NUMBER_OF_LINKS_REACHED ? held_link::unknown : held_link::nothing;
+    case link_request::update:
+        return reason == OXMSI_REJ_UNKNOWN_PORT_NAME ? held_link::nothing : held_link::unknown;
+    case link_request::remove:
         return reason == OXMSI_REJ_LINK_NOT_FOUND || reason == OXMSI_REJ_UNKNOWN_PORT_NAME
-                   ? held_link::NOTHING
-                   : held_link::UNKNOWN;
+                   ? held_link::nothing
+                   : held_link::unknown;
     }
     return of.held;
 }
 
 void end_pending(publication& of) {
-    of.pending = link_request::NONE;
+    of.pending = link_request::none;
     of.pending_reference = 0;
 }
 
@@ -58,38 +58,38 @@ bool asks_for_security(const link_attributes& link) {
 }
 
 bool is_settled(const publication& of, const std::optional<link_attributes>& wanted) {
-    if (of.pending != link_request::NONE)
+    if (of.pending != link_request::none)
         return false;
     if (!wanted)
-        return of.held == held_link::NOTHING;
-    return of.held == held_link::LINK && of.held_attributes == *wanted;
+        return of.held == held_link::nothing;
+    return of.held == held_link::link && of.held_attributes == *wanted;
 }
 
 bool is_published_up(const publication& of) {
-    return of.held == held_link::LINK && asks_for_security(of.held_attributes);
+    return of.held == held_link::link && asks_for_security(of.held_attributes);
 }
 
 due_request next_request(const publication& of, const wanted_publication& wanted, uint64_t now_ms) {
-    if (of.requests.is_pausing(now_ms) || (of.pending != link_request::NONE && !may_stay_unanswered(of)))
+    if (of.requests.is_pausing(now_ms) || (of.pending != link_request::none && !may_stay_unanswered(of)))
         return {};
     switch (of.held) {
-    case held_link::NOTHING:
-        return wanted.link ? due_request{link_request::ADD, *wanted.link} : due_request{};
-    case held_link::UNKNOWN:
-        return {link_request::DELETE, of.held_attributes};
-    case held_link::LINK:
+    case held_link::nothing:
+        return wanted.link ? due_request{link_request::add, *wanted.link} : due_request{};
+    case held_link::unknown:
+        return {link_request::remove, of.held_attributes};
+    case held_link::link:
         break;
     }
     if (!wanted.link || !update_suffices(of.held_attributes, *wanted.link))
-        return {link_request::DELETE, of.held_attributes};
+        return {link_request::remove, of.held_attributes};
     bool is_held = of.held_attributes == *wanted.link;
-    if (!is_held || (wanted.wants_answer && of.pending == link_request::NONE))
-        return {link_request::UPDATE, *wanted.link};
+    if (!is_held || (wanted.wants_answer && of.pending == link_request::none))
+        return {link_request::update, *wanted.link};
     return {};
 }
 
 bool subscription_is_due(const publication& of, uint64_t now_ms) {
-    return of.subscription == subscription_state::NONE && !of.subscribing.is_pausing(now_ms);
+    return of.subscription == subscription_state::none && !of.subscribing.is_pausing(now_ms);
 }
 
 void want_changed(publication& of) {
@@ -99,9 +99,9 @@ void want_changed(publication& of) {
 
 void request_sent(publication& of, const due_request& sent, uint32_t number, uint32_t reference,
                   uint64_t now_ms) {
-    if (sent.request != link_request::DELETE)
+    if (sent.request != link_request::remove)
         of.published_ms = now_ms;
-    change_held(of, sent.request == link_request::DELETE ? held_link::NOTHING : held_link::LINK);
+    change_held(of, sent.request == link_request::remove ? held_link::nothing : held_link::link);
     of.held_attributes = sent.attributes;
     of.pending = sent.request;
     of.pending_reference = reference;
@@ -120,24 +120,24 @@ void request_answered(publication& of, const daemon_answer& answer, uint64_t now
         if (answer.reason != OXMSI_REJ_LINK_NOT_FOUND)
             of.requests.fail(now_ms);
     }
-    if (of.held != held_link::LINK)
+    if (of.held != held_link::link)
         of.published_ms = 0;
     end_pending(of);
 }
 
 void subscription_sent(publication& of, uint32_t reference) {
-    change_subscription(of, subscription_state::REQUESTED);
+    change_subscription(of, subscription_state::requested);
     of.subscription_reference = reference;
 }
 
 void subscription_refused(publication& of, uint64_t now_ms) {
-    change_subscription(of, subscription_state::NONE);
+    change_subscription(of, subscription_state::none);
     of.subscription_reference = 0;
     of.subscribing.fail(now_ms);
 }
 
 void subscription_confirmed(publication& of) {
-    change_subscription(of, subscription_state::ACTIVE);
+    change_subscription(of, subscription_state::active);
     of.subscribing.succeed();
 }
 
@@ -152,9 +152,9 @@ bool status_told(publication& of, uint32_t oper_state, uint32_t encryption_state
 }
 
 void doubt_held_link(publication& of, doubt when) {
-    if (when == doubt::UNLESS_PENDING && (of.pending != link_request::NONE || of.held != held_link::LINK))
+    if (when == doubt::unless_pending && (of.pending != link_request::none || of.held != held_link::link))
         return;
-    of.held = held_link::UNKNOWN;
+    change_held(of, held_link::unknown);
     end_pending(of);
 }
 

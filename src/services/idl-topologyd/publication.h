@@ -14,29 +14,29 @@
 
 namespace topologyd {
 
-enum class link_request { NONE, ADD, UPDATE, DELETE };
+enum class link_request { none, add, update, remove };
 
 // What the daemon has of the port once it has taken our last request.
 enum class held_link {
-    NOTHING,
-    LINK,
-    UNKNOWN, // perhaps a link, perhaps not ours: it is deleted before ours is added
+    nothing,
+    link,
+    unknown, // perhaps a link, perhaps not ours: it is deleted before ours is added
 };
 constexpr uint32_t held_link_changes[] = {
-    to(held_link::LINK) | to(held_link::UNKNOWN),
-    to(held_link::NOTHING) | to(held_link::UNKNOWN),
-    to(held_link::NOTHING),
+    to(held_link::link) | to(held_link::unknown),
+    to(held_link::nothing) | to(held_link::unknown),
+    to(held_link::nothing),
 };
 
 enum class subscription_state {
-    NONE,
-    REQUESTED, // until the first indication
-    ACTIVE,
+    none,
+    requested, // until the first indication
+    active,
 };
 constexpr uint32_t subscription_state_changes[] = {
-    to(subscription_state::REQUESTED),
-    to(subscription_state::NONE) | to(subscription_state::ACTIVE),
-    to(subscription_state::NONE) | to(subscription_state::REQUESTED),
+    to(subscription_state::requested),
+    to(subscription_state::none) | to(subscription_state::active),
+    to(subscription_state::none) | to(subscription_state::requested),
 };
 
 // An answer to one of our requests, or a status indication.
@@ -48,13 +48,13 @@ struct daemon_answer {
 };
 
 struct publication {
-    held_link held = held_link::NOTHING;
+    held_link held = held_link::nothing;
     link_attributes held_attributes{};
-    link_request pending = link_request::NONE;
+    link_request pending = link_request::none;
     uint32_t pending_reference = 0;
     back_off requests{};
 
-    subscription_state subscription = subscription_state::NONE;
+    subscription_state subscription = subscription_state::none;
     uint32_t subscription_reference = 0;
     back_off subscribing{};
 
@@ -86,7 +86,7 @@ bool is_settled(const publication& of, const std::optional<link_attributes>& wan
 bool is_published_up(const publication& of);
 
 struct due_request {
-    link_request request = link_request::NONE;
+    link_request request = link_request::none;
     link_attributes attributes{};
 };
 
@@ -110,7 +110,7 @@ void subscription_confirmed(publication& of);
 bool status_told(publication& of, uint32_t oper_state, uint32_t encryption_state, uint64_t now_ms);
 // The daemon may have forgotten the link. An answer that is pending is not waited for, unless the link may be
 // asked about only when there is none.
-enum class doubt { AT_ONCE, UNLESS_PENDING };
+enum class doubt { at_once, unless_pending };
 void doubt_held_link(publication& of, doubt when);
 // The daemon is gone, and with it what it held.
 void daemon_lost(publication& of);

@@ -46,7 +46,7 @@ void subscribe(link_record& link) {
 // Begins the subscription anew, which tells the port's status as it is once the daemon has come to this
 // request. The daemon tells a subscriber what differs from what it told that one last, and no success.
 void renew_subscription(link_record& link) {
-    if (link.published.subscription == subscription_state::NONE)
+    if (link.published.subscription == subscription_state::none)
         return;
     ignore_result(oxmsi_client_unsubscribe(link.file.port));
     subscribe(link);
@@ -54,12 +54,12 @@ void renew_subscription(link_record& link) {
 
 void trace_request(const due_request& due) {
     const link_attributes& link = due.attributes;
-    if (due.request == link_request::DELETE)
+    if (due.request == link_request::remove)
         TRACE_INFO("TOPOLOGYD: Port '%s': link %u withdrawn", link.port.c_str(), link.id);
     else
         TRACE_INFO("TOPOLOGYD: Port '%s': link %u to port '%s' of MP %u %s, %s, status %s", link.port.c_str(),
                    link.id, link.remote_port.c_str(), link.remote_mpid,
-                   due.request == link_request::ADD ? "published" : "updated",
+                   due.request == link_request::add ? "published" : "updated",
                    services::du_type_to_word(link.du_type), link_status_to_word(link.status));
 }
 
@@ -68,12 +68,12 @@ void pursue(link_record& link) {
     if (link.is_in_file && subscription_is_due(link.published, now_ms()))
         subscribe(link);
     due_request due = next_request(link.published, wanted_of(link), now_ms());
-    if (due.request == link_request::NONE)
+    if (due.request == link_request::none)
         return;
     trace_request(due);
     uint32_t reference = oxmsi_client_send_link(due);
     request_sent(link.published, due, oxmsi_request_number(due.request), reference, now_ms());
-    if (link.agreed.state == agreement_state::STARTING && is_published_up(link.published))
+    if (link.agreed.state == agreement_state::starting && is_published_up(link.published))
         renew_subscription(link);
     self.callbacks.handle_changed();
 }
@@ -81,13 +81,13 @@ void pursue(link_record& link) {
 // What the agreement wishes of the publication.
 void grant(link_record& link, wish wished) {
     switch (wished) {
-    case wish::NONE:
+    case wish::none:
         break;
-    case wish::PUBLISH_ANEW:
-        doubt_held_link(link.published, doubt::AT_ONCE);
+    case wish::publish_anew:
+        doubt_held_link(link.published, doubt::at_once);
         break;
-    case wish::PUBLISH_ANEW_UNLESS_PENDING:
-        doubt_held_link(link.published, doubt::UNLESS_PENDING);
+    case wish::publish_anew_unless_pending:
+        doubt_held_link(link.published, doubt::unless_pending);
         break;
     }
 }
@@ -108,7 +108,7 @@ void arm_retry() {
 }
 
 bool is_encrypted(const link_record& link) {
-    return link.agreed.state == agreement_state::ENCRYPTED;
+    return link.agreed.state == agreement_state::encrypted;
 }
 
 void arm_look() {
@@ -123,14 +123,14 @@ void pursue_all() {
     const daemon_contact daemon = oxmsi_client_contact();
     for (link_record& link : self.links) {
         grant(link, decide(link.agreed, situation_of(link, daemon), now_ms()));
-        if (daemon != daemon_contact::NONE)
+        if (daemon != daemon_contact::none)
             pursue(link);
         if (update_fault(link, daemon, now_ms()))
             self.callbacks.handle_changed();
         tell_other_end(link, daemon, now_ms());
     }
     for (const link_record& link : self.links) {
-        if (is_over(link) && link.published.subscription != subscription_state::NONE)
+        if (is_over(link) && link.published.subscription != subscription_state::none)
             ignore_result(oxmsi_client_unsubscribe(link.file.port));
     }
     if (std::erase_if(self.links, is_over) > 0)
@@ -215,7 +215,7 @@ void trace_answer(const link_record& link, const daemon_answer& answer) {
 
 // True when it changed how the link stands.
 bool take_status(link_record& link, const daemon_answer& status, bool is_answer) {
-    wish wished = wish::NONE;
+    wish wished = wish::none;
     bool has_changed =
         is_published_up(link.published) &&
         port_reported(link.agreed, status.oper_state, status.encryption_state, is_answer, now_ms(), wished);
@@ -230,7 +230,7 @@ bool take_status(link_record& link, const daemon_answer& status, bool is_answer)
 
 void handle_answer(uint32_t reference, const daemon_answer& answer) {
     if (link_record* link = find_link([reference](const link_record& candidate) {
-            return candidate.published.pending != link_request::NONE &&
+            return candidate.published.pending != link_request::none &&
                    candidate.published.pending_reference == reference;
         })) {
         trace_answer(*link, answer);
@@ -240,7 +240,7 @@ void handle_answer(uint32_t reference, const daemon_answer& answer) {
             take_status(*link, answer, true);
         }
     } else if (link_record* subscriber = find_link([reference](const link_record& candidate) {
-                   return candidate.published.subscription == subscription_state::REQUESTED &&
+                   return candidate.published.subscription == subscription_state::requested &&
                           candidate.published.subscription_reference == reference;
                });
                subscriber && answer.number == OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REJ) {
@@ -256,7 +256,7 @@ void handle_answer(uint32_t reference, const daemon_answer& answer) {
 
 void handle_indication(uint32_t reference, const port_name& port, const daemon_answer& status) {
     link_record* link = find_link([reference, &port](const link_record& candidate) {
-        return candidate.published.subscription != subscription_state::NONE &&
+        return candidate.published.subscription != subscription_state::none &&
                candidate.published.subscription_reference == reference && candidate.file.port == port;
     });
     if (!link) {
@@ -453,14 +453,14 @@ bool topology_set_status(const port_name& port, std::optional<uint32_t> status) 
 
 void topology_refresh() {
     for (link_record& link : self.links) {
-        if (link.published.subscription == subscription_state::ACTIVE)
+        if (link.published.subscription == subscription_state::active)
             renew_subscription(link);
     }
 }
 
 bool topology_is_refreshing() {
     return std::any_of(self.links.begin(), self.links.end(), [](const link_record& link) {
-        return link.published.subscription == subscription_state::REQUESTED;
+        return link.published.subscription == subscription_state::requested;
     });
 }
 

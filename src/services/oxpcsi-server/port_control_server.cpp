@@ -337,7 +337,7 @@ constexpr dispatch_row handlers[] = {
     {OXPCSI_GET_ETH_PORT_SUPPORT_REQ, handle_get_eth_port_support_req},
     {OXPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, handle_subscribe_eth_port_status_req},
     {OXPCSI_UNSUBSCRIBE_ETH_PORT_STATUS_REQ, handle_unsubscribe_eth_port_status_req},
-    {CLIENT_DOWN_IND, handle_client_down_ind, origin::PREPARED},
+    {CLIENT_DOWN_IND, handle_client_down_ind, origin::prepared},
 };
 
 } // namespace

@@ -213,7 +213,7 @@ bool kay_dispatch_message(const oka_message* message) {
     if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
         return false;
     constexpr dispatch_row table[] = {
-        {KAY_SA_DISPOSAL_TIMEOUT_IND, kay_handle_sa_disposal_timeout, origin::PREPARED},
+        {KAY_SA_DISPOSAL_TIMEOUT_IND, kay_handle_sa_disposal_timeout, origin::prepared},
     };
     return dispatch_by(table, message);
 }

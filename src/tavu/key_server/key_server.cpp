@@ -101,8 +101,8 @@ bool ks_dispatch_message(const oka_message* message) {
     if (!keysrv::is_ready())
         return false;
     constexpr dispatch_row table[] = {
-        {KEYSRV_KEY_REFRESH_TIMER_IND, keysrv::handle_key_refresh_timeout_ind, origin::PREPARED},
-        {KEYSRV_MSG_TIMEOUT_IND, keysrv::handle_msg_timeout_ind, origin::PREPARED},
+        {KEYSRV_KEY_REFRESH_TIMER_IND, keysrv::handle_key_refresh_timeout_ind, origin::prepared},
+        {KEYSRV_MSG_TIMEOUT_IND, keysrv::handle_msg_timeout_ind, origin::prepared},
     };
     return dispatch_by(table, message);
 }

@@ -74,7 +74,7 @@ void clear_data() {
 constexpr dispatch_row dispatch_table[] = {
     {MKA_HEARTBEAT_CFM, handle_heartbeat_cfm},
     {MKA_HEARTBEAT_RREQ, handle_heartbeat_rreq},
-    {MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, handle_heartbeat_timeout_ind, origin::PREPARED},
+    {MKA_CLIENT_HEARTBEAT_TIMEOUT_IND, handle_heartbeat_timeout_ind, origin::prepared},
     {MKA_CONNECTION_ESTABLISH_CFM, handle_connection_establish_cfm},
     {MKA_CONNECTION_ESTABLISH_REJ, handle_connection_establish_rej},
     {MKA_CONNECTION_CLOSE_CFM, handle_connection_close_cfm},
@@ -90,8 +90,8 @@ constexpr dispatch_row dispatch_table[] = {
     {MKA_CREATE_TX_SA_RREQ, handle_create_tx_sa_rreq},
     {MKA_CREATE_RX_SA_RREQ, handle_create_rx_sa_rreq},
     {MKA_UPDATE_PROTECT_FRAMES_RREQ, handle_update_protect_frames_rreq},
-    {MKA_SERVER_UP_IND, handle_server_up_ind, origin::PREPARED},
-    {MKA_SERVER_DOWN_IND, handle_peer_down_ind, origin::PREPARED},
+    {MKA_SERVER_UP_IND, handle_server_up_ind, origin::prepared},
+    {MKA_SERVER_DOWN_IND, handle_peer_down_ind, origin::prepared},
 };
 
 } // namespace

@@ -71,11 +71,11 @@ void forward(const oka_message* message, const forwarding_row& row) {
 constexpr dispatch_row dispatch_table[] = {
     {MKA_HEARTBEAT_REQ, handle_heartbeat_req},
     {MKA_HEARTBEAT_RCFM, handle_heartbeat_rcfm},
-    {MKA_SERVER_HEARTBEAT_TIMEOUT_IND, handle_heartbeat_timeout_ind, origin::PREPARED},
+    {MKA_SERVER_HEARTBEAT_TIMEOUT_IND, handle_heartbeat_timeout_ind, origin::prepared},
     {MKA_CONNECTION_ESTABLISH_REQ, connection_establish_req},
     {MKA_CONNECTION_CLOSE_REQ, handle_connection_close_req},
     {MKA_CAPABILITIES_GET_REQ, handle_get_capabilities_req},
-    {MKA_CLIENT_DOWN_IND, handle_client_down_ind, origin::PREPARED},
+    {MKA_CLIENT_DOWN_IND, handle_client_down_ind, origin::prepared},
 };
 
 bool is_complete(const mka_server_callbacks* callbacks) {

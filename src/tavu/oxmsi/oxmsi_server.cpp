@@ -314,7 +314,7 @@ constexpr dispatch_row dispatch_table[] = {
     {OXMSI_IDL_TOPOLOGY_PUBLISH_LINK_UPDATED_REQ, handle_idl_link_updated_req},
     {OXMSI_PORT_STATE_CHANGE_SUBSCRIBE_REQ, handle_port_status_subscribe_req},
     {OXMSI_PORT_STATE_CHANGE_UNSUBSCRIBE_REQ, handle_port_status_unsubscribe_req},
-    {OXMSI_CLIENT_DOWN_IND, handle_client_down_ind, origin::PREPARED},
+    {OXMSI_CLIENT_DOWN_IND, handle_client_down_ind, origin::prepared},
 };
 
 void oxmsi_server_unpublish_internal() {

@@ -470,8 +470,8 @@ void handle_unexpected(const oka_message* message) {
 
 constexpr dispatch_row dispatch_table[] = {
     {OXPCSI_ETH_PORT_STATUS2_IND, handle_eth_port_status2_ind},
-    {OXPCSI_SERVER_UP_IND, handle_server_up_ind, origin::PREPARED},
-    {OXPCSI_SERVER_DOWN_IND, handle_server_down_ind, origin::PREPARED},
+    {OXPCSI_SERVER_UP_IND, handle_server_up_ind, origin::prepared},
+    {OXPCSI_SERVER_DOWN_IND, handle_server_down_ind, origin::prepared},
     {OXPCSI_INIT_SERVICE_CFM, handle_init_service_cfm},
     {OXPCSI_INIT_SERVICE_REJ, handle_init_service_rej},
     {OXPCSI_GET_ETH_PORT_SUPPORT_CFM, handle_get_eth_port_support_cfm},

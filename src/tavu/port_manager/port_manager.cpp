@@ -102,7 +102,7 @@ bool tavu_pm_dispatch_message(const oka_message* message) {
     if (!is_ready())
         return false;
     constexpr dispatch_row table[] = {
-        {TAVU_PM_RETRY_TIMEOUT_IND, tavu_pm_handle_retry_timeout, origin::PREPARED},
+        {TAVU_PM_RETRY_TIMEOUT_IND, tavu_pm_handle_retry_timeout, origin::prepared},
     };
     return dispatch_by(table, message);
 }
