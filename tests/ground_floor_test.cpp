@@ -11,7 +11,7 @@
 #include "platform/oxhal/sim.h"
 #include "platform/zeb/zeb_sink.h"
 #include "support/world.h"
-#include "tavu/tavu_utils.h"
+#include "tavu/common/tavu_utils.h"
 
 using namespace tavu;
 

@@ -331,7 +331,8 @@ class hostility : public testing::Test {
 
 // --- What hostile processes do
 
-// All of them at once in every step. Whoever closes takes the ports of the unit down, by the service's rules.
+// All of them at once in every step. A client that closes takes the ports of the unit down, by the service's
+// rules.
 void connect_subscribe_publish_close(const std::string& service) {
     std::list<link_end> clients;
     while (clients.size() < 32)

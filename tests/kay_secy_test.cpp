@@ -4,7 +4,7 @@
 
 #include "platform/oxhal/sim.h"
 #include "support/world.h"
-#include "tavu/tavu_utils.h"
+#include "tavu/common/tavu_utils.h"
 
 using namespace tavu;
 using namespace tavu::kay_internal;

@@ -2,9 +2,9 @@
 
 #include "platform/oxhal/sim.h"
 #include "support/world.h"
+#include "tavu/common/tavu_utils.h"
 #include "tavu/kay/kay_events.h"
 #include "tavu/mka/mka_client.h"
-#include "tavu/tavu_utils.h"
 
 using namespace tavu;
 

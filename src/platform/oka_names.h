@@ -15,6 +15,7 @@ extern "C" {
 /* Sizes of the longest names, NUL included. */
 #define OKA_UNIT_PATH_SIZE 256u
 #define OKA_MAILBOX_NAME_SIZE 80u
+#define OKA_DIRECTORY_SIZE 3072u
 
 /* The name of a mailbox: not empty, at most 79 characters, no "/" and no leading ".". */
 bool oka_valid_mailbox_name(const char* name);
@@ -26,6 +27,12 @@ bool oka_valid_unit_path(const char* path);
 /* Whether OKA_TRANSPORTS may have this value: names of transports, each once, separated by blanks or commas;
  * "" chooses the default. When not, `wrong`, of `size` bytes, says what is wrong and what to write. */
 bool oka_check_transports(const char* value, char* wrong, size_t size);
+
+#define OKA_DEFAULT_DIRECTORY "/run/oka"
+
+/* Whether OKA_DIR may have this value: the absolute path of a directory that is not the root; "" chooses
+ * OKA_DEFAULT_DIRECTORY. When not, `wrong`, of `size` bytes, says what to write. */
+bool oka_check_directory(const char* value, char* wrong, size_t size);
 
 /* Whether OKA_PEERS may have this value: paths of units, separated by blanks or commas; "" allows all. When
  * not, `wrong`, of `size` bytes, says what is wrong and what to write. */

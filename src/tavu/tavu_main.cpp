@@ -6,6 +6,7 @@
 #include "base/trace.h"
 #include "platform/oka_timer.h"
 #include "platform/oxhal.h"
+#include "tavu/common/tavu_utils.h"
 #include "tavu/kay/kay.h"
 #include "tavu/key_server/key_server.h"
 #include "tavu/mka/mka_client.h"
@@ -13,7 +14,6 @@
 #include "tavu/oxmsi/oxmsi_server.h"
 #include "tavu/oxpcsi/oxpcsi_helper.h"
 #include "tavu/port_manager/port_manager.h"
-#include "tavu/tavu_utils.h"
 
 namespace tavu {
 

@@ -98,8 +98,8 @@ constexpr uint8_t held = 0x80, second_link = 0x80;
 constexpr size_t events_max = 64;
 
 constexpr unsigned spans_ms[] = {1, 500, 1000, 2500, 5000, 8000, 30000, 180000};
-// Each life is that of a process of its own, since the daemon's ends with it. What is to outlive it is
-// shared.
+// Each input runs in a process of its own, since the daemon may end the process. What has to outlive it is in
+// shared memory.
 struct {
     bool is_over;
     bool saw_reason_to_end, saw_end;
@@ -272,7 +272,7 @@ void end_life(int status) {
     _exit(status);
 }
 
-// --- Lives as they go when nobody disturbs them; inputs grow out of them
+// --- Undisturbed runs, from which the fuzzer makes its inputs
 
 using events = std::vector<event>;
 

@@ -22,7 +22,8 @@ namespace {
 constexpr uint64_t settling_ns = 8 * second;
 constexpr uint64_t quiet_ns = 60 * second;
 constexpr uint64_t recovery_ns = 2 * second;
-// A refresh that fails after 180 s is told by nobody. Keys older than 200 s at two looks, 5 s apart, show it.
+// No message reports that a refresh failed after 180 s. The topology managers notice it when keys are older
+// than 200 s at two looks, which are 5 s apart.
 constexpr uint64_t failed_refresh_ns = 36 * second;
 constexpr uint64_t heap_slack = 64 * 1024; // names of mailboxes that are gone, room for timers
 constexpr role roles[] = {role::DAEMON, role::TOPOLOGY_MANAGER, role::PORT_CONTROL};

@@ -75,7 +75,7 @@ process::process(const std::vector<std::string>& command, const std::vector<std:
     if (pipe2(ends, O_CLOEXEC) != 0)
         give_up("pipe2");
     output_fd_ = ends[0];
-    // Whoever waits for something else reads late; the process must not wait for its reader until then.
+    // A test that waits for something else reads late; the process must not wait for its reader until then.
     (void)fcntl(output_fd_, F_SETPIPE_SZ, 1 << 20);
     pid_ = fork();
     if (pid_ < 0)

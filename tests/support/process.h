@@ -1,6 +1,6 @@
 // Real processes, for tests of whole nodes and for measurements: started with an environment of their own,
-// read while waiting for something to happen, and ended with the object. Nothing here sleeps: whoever waits
-// waits for what a process writes or for its end, with a bound.
+// read while waiting for something to happen, and ended with the object. Nothing here sleeps: a
+// test waits until a process writes something or ends, for a limited time.
 #pragma once
 
 #include <chrono>

@@ -2,7 +2,7 @@
 // any case to the common port as well. Both belong to one host: the IP stack takes a packet to any address
 // of the host from any of its interfaces, whether that interface has an address or not. So its user gets
 // a clear packet twice, and on a secured link, where the controlled port drops clear frames, still gets
-// them by the common port, from whoever can put a frame on the cable.
+// them by the common port, from anybody who can put a frame on the cable.
 //
 // Neither leaving the common port without addresses nor rp_filter nor "arp off" ends this: a connected
 // UDP socket is found by early demultiplexing, before the packet's way in is looked at. What does is to

@@ -1,4 +1,4 @@
-// Who hears a frame without a SecTAG. See clear_frames.cpp for why this needs doing at all.
+// Decides which interface receives a frame without a SecTAG. clear_frames.cpp says why this is needed.
 #pragma once
 
 #include "platform/oxhal/netlink.h"

@@ -1,4 +1,4 @@
-// By which a key is recognised without being known.
+// The fingerprint of a key: tells whether two keys are the same, and nothing else about them.
 #pragma once
 
 #include <cstddef>

@@ -19,7 +19,8 @@ int watcher() {
 }
 
 [[noreturn]] void exit_without_watcher() {
-    OXHAL_ERROR("whoever watches the simulated SecY is gone; OXHAL_SIM_REPORT names no open socket");
+    OXHAL_ERROR(
+        "OXHAL_SIM_REPORT names no open socket: the process that watches the simulated SecY has ended");
     _exit(1);
 }
 

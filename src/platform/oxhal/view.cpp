@@ -1,4 +1,4 @@
-// Whom the view of a SecY is asked: the driver that OXHAL_DRIVER names.
+// The view of a SecY comes from the driver that OXHAL_DRIVER names.
 #include "platform/oxhal_view.h"
 
 #include <cerrno>

@@ -110,7 +110,7 @@ const struct known_variable {
     {"MPID", check_mpid},
     {"OXHAL_PORTS", check_ports},
     {"OKA_UNIT", check_unit},
-    {"OKA_DIR", check_path},
+    {"OKA_DIR", ask_platform<oka_check_directory>},
     {"OKA_TRANSPORTS", ask_platform<oka_check_transports>},
     {"OKA_TIPC_CLEAR",
      [](const std::string& value) {

@@ -37,7 +37,7 @@ void change_state(agreement& agreed, agreement_state state, uint64_t now_ms) {
     agreed.patient_since_ms = now_ms;
 }
 
-// An incarnation other than all before.
+// A new incarnation, which differs from all earlier ones.
 void start_incarnation(agreement& agreed, uint64_t now_ms) {
     // Later than any that an earlier record of the port, or an earlier process, had.
     agreed.incarnation = std::max(agreed.incarnation + 1, static_cast<uint32_t>(now_ms));
@@ -94,7 +94,7 @@ bool may_go_up(const agreement& agreed, const link_situation& situation, uint64_
     return peer.phase == (hosts_key_server(agreed) ? TOPOLOGY_PHASE_DOWN : TOPOLOGY_PHASE_JOINING);
 }
 
-// Whether the other end is not the one any more, or not in the incarnation, that we went up with.
+// Whether the other end has another incarnation than when this end went up, or cannot secure the link now.
 bool pair_is_broken(const agreement& agreed) {
     return agreed.peer.incarnation != agreed.up_with || agreed.peer.phase == TOPOLOGY_PHASE_OFF ||
            agreed.peer.phase == TOPOLOGY_PHASE_NO_DAEMON;

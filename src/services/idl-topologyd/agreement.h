@@ -80,13 +80,13 @@ struct agreement {
     back_off probes{}; // of a port that is down
 };
 
-// Another link, or the first of the port: down, in a new incarnation, and nothing is known of the other end.
+// Begins with another link: down, in a new incarnation, and nothing is known of the other end.
 void meet(agreement& agreed, const services::port_name& port, uint32_t remote_mpid, uint32_t reference,
           uint64_t now_ms);
 
 // Whether the link may be published up.
 bool may_be_up(const agreement& agreed);
-// The port joins, and the daemon answers a request when that ends: one is wanted that it can answer.
+// While the port joins, a request should be pending: the daemon answers it when joining has ended.
 bool wants_answer(const agreement& agreed);
 services::topology_phase phase_of(const agreement& agreed, const link_situation& situation, uint64_t now_ms);
 
@@ -98,8 +98,8 @@ bool peer_reported(agreement& agreed, const peer_report& report, uint64_t now_ms
 void peer_refused(agreement& agreed, const services::fault_words& why);
 void agreement_without_daemon(agreement& agreed, uint64_t now_ms);
 void forget_pauses(agreement& agreed);
-// What the daemon and the other end say does not hold any more: both ends begin anew. The failure is NONE
-// when it is no failure of the link.
+// What the daemon and the other end have reported is no longer true: both ends start over. The failure is
+// NONE when the link itself did not fail.
 void agreement_undone(agreement& agreed, services::topology_fault_code failure, uint64_t now_ms);
 // The status of a port that is published up, as the daemon tells it in the answer to that request, or by an
 // indication. True when the state changed.

@@ -11,7 +11,7 @@ void control_server_stop();
 
 // What a snapshot shows has changed.
 void control_server_note_change();
-// Answers whoever can be answered now; called after every message that this process handled.
+// Sends the answers that can be given now. Called after every message that this process handled.
 void control_server_settle();
 
 // True when the message was this module's.

@@ -46,7 +46,7 @@ wanted_publication wanted_of(const link_record& link);
 link_situation situation_of(const link_record& link, daemon_contact daemon);
 services::topology_phase phase_of(const link_record& link, daemon_contact daemon, uint64_t now_ms);
 
-// What the file or the operator want is so: a link that is to be secured is, or its port is down.
+// The link is as the file or the operator wants it: secured, if it is to be, unless its port is down.
 bool is_fulfilled(const link_record& link);
 // Nothing of the link is left with the daemon, and nothing is wanted of it.
 bool is_over(const link_record& link);

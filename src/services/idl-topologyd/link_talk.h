@@ -1,5 +1,5 @@
-// What the two ends of a link say to each other of it: puts this end's state into a message when the other
-// end does not know it yet, and takes in what the other end's says.
+// The reports that the two ends of a link send each other: sends this end's state when it differs from what
+// the other end was told last, and reads the other end's reports.
 #pragma once
 
 #include "services/idl-topologyd/link_record.h"

@@ -146,7 +146,7 @@ void handle_peer_link_ind(const oka_message* message) {
         from->rejected = 0;
 }
 
-// Watched is what the other end tells, so a word that makes no sense is dropped without an answer.
+// A malformed report is dropped without an answer: the next one comes within seconds.
 void handle_peer_secy_ind(const oka_message* message) {
     const auto* word = view<topology_peer_secy_ind>(message);
     if (!word || word->version != topology_peer_version || !word->port.is_terminated() ||

@@ -76,7 +76,7 @@ bool asks_for_security(const link_attributes& link);
 // What the daemon is to hold: the link, or nothing when it is to go.
 struct wanted_publication {
     std::optional<link_attributes> link{};
-    // The port joins, and the answer that tells how that ends is owed by no request.
+    // The port joins, and no request is pending whose answer would tell how that ends.
     bool wants_answer = false;
 };
 

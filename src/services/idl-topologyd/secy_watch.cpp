@@ -92,7 +92,8 @@ bool is_of_own_look(topology_fault_code code) {
     return code == TOPOLOGY_FAULT_UNPROTECTED || code == TOPOLOGY_FAULT_KEYS_TOO_OLD;
 }
 
-// Frames that were sent before our look at its last word had time to arrive until this one.
+// The other end has accepted no frame since its report before last, although frames were sent until its last
+// one and had time to arrive.
 bool drops_all(const secy_watch& watch, uint64_t accepted) {
     return watch.words >= 2 && growth(watch.sent_at[1], watch.sent_at[0]) >= telling_frames &&
            accepted == watch.accepted_at[1];

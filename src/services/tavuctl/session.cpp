@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "platform/oka_clock.h"
+#include "platform/oka_names.h"
 #include "protocols/message_numbers.h"
 #include "services/common/one_shot.h"
 #include "services/tavuctl/snapshot.h"
@@ -56,8 +57,8 @@ void fail(exit_status status, const std::string& why) {
 std::string searched_place() {
     const char* directory = getenv("OKA_DIR");
     const char* unit = getenv("OKA_UNIT");
-    return std::string(directory && *directory ? directory : "/run/oka") + (unit && *unit ? "/" : "") +
-           (unit ? unit : "");
+    return std::string(directory && *directory ? directory : OKA_DEFAULT_DIRECTORY) +
+           (unit && *unit ? "/" : "") + (unit ? unit : "");
 }
 
 void locate() {

@@ -4,12 +4,12 @@
 
 #include "base/dispatch.h"
 #include "base/enum_text.h"
+#include "tavu/common/tavu_utils.h"
 #include "tavu/kay/kay_events.h"
 #include "tavu/kay/kay_records.h"
 #include "tavu/kay/kay_secy.h"
 #include "tavu/kay/kay_status.h"
 #include "tavu/mka/mka_client.h"
-#include "tavu/tavu_utils.h"
 
 namespace tavu {
 

@@ -1,7 +1,7 @@
 #include "tavu/kay/kay_channels.h"
 
+#include "tavu/common/tavu_utils.h"
 #include "tavu/kay/kay_secy.h"
-#include "tavu/tavu_utils.h"
 
 namespace tavu::kay_internal {
 

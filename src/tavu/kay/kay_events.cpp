@@ -2,10 +2,10 @@
 
 #include <cassert>
 
+#include "tavu/common/tavu_utils.h"
 #include "tavu/kay/kay_channels.h"
 #include "tavu/kay/kay_secy.h"
 #include "tavu/kay/kay_status.h"
-#include "tavu/tavu_utils.h"
 
 namespace tavu::kay_internal {
 

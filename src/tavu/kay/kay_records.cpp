@@ -2,7 +2,7 @@
 
 #include "base/enum_text.h"
 #include "platform/oxhal.h"
-#include "tavu/tavu_utils.h"
+#include "tavu/common/tavu_utils.h"
 
 namespace tavu {
 

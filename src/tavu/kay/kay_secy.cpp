@@ -2,7 +2,7 @@
 
 #include <type_traits>
 
-#include "tavu/tavu_utils.h"
+#include "tavu/common/tavu_utils.h"
 
 namespace tavu::kay_internal {
 

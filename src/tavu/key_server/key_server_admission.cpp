@@ -83,7 +83,7 @@ ca_member* create_ca_member(uint32_t client_id, const mka_join_ca_req& request,
     member->ca.assign(request.ca);
     member->state = CA_MEMBER_STATE_INITIAL;
     member->standard = capabilities.head.type;
-    member->key_len = verify_sak_len(MKA_CIPHER_GCM_AES_128);
+    member->key_len = verify_sak_len(cipher_of_cas);
     member->num_of_rx_scs = capabilities.num_of_rx_scs;
     member->protect_frames_confirmed = true;
     return member;

@@ -73,8 +73,8 @@ bool generate_sak(uint32_t key_len, uint8_t* key) {
     return true;
 }
 
-// A new key in every SAK record; false when there is none to be had. What a CA that was formed again has not
-// taken up is an SCI that no member has any more.
+// Puts a new key into every SAK record; false when no key could be generated. Records that were not taken up
+// when the CA was formed again belong to SCIs that no member has any more, and are removed.
 bool update_keys_in_ca(connectivity_association& ca) {
     KEYSRV_FUNCTION();
     while (sak_record* left = find_oldest_set_aside(ca))

@@ -162,7 +162,7 @@ bool add_ca(const ca_name& name) {
     ca->name = name;
     ca->state = CA_EMPTY;
     ca->refresh_state = KEY_REFRESH_STOPPED;
-    ca->cipher = MKA_CIPHER_GCM_AES_128;
+    ca->cipher = cipher_of_cas;
     return true;
 }
 

@@ -79,13 +79,16 @@ struct sak_record {
     bool taken_up; // its owner is a member that has its receive channel
 };
 
+// Of every CA: all members can use it.
+constexpr mka_cipher cipher_of_cas = MKA_CIPHER_GCM_AES_128;
+
 struct connectivity_association {
     ca_name name;
     ca_state state;
     oka_timer_ref key_refresh_timer;
     key_refresh_state refresh_state;
     record_list<sak_record> saks{"KEYSRV"};
-    uint32_t cipher;
+    mka_cipher cipher;
 };
 
 // Whether the associations of a channel are confirmed, by AN; the current one is that of the newest key.

@@ -57,7 +57,8 @@ client* addressee(const oka_message* message) {
     client* found = find_mka_data_by_id(header.connection_reference);
     if (!found)
         TRACE_ERROR("TAVU: Could not find client client id = %u", uint32_t{header.connection_reference});
-    // What the client prepared for itself has the mailbox as its sender that it is about.
+    // Lookups and supervisions, which this process prepared, have the mailbox that was found or lost as
+    // sender.
     if (!found || oka_is_prepared(message) ||
         verify_sender(message, found->server_mailbox, msg_no_to_str(message->number)))
         return found;

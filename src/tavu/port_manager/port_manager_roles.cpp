@@ -6,9 +6,9 @@
 #include "base/trace.h"
 #include "platform/oxhal.h"
 #include "protocols/message_numbers.h"
+#include "tavu/common/tavu_utils.h"
 #include "tavu/port_manager/port_manager_naming.h"
 #include "tavu/port_manager/port_manager_reports.h"
-#include "tavu/tavu_utils.h"
 
 namespace tavu::port_manager {
 

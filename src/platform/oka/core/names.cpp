@@ -25,6 +25,16 @@ bool oka_valid_unit_path(const char* path) {
     }
 }
 
+bool oka_check_directory(const char* value, char* wrong, size_t size) {
+    size_t length = strlen(value);
+    while (length > 1 && value[length - 1] == '/')
+        --length;
+    if (length == 0 || (value[0] == '/' && length > 1 && length < OKA_DIRECTORY_SIZE))
+        return true;
+    snprintf(wrong, size, "write the absolute path of a directory, such as " OKA_DEFAULT_DIRECTORY);
+    return false;
+}
+
 bool oka_check_peers(const char* value, char* wrong, size_t size) {
     std::string_view rest = value;
     for (auto unit = platform::next_word(rest); !unit.empty(); unit = platform::next_word(rest)) {

@@ -20,11 +20,10 @@ namespace oka::af_unix {
 
 namespace {
 
-constexpr char default_directory[] = "/run/oka";
 constexpr size_t temporary_name_size = 18;
 
 struct {
-    char root[3072] = "";
+    char root[OKA_DIRECTORY_SIZE] = "";
     size_t root_length = 0;
 } directory;
 
@@ -244,14 +243,15 @@ bool enter(folder_path& folder, const char* name, size_t name_length) {
 int use_messaging_directory(const char* own_unit) {
     const char* chosen = getenv("OKA_DIR");
     if (!chosen || !*chosen)
-        chosen = default_directory;
-    size_t length = strlen(chosen);
-    while (length > 1 && chosen[length - 1] == '/')
-        --length;
-    if (chosen[0] != '/' || length < 2 || length >= sizeof directory.root) {
-        OKA_ERROR("OKA: OKA_DIR '%.200s' is not an absolute path of a directory", chosen);
+        chosen = OKA_DEFAULT_DIRECTORY;
+    char wrong[128];
+    if (!oka_check_directory(chosen, wrong, sizeof wrong)) {
+        OKA_ERROR("OKA: OKA_DIR '%.200s' is not an absolute path of a directory; %s", chosen, wrong);
         return EINVAL;
     }
+    size_t length = strlen(chosen);
+    while (chosen[length - 1] == '/')
+        --length;
     memcpy(directory.root, chosen, length);
     directory.root[length] = '\0';
     directory.root_length = length;

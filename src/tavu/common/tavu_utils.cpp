@@ -1,4 +1,4 @@
-#include "tavu/tavu_utils.h"
+#include "tavu/common/tavu_utils.h"
 
 #include <cstring>
 
