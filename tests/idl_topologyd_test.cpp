@@ -845,7 +845,7 @@ void expect_changes(const uint32_t (&changes)[N], const char* const (&allowed)[N
         for (size_t entered = 0; entered < N; entered++) {
             bool expected =
                 from == entered || strchr(allowed[from], static_cast<int>('0' + entered)) != nullptr;
-            EXPECT_EQ(topologyd::is_allowed(changes, static_cast<State>(from), static_cast<State>(entered)),
+            EXPECT_EQ(tavu::is_allowed(changes, static_cast<State>(from), static_cast<State>(entered)),
                       expected)
                 << from << " -> " << entered;
         }

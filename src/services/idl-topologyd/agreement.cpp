@@ -1,5 +1,6 @@
 #include "services/idl-topologyd/agreement.h"
 
+#include "base/hash.h"
 #include "base/trace.h"
 
 namespace topologyd {
@@ -21,9 +22,7 @@ constexpr uint32_t recent_max = 8;
 // Spreads the pauses of links and units without need of a clock or of chance: the same incarnation and port
 // give the same pause, every time.
 uint64_t jitter(const agreement& agreed, uint64_t range) {
-    uint64_t hash = 0xcbf29ce484222325 ^ agreed.incarnation;
-    for (size_t i = 0; i < agreed.port.length(); i++)
-        hash = (hash ^ static_cast<uint8_t>(agreed.port.octets[i])) * 0x100000001b3;
+    uint64_t hash = hash_of(agreed.port.c_str(), agreed.incarnation);
     hash ^= hash >> 29;
     return hash % (range + 1);
 }

@@ -12,11 +12,13 @@
 
 #include <cstdint>
 
+#include "base/state_changes.h"
 #include "protocols/topology_messages.h"
 #include "services/idl-topologyd/back_off.h"
-#include "services/idl-topologyd/state_changes.h"
 
 namespace topologyd {
+
+using tavu::to;
 
 // How far this end has come.
 enum class agreement_state {

@@ -8,11 +8,13 @@
 #include <cstdint>
 #include <optional>
 
+#include "base/state_changes.h"
 #include "services/idl-topologyd/back_off.h"
 #include "services/idl-topologyd/links_file.h"
-#include "services/idl-topologyd/state_changes.h"
 
 namespace topologyd {
+
+using tavu::to;
 
 enum class link_request { none, add, update, remove };
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/hash.h"
 #include "services/common/small_file.h"
 
 namespace oxpcsi {
@@ -19,19 +20,11 @@ std::string machine_id() {
     return "";
 }
 
-// FNV-1a. It only has to keep apart the few ports of a node.
-uint64_t hash_of(const std::string& text) {
-    uint64_t hash = 0xcbf29ce484222325;
-    for (char octet : text)
-        hash = (hash ^ static_cast<uint8_t>(octet)) * 0x100000001b3;
-    return hash;
-}
-
 } // namespace
 
 port_identity derive_identity(const char* port) {
     const char* unit = getenv("OKA_UNIT");
-    uint64_t hash = hash_of(machine_id() + "/" + (unit ? unit : "") + "/" + port);
+    uint64_t hash = tavu::hash_of(machine_id() + "/" + (unit ? unit : "") + "/" + port);
     port_identity identity;
     for (uint8_t& octet : identity) {
         octet = static_cast<uint8_t>(hash);

@@ -90,6 +90,16 @@ bool bring_up(kay_record& kay) {
     return false;
 }
 
+// Null, after an error trace, when the module is not ready or the port has no KaY. `operation` is the caller.
+kay_record* find_connecting_kay(const char* name, const char* operation = __builtin_FUNCTION()) {
+    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str, "TAVU", operation))
+        return nullptr;
+    kay_record* kay = find_kay_by_port_name(name);
+    if (!kay)
+        TRACE_ERROR("TAVU: Could not find KaY with port name '%s'", name);
+    return kay;
+}
+
 } // namespace
 
 bool kay_init(oka_mailbox parent, const kay_callbacks* callbacks) {
@@ -171,13 +181,9 @@ bool kay_create_instance(const char* name) {
 
 bool kay_connect_unauthenticated(const char* name, kay_state_change_ind& indication) {
     TAVU_FUNCTION();
-    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
+    kay_record* kay = find_connecting_kay(name);
+    if (!kay)
         return false;
-    kay_record* kay = find_kay_by_port_name(name);
-    if (!kay) {
-        TRACE_ERROR("TAVU: Could not find KaY with port name '%s'", name);
-        return false;
-    }
     TRACE("TAVU: Port '%s' will have unauthenticated role", name);
     handle_connect_unauthenticated(*kay);
     fill_kay_state_change_ind(*kay, indication);
@@ -187,13 +193,9 @@ bool kay_connect_unauthenticated(const char* name, kay_state_change_ind& indicat
 bool kay_connect_secured(const char* name, const char* ca, const char* key_server_name,
                          const kay_configuration_options& options) {
     TAVU_FUNCTION();
-    if (!is_in_state(self.state, GLOBAL_STATE_READY, global_state_to_str))
+    kay_record* kay = find_connecting_kay(name);
+    if (!kay)
         return false;
-    kay_record* kay = find_kay_by_port_name(name);
-    if (!kay) {
-        TRACE_ERROR("TAVU: Could not find KaY with port name '%s'", name);
-        return false;
-    }
     TRACE("TAVU: Port '%s' will have secured role by using CA '%s' and key server '%s'", name, ca,
           key_server_name);
     handle_connect_secured(*kay, ca, key_server_name, options);

@@ -109,7 +109,7 @@ void change_ks_state(keysrv_global_state state) {
 
 void change_ca_state(connectivity_association& ca, ca_state state) {
     KEYSRV_FUNCTION();
-    if (state != ca.state && !(ca_state_changes[ca.state] & to(state))) {
+    if (!is_allowed(ca_state_changes, ca.state, state)) {
         TRACE_ERROR("KEYSRV: Invalid state change issued: not applied in wrong state: current: '%s', "
                     "expected: '%s'",
                     ca_state_to_str(ca.state), ca_state_to_str(state));
@@ -122,7 +122,7 @@ void change_ca_state(connectivity_association& ca, ca_state state) {
 
 void change_ca_member_state(ca_member& member, ca_member_state state) {
     KEYSRV_FUNCTION();
-    if (state != member.state && !(ca_member_state_changes[member.state] & to(state))) {
+    if (!is_allowed(ca_member_state_changes, member.state, state)) {
         TRACE_ERROR("KEYSRV: Invalid state change issued: not applied in wrong state: current: '%s', "
                     "expected: '%s'",
                     member_state_to_str(member.state), member_state_to_str(state));
@@ -139,7 +139,7 @@ const char* key_refresh_state_to_str(key_refresh_state state) {
 
 void change_key_refresh_state(connectivity_association& ca, key_refresh_state state) {
     KEYSRV_FUNCTION();
-    if (state != ca.refresh_state && !(key_refresh_state_changes[ca.refresh_state] & to(state))) {
+    if (!is_allowed(key_refresh_state_changes, ca.refresh_state, state)) {
         TRACE_ERROR("KEYSRV: Invalid key refresh state change issued: not applied in wrong state: current: "
                     "'%s', expected: '%s'",
                     key_refresh_state_to_str(ca.refresh_state), key_refresh_state_to_str(state));

@@ -12,6 +12,7 @@
 
 #include "base/enum_text.h"
 #include "base/record_list.h"
+#include "base/state_changes.h"
 #include "base/trace.h"
 #include "platform/oka_timer.h"
 #include "protocols/mka_messages.h"
@@ -42,11 +43,7 @@ enum key_refresh_state {
     KEY_REFRESH_ONGOING = 2,
 };
 
-// The allowed changes of each state variable: row by row the state that is left, and in it one bit for each
-// state that may be entered. Staying is always allowed.
-constexpr uint32_t to(uint32_t state) {
-    return 1u << state;
-}
+// The allowed changes of each state variable.
 constexpr uint32_t ca_state_changes[] = {
     to(CA_INCOMPLETE), to(CA_OPERATIONAL) | to(CA_EMPTY),
     0, // CA_OPERATIONAL is never left

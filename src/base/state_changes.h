@@ -1,12 +1,12 @@
 // Which changes of a state are allowed, as a table: row by row the state that is left, and in it one bit for
-// each state that may be entered.
+// each state that may be entered. Staying is always allowed.
 #pragma once
 
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
 
-namespace topologyd {
+namespace tavu {
 
 template<class State>
 constexpr uint32_t to(State state) {
@@ -25,4 +25,4 @@ void change(State& state, State entered, const uint32_t (&changes)[N]) {
     state = entered;
 }
 
-} // namespace topologyd
+} // namespace tavu
