@@ -226,6 +226,29 @@ TEST_F(oka_group, an_end_that_is_connected_to_has_to_prove_it_too) {
     }
 }
 
+TEST_F(oka_group, a_greeting_that_does_not_end_is_ended) {
+    static int failed;
+    failed = 0;
+    stranger member = visitor(1), half = visitor(2), mute, listening;
+    member.attach(make_proof(prover::connector, member.facts()));
+    settle();
+    accept_link(sockets, connection(mute), 4711, offered);
+    link_search search;
+    search.failed = [](link_search&) { failed++; };
+    begin_link(sockets, search, connection(listening), 4711, true);
+    simulation::advance_ms(4'900);
+    settle();
+    EXPECT_FALSE(half.is_closed() || mute.is_closed() || listening.is_closed());
+    EXPECT_EQ(errors, "");
+    simulation::advance_ms(200);
+    settle();
+    EXPECT_TRUE(half.is_closed() && mute.is_closed() && listening.is_closed());
+    EXPECT_EQ(failed, 1);
+    EXPECT_NE(errors.find("does not end its greeting"), std::string::npos) << errors;
+    member.say(offered);
+    EXPECT_EQ(receive(), 77u);
+}
+
 TEST_F(oka_group, another_unit_reaches_what_is_offered_and_gets_answers) {
     stranger member = visitor();
     member.attach(make_proof(prover::connector, member.facts()));

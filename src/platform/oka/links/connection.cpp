@@ -7,6 +7,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/oka/core/oka_trace.h"
 
@@ -62,6 +63,7 @@ void close_connection(connection* closed) {
     *link = closed->next;
     --connections.count;
     connections.half_open_count -= is_half_open(closed->now);
+    cancel_call(closed->deadline);
     unwatch(closed->watched);
     close(closed->watched.fd);
     if (closed->search)
@@ -76,6 +78,8 @@ void change_stage(connection& of, stage next) {
     connections.half_open_count -= is_half_open(of.now);
     connections.half_open_count += is_half_open(next);
     of.now = next;
+    if (next == stage::attached)
+        cancel_call(std::exchange(of.deadline, 0));
 }
 
 connection* any_connection() {

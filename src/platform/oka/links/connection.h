@@ -34,6 +34,7 @@ struct connection {
     nonce challenge = {}; // ours
     proof expected = {};  // of who connected, from the hello on
     link_search* search = nullptr;
+    uint32_t deadline = 0; // the timer of the greeting
     peer* of = nullptr;
 };
 

@@ -26,6 +26,8 @@ namespace {
 constexpr size_t connections_limit = 512;
 // One process must not be able to use up all connections. A well-behaved one needs two.
 constexpr size_t connections_per_process_limit = 128;
+// From connecting to attaching. A machine that is gone is noticed sooner, by the end of its TIPC link.
+constexpr uint64_t greeting_ms = 5'000;
 constexpr size_t mailboxes_per_peer_limit = 256;
 // Frames that a peer at its end may still have sent: more than TIPC lets wait on a connection.
 constexpr int drained_frames_limit = 1024;
@@ -489,8 +491,17 @@ void finish(peer* gone) {
     delete gone;
 }
 
+void stop_greeting(void* context) {
+    auto* idle = static_cast<connection*>(context);
+    idle->deadline = 0;
+    OKA_ERROR("OKA: Process %u does not end its greeting within %u ms, its connection is closed", idle->pid,
+              static_cast<unsigned>(greeting_ms));
+    give_up(idle);
+}
+
 // Draws the number that the other end is to answer. False when the connection had to be closed.
-bool challenge(connection* fresh) {
+bool start_greeting(connection* fresh) {
+    fresh->deadline = call_later(greeting_ms, stop_greeting, fresh);
     if (getrandom(&fresh->challenge, sizeof fresh->challenge, 0) == sizeof fresh->challenge)
         return true;
     close_connection(fresh);
@@ -530,7 +541,7 @@ void accept_link(const family& over, int fd, uint32_t pid, oka_mailbox mailbox) 
     }
     limit_half_open(pid);
     connection* fresh = open_connection(over, fd, pid, over.admits ? stage::arrived : stage::accepted, ready);
-    if (!fresh || !challenge(fresh))
+    if (!fresh || !start_greeting(fresh))
         return;
     fresh->mailbox = mailbox;
     // A well-behaved process has sent its hello before it is accepted. Reading it at once keeps the
@@ -541,7 +552,7 @@ void accept_link(const family& over, int fd, uint32_t pid, oka_mailbox mailbox) 
 void begin_link(const family& over, link_search& search, int fd, uint32_t pid, bool connected) {
     connection* fresh =
         open_connection(over, fd, pid, connected ? stage::greeting : stage::connecting, ready);
-    if (!fresh || !challenge(fresh)) {
+    if (!fresh || !start_greeting(fresh)) {
         search.failed(search);
         return;
     }

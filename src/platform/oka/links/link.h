@@ -6,7 +6,8 @@
 // peer, so that each of its mailboxes has one id. The side that connects sends its number in a hello and
 // receives the other's in a welcome. If the two are not attached yet, it attaches the connection; otherwise
 // it closes it. The end of a connection that was never attached does not mean that a process died. In welcome
-// and attach each side proves, where that is needed, that it is of the node's group (group.h).
+// and attach each side proves, where that is needed, that it is of the node's group (group.h). A connection
+// that is not attached after a few seconds is closed.
 //
 // Each side sends on one connection only, the first that was attached, which keeps messages in order. The
 // lookup of a mailbox goes over that connection too, so that its answer and the news that the mailbox is gone
