@@ -104,7 +104,9 @@ uint32_t oka_size(const oka_message* message);
 void oka_free(oka_message** message);
 
 /* Asks for the mailbox called `name`. A name with a "/" in it is a hunt path, a unit's path and the
- * name of a mailbox of that unit; any other is a mailbox of the own unit. Takes *prepared and returns
+ * name of a mailbox of that unit; any other is a mailbox of the own unit. A unit on another host offers
+ * no more than "mka-key-server" and "idl-topologyd-peer"; its other mailboxes are never found, and what is
+ * sent to them MUST be dropped unless they have sent something to that host. Takes *prepared and returns
  * at once. The moment such a mailbox exists, now or later, *prepared MUST be delivered once to
  * `mailbox`, with the located mailbox as its sender. A name that never exists delivers nothing. */
 void oka_locate_async(const char* name, oka_message** prepared, oka_mailbox mailbox);

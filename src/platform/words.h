@@ -16,6 +16,15 @@ inline std::string_view next_word(std::string_view& text, std::string_view separ
     return word;
 }
 
+// Whether `words` lists `wanted`.
+inline bool has_word(std::string_view words, std::string_view wanted) {
+    for (std::string_view each = next_word(words); !each.empty(); each = next_word(words)) {
+        if (each == wanted)
+            return true;
+    }
+    return false;
+}
+
 // Writes into `wrong` that there is no such word, and the `count` words that there are, name_at(index) each.
 template<typename NameAt>
 void describe_unknown(std::string_view word, size_t count, NameAt name_at, char* wrong, size_t size) {

@@ -17,6 +17,7 @@ namespace services {
 
 namespace {
 
+using platform::has_word;
 using platform::next_word;
 
 constexpr size_t file_size_max = size_t{64} * 1024;
@@ -201,14 +202,6 @@ void read_line(reader& file, std::string_view line) {
         read_variable(file, without_blanks(line.substr(0, equals)), without_blanks(line.substr(equals + 1)));
 }
 
-bool is_one_of(std::string_view words, std::string_view wanted) {
-    for (std::string_view word = next_word(words); !word.empty(); word = next_word(words)) {
-        if (word == wanted)
-            return true;
-    }
-    return false;
-}
-
 // TIPC carries the messages by which the keys of a link are agreed. The controlled port works only after
 // that, so it must not carry TIPC.
 void check_bearers(reader& file) {
@@ -221,7 +214,7 @@ void check_bearers(reader& file) {
     file.line = bearers->line;
     for (uint32_t i = 0; i < settings.count; i++) {
         const oxhal_port_setting& port = settings.ports[i];
-        if (is_one_of(bearers->value, port.controlled_port))
+        if (has_word(bearers->value, port.controlled_port))
             file.complain("OKA_TIPC_INTERFACES names the controlled port '" +
                           std::string(port.controlled_port) + "'; write its common port, '" +
                           port.common_port + "'");
@@ -240,7 +233,7 @@ void check_completeness(reader& file) {
         file.complain(
             "OXHAL_PORTS is missing; add OXHAL_PORTS=\"DiPort_A1=eth1:sec-a1\", with the unit's own "
             "interfaces");
-    if (is_one_of(file.value("OKA_TRANSPORTS"), "tipc") && file.value("OKA_TIPC_INTERFACES").empty() &&
+    if (has_word(file.value("OKA_TRANSPORTS"), "tipc") && file.value("OKA_TIPC_INTERFACES").empty() &&
         file.value("OKA_TIPC_CLEAR") != "yes")
         file.complain("OKA_TIPC_INTERFACES is missing; add OKA_TIPC_INTERFACES=\"eth1\", with the interfaces "
                       "that lead to the other machines");

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -72,6 +73,12 @@ bool split_path(const char* text, path& result) {
         return false;
     strcpy(result.name, name);
     return true;
+}
+
+bool is_offered(const char* name) {
+    const char* chosen = getenv("OKA_TIPC_NAMES");
+    std::string_view names = chosen && *chosen ? chosen : "mka-key-server idl-topologyd-peer";
+    return names == "all" || platform::has_word(names, name);
 }
 
 } // namespace oka

@@ -1,5 +1,5 @@
-// The name that a mailbox is located by, taken apart. Names become file names and travel between hosts, so
-// nothing in them may lead elsewhere.
+// The name that a mailbox is located by, taken apart, and whether other hosts may use it. Names become file
+// names and travel between hosts, so nothing in them may lead elsewhere.
 #pragma once
 
 #include "platform/oka_names.h"
@@ -13,5 +13,10 @@ struct path {
 
 // Splits "name" or "unit/path/name"; false when it is neither.
 bool split_path(const char* text, path& result);
+
+// Whether processes of other hosts may find mailboxes of that name: those that OKA_TIPC_NAMES lists or,
+// without it, those that units need of each other. All others stay within the host, as what a person asks
+// for.
+bool is_offered(const char* name);
 
 } // namespace oka

@@ -11,6 +11,7 @@
 #include "platform/oka/core/core_internal.h"
 #include "platform/oka/core/descriptors.h"
 #include "platform/oka/core/id_table.h"
+#include "platform/oka/core/names.h"
 #include "platform/oka/core/oka_trace.h"
 #include "platform/oka/simulation/conductor_frames.h"
 
@@ -227,7 +228,10 @@ void withdraw(oka_mailbox mailbox) {
     put({.kind = conduct::withdraw, .length = 0, .a = mailbox, .b = 0, .c = 0});
 }
 
+// What a unit does not offer to others is never found there.
 void locate(uint32_t locate, const char* unit, const char* name) {
+    if (*unit && !oka::is_offered(name))
+        return;
     put({.kind = conduct::locate, .length = 0, .a = locate, .b = 0, .c = 0}, unit, strlen(unit) + 1, name,
         strlen(name));
 }
