@@ -40,24 +40,30 @@ void run(const char* command) {
 using tipc_contract = oka_contract;
 INSTANTIATE_TEST_SUITE_P(two_nodes, tipc_contract, testing::ValuesIn(over_tipc + 2, over_tipc + 3), name_of);
 
-// The agent reads "silent"'s address from the topology server, as anyone may, and does not name it right.
-TEST_P(tipc_contract, who_names_another_mailbox_at_the_same_address_is_refused) {
-    create_and_locate("wanted");
-    // FNV-1a of the two names.
+// FNV-1a of the two names.
+sockaddr_tipc address_of(const char* unit, const char* name) {
     auto hash = [](const char* text) {
         uint32_t value = 2166136261u;
         for (; *text; ++text)
             value = (value ^ static_cast<unsigned char>(*text)) * 16777619u;
         return value;
     };
+    sockaddr_tipc address = {};
+    address.family = AF_TIPC;
+    address.addrtype = TIPC_SERVICE_ADDR;
+    address.scope = TIPC_CLUSTER_SCOPE;
+    address.addr.name = {.name = {.type = hash(unit), .instance = hash(name)}, .domain = 0};
+    return address;
+}
+
+// Anybody can connect to the address of a mailbox, and name another one or none.
+TEST_P(tipc_contract, who_names_another_mailbox_at_the_same_address_is_refused) {
+    create_and_locate("wanted");
     for (std::string first :
          {std::string("oka-tipcover/there\0wantee\0", 26), std::string("nonsense"), std::string(5000, 'x')}) {
         int fd = socket(AF_TIPC, SOCK_SEQPACKET, 0);
-        sockaddr_tipc address = {};
-        address.family = AF_TIPC;
-        address.addrtype = TIPC_SERVICE_ADDR;
-        address.addr.name = {.name = {.type = hash("over/there"), .instance = hash("wanted")}, .domain = 0};
-        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const sockaddr_tipc address = address_of("over/there", "wanted");
+        ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         ASSERT_GT(send(fd, first.data(), first.size(), MSG_NOSIGNAL), 0);
         pollfd closed = {.fd = fd, .events = POLLIN, .revents = 0};
         EXPECT_EQ(poll(&closed, 1, patience_ms), 1);
@@ -68,6 +74,28 @@ TEST_P(tipc_contract, who_names_another_mailbox_at_the_same_address_is_refused) 
     // Other connections are not affected.
     expect_silence();
     create_and_locate("another");
+}
+
+using tipc_beside_unix_contract = oka_contract;
+INSTANTIATE_TEST_SUITE_P(two_nodes, tipc_beside_unix_contract,
+                         testing::ValuesIn(over_tipc + 3, over_tipc + 4), name_of);
+
+// Anybody on the machine can listen at any address, and say nothing.
+TEST_P(tipc_beside_unix_contract, who_listens_at_the_address_of_a_mailbox_keeps_nobody_from_it) {
+    int squatters[2];
+    const sockaddr_tipc addresses[] = {address_of("here", "mine"), address_of("over/there", "wanted")};
+    for (int index = 0; index < 2; ++index) {
+        squatters[index] = socket(AF_TIPC, SOCK_SEQPACKET, 0);
+        const auto* at = reinterpret_cast<const sockaddr*>(&addresses[index]);
+        ASSERT_EQ(listen(squatters[index], 8), 0);
+        ASSERT_EQ(bind(squatters[index], at, sizeof addresses[index]), 0);
+    }
+    oka_mailbox mine = oka_clone_mailbox(mailbox, "mine");
+    EXPECT_NE(mine, OKA_MAILBOX_NONE);
+    create_and_locate("wanted");
+    oka_delete_mailbox(mine);
+    for (int each : squatters)
+        close(each);
 }
 
 TEST_P(tipc_contract, the_end_of_the_cable_is_the_end_of_the_mailboxes_until_it_is_back) {
@@ -89,7 +117,7 @@ TEST_P(tipc_contract, the_end_of_the_cable_is_the_end_of_the_mailboxes_until_it_
     expect_silence();
 }
 
-TEST(tipc, does_not_start_without_a_node_key_unless_told_so) {
+TEST(tipc, does_not_start_without_a_node_key_unless_told_so_nor_without_a_secret) {
     scratch_directory directory;
     std::string mark = directory.path + "/mark";
     char space[64] = {};
@@ -121,6 +149,10 @@ TEST(tipc, does_not_start_without_a_node_key_unless_told_so) {
         EXPECT_EQ(started, row.starts) << said;
         EXPECT_EQ(said.find("oka-tipc-up") == std::string::npos, row.starts) << said;
     }
+    setenv("OKA_TIPC_CLEAR", "yes", 1);
+    setenv("OKA_TIPC_SECRET", (directory.path + "/secret").c_str(), 1);
+    EXPECT_FALSE(start_service());
+    stop_service();
 }
 
 } // namespace oka_tests

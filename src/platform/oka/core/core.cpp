@@ -1,6 +1,7 @@
 // The operations of oka.h: what is sent and received, locates, and the transports under them.
 #include "platform/oka/core/core.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
@@ -155,6 +156,11 @@ int start_core(const char* own_unit) {
     }
     core.started = true;
     return 0;
+}
+
+bool names_are_kept_within_host() {
+    return std::any_of(core.transports, core.transports + core.transport_count,
+                       [](const transport* each) { return !each->between_hosts; });
 }
 
 const char* own_unit() {

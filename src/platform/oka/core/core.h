@@ -76,6 +76,8 @@ void plug_transport(const transport* plugged);
 const char* own_unit();
 bool is_local(oka_mailbox mailbox);
 uint64_t now_ns();
+// Whether a transport that does not lead to other hosts sees to it that every name is one mailbox's.
+bool names_are_kept_within_host();
 // A mailbox of another process became known, under an id that it keeps until remove_remote. Messages for it
 // go to `send`, which owns them; their `sender` is a mailbox of this process or none.
 oka_mailbox add_remote(void (*send)(void* handle, envelope* message), void* handle);

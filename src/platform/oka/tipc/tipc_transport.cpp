@@ -10,12 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/oka/core/names.h"
 #include "platform/oka/core/oka_trace.h"
 #include "platform/oka/links/group.h"
 #include "platform/oka/links/stream_transport.h"
 #include "platform/oka/tipc/tipc_address.h"
 #include "platform/oka/tipc/tipc_topology.h"
-#include "platform/words.h"
 
 namespace oka::af_tipc {
 
@@ -25,8 +25,6 @@ namespace {
 
 constexpr int waiting_connections = 128;
 constexpr char usual_secret[] = "/etc/qel-tavu/group.secret";
-// How long a machine may take to answer. One that is gone is noticed sooner, by the end of its TIPC link.
-constexpr uint32_t connect_timeout_ms = 5'000;
 
 // --- Whether the node's traffic is encrypted
 
@@ -75,11 +73,8 @@ int start(const char*) {
     }
     close(probe);
     const char* secret = getenv("OKA_TIPC_SECRET");
-    const bool is_chosen = secret && *secret;
-    if (is_chosen || !may_be_clear()) {
-        if (int error = read_group_secret(is_chosen ? secret : usual_secret))
-            return error;
-    }
+    if (int error = read_group_secret(secret && *secret ? secret : usual_secret))
+        return error;
     if (may_be_clear() || has_node_key())
         return 0;
     OKA_ERROR("OKA: The keys of links would travel over TIPC in the clear: '%s' does not say that this node "
@@ -140,11 +135,13 @@ bool bind_service(int fd, const tipc_service_addr& service) {
            bind(fd, reinterpret_cast<const sockaddr*>(&bound), sizeof bound) == 0;
 }
 
+// Every process of the host can publish something at the same address. So whether the name is taken is asked
+// here only where no other transport knows it.
 int publish(const mailbox_address& at, published_socket& published) {
     tipc_service_addr service = service_of(at);
     int fd = tipc_socket();
     if (fd >= 0 && bind_service(fd, service)) {
-        if (count_publications(service, own_node(fd)) <= 1) {
+        if (names_are_kept_within_host() || count_publications(service, own_node(fd)) <= 1) {
             published.fd = fd;
             return 0;
         }
@@ -155,20 +152,6 @@ int publish(const mailbox_address& at, published_socket& published) {
         close(fd);
     OKA_ERROR("OKA: Mailbox '%s/%s' cannot be published over TIPC: %s", at.unit, at.name, strerror(error));
     return error;
-}
-
-// The mailboxes that other units need. All others stay within the host, as what a person asks for.
-bool is_offered(const char* name) {
-    const char* chosen = getenv("OKA_TIPC_NAMES");
-    std::string_view names = chosen && *chosen ? chosen : "mka-key-server idl-topologyd-peer";
-    if (names == "all")
-        return true;
-    for (std::string_view each = platform::next_word(names); !each.empty();
-         each = platform::next_word(names)) {
-        if (each == name)
-            return true;
-    }
-    return false;
 }
 
 bool find_offered(oka_mailbox mailbox, mailbox_address& found) {
@@ -188,7 +171,6 @@ int connect_to(const search&, uint64_t place, uint32_t& node) {
     int fd = tipc_socket();
     if (fd < 0)
         return -1;
-    (void)setsockopt(fd, SOL_TIPC, TIPC_CONN_TIMEOUT, &connect_timeout_ms, sizeof connect_timeout_ms);
     sockaddr_tipc to = {};
     to.family = AF_TIPC;
     to.addrtype = TIPC_SOCKET_ADDR;
