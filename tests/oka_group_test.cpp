@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <functional>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 
 #include "platform/oka.h"
 #include "platform/oka/core/descriptors.h"
+#include "platform/oka/core/names.h"
 #include "platform/oka/links/family.h"
 #include "platform/oka/links/group.h"
 #include "platform/oka/links/link.h"
@@ -92,6 +94,13 @@ struct stranger {
     }
 };
 
+std::string hex_of(const proof& given) {
+    std::string text;
+    for (unsigned char each : given.bytes)
+        text += "0123456789abcdef"[each >> 4], text += "0123456789abcdef"[each & 15];
+    return text;
+}
+
 class oka_group : public testing::Test {
   protected:
     void SetUp() override {
@@ -162,6 +171,23 @@ class oka_group : public testing::Test {
     oka_mailbox hidden_ = OKA_MAILBOX_NONE, sender_ = OKA_MAILBOX_NONE;
 };
 
+// A MAC over all that both ends have said.
+TEST_F(oka_group, a_proof_is_the_same_on_every_machine) {
+    process_id processes[2];
+    nonce challenges[2];
+    memset(&processes[0], 1, sizeof(process_id));
+    memset(&challenges[0], 2, sizeof(nonce));
+    memset(&processes[1], 3, sizeof(process_id));
+    memset(&challenges[1], 4, sizeof(nonce));
+    const greeting_facts facts = {{&processes[0], &challenges[0], "mp3", 0x0102030405060708},
+                                  {&processes[1], &challenges[1], "mp7/a", 9},
+                                  42};
+    EXPECT_EQ(hex_of(make_proof(prover::connector, facts)),
+              "f994e64fa902af51098c19a60bed4c4824d2c10b9ba4e36e1802c35216e09fe1");
+    EXPECT_EQ(hex_of(make_proof(prover::acceptor, facts)),
+              "10f83d1ad818dccbea4bbc3b5a597217b0e07076c9224b076721d25b12c7c704");
+}
+
 TEST_F(oka_group, an_end_that_connects_has_to_prove_that_it_knows_the_secret) {
     stranger member = visitor(1);
     EXPECT_TRUE(is_proof(member.heard.proven, make_proof(prover::acceptor, member.facts())));
@@ -172,20 +198,18 @@ TEST_F(oka_group, an_end_that_connects_has_to_prove_that_it_knows_the_secret) {
     EXPECT_EQ(receive(), 77u);
     EXPECT_EQ(errors, "");
 
-    stranger next = visitor(2);
-    greeting_facts moved = next.facts();
-    moved.connector.socket++; // between the two is somebody who hands on what they say
-    greeting_facts renamed = next.facts();
-    renamed.connector.unit = "elsewhere";
-    const proof wrong[] = {{},
-                           good,
-                           next.heard.proven,
-                           make_proof(prover::connector, moved),
-                           make_proof(prover::connector, renamed)};
-    for (const proof& given : wrong) {
-        stranger liar = visitor(2);
+    const std::function<proof(const stranger&)> wrong[] = {
+        [](auto&) { return proof{}; }, [=](auto&) { return good; }, // said again
+        [](auto& liar) { return liar.heard.proven; },               // sent back
+        [](auto& liar) {                                            // handed on by somebody in between
+            greeting_facts facts = liar.facts();
+            facts.connector.socket++;
+            return make_proof(prover::connector, facts);
+        }};
+    for (const auto& give : wrong) {
+        stranger liar = visitor(1);
         errors.clear();
-        liar.attach(given);
+        liar.attach(give(liar));
         liar.say(offered);
         settle();
         EXPECT_TRUE(liar.is_closed());
@@ -291,6 +315,17 @@ TEST_F(oka_group, units_that_are_not_named_are_refused) {
         EXPECT_EQ(one.hear(), row.is_allowed) << row.unit;
     }
     EXPECT_NE(errors.find("'mp9' is refused"), std::string::npos) << errors;
+    link_search search;
+    static int failed;
+    failed = 0;
+    search.failed = [](link_search&) { failed++; };
+    stranger there;
+    begin_link(sockets, search, connection(there), 4711, true);
+    ASSERT_TRUE(there.hear());
+    const greeting_facts facts = {there.other(), there.own(), 42};
+    there.greet(frame_kind::welcome, make_proof(prover::acceptor, facts), 42);
+    settle();
+    EXPECT_EQ(failed, 1);
     setenv("OKA_PEERS", "mp7 ../x", 1);
     EXPECT_NE(read_group(), 0);
     unsetenv("OKA_PEERS");
@@ -312,9 +347,21 @@ TEST_F(oka_group, a_secret_that_is_none_is_refused_with_the_reason) {
         EXPECT_FALSE(has_group_secret());
     }
     unlink(path_.c_str());
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    errors.clear();
+    EXPECT_NE(read_group_secret(path_.c_str()), 0);
+    EXPECT_NE(errors.find("no regular file"), std::string::npos) << errors;
+    unlink(path_.c_str());
     errors.clear();
     EXPECT_NE(read_group_secret(path_.c_str()), 0);
     EXPECT_NE(errors.find("No such file"), std::string::npos) << errors;
+}
+
+TEST_F(oka_group, what_a_person_asks_stays_within_the_host) {
+    for (const char* name : {"mka-key-server", "idl-topologyd-peer"})
+        EXPECT_TRUE(is_offered(name)) << name;
+    for (const char* name : {"oxmsi", "idl-topologyd", "mka-client-1", "mka-key", ""})
+        EXPECT_FALSE(is_offered(name)) << name;
 }
 
 } // namespace
