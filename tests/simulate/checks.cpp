@@ -9,6 +9,11 @@ namespace simulate {
 
 namespace {
 
+// Keys are replaced after 180 s. A failure of that is noticed when they are 200 s old at two looks, 5 s
+// apart; and clocks drift.
+constexpr uint64_t oldest_key_ns = 220 * second;
+constexpr uint64_t longest_untruth_ns = 20 * second;
+
 int port_of(const char* hardware_name) {
     for (size_t port = 0; port < port_names.size(); port++) {
         if (!strcmp(hardware_name, tavu::hardware_name_of(port_names[port])))
@@ -34,7 +39,7 @@ void checks::fail(const std::string& what) {
         violation_ = what;
 }
 
-void checks::secy_called(int unit, const oxhal_sim::call_report& call) {
+void checks::secy_called(int unit, const oxhal_sim::call_report& call, uint64_t now_ns) {
     int port = port_of(call.port);
     if (port < 0 || call.result != 0)
         return;
@@ -63,7 +68,7 @@ void checks::secy_called(int unit, const oxhal_sim::call_report& call) {
         return;
     association& sa = channels[identifier][static_cast<size_t>(call.an)];
     if (operation == "sa_create" || operation == "sa_create2") {
-        sa = {.installed = true, .packet_number = call.number};
+        sa = {.installed = true, .packet_number = call.number, .installed_ns = now_ns};
         memcpy(sa.with.data(), call.key, sa.with.size());
         key_installed(at, identifier, static_cast<uint8_t>(call.an), sa.with);
     } else if (operation == "sa_delete") {
@@ -85,6 +90,9 @@ void checks::key_installed(const link_end& at, const sci& channel, uint8_t an, c
         fail("a key of channel " + to_text(use->second.first) + ", AN " + std::to_string(use->second.second) +
              ", is installed at " + to_text(at) + " for channel " + to_text(channel) + ", AN " +
              std::to_string(an));
+    auto maker = made_.find(installed);
+    if (maker == made_.end() || maker->second != host_of(at))
+        fail(to_text(at) + " gets a key that the key server of its link did not make");
     for (auto& [end, other] : secys_) {
         for (auto* channels : {&other.transmit, &other.receive}) {
             auto held = channels->find(channel);
@@ -168,6 +176,31 @@ std::string checks::why_dark(const link_end& from, const link_end& to) const {
     return to_text(from) + " has no key for sending";
 }
 
+// The unit whose key server hosts the link of that end; -1 for no link.
+int checks::host_of(const link_end& end) const {
+    for (const link& each : links_) {
+        if (each.ends[0] == end || each.ends[1] == end)
+            return std::min(each.ends[0].unit, each.ends[1].unit);
+    }
+    return -1;
+}
+
+void checks::look_at_ages(uint64_t now_ns) {
+    for (const link& each : links_) {
+        if (!claims_encryption(each.ends[0], false) || !claims_encryption(each.ends[1], false))
+            continue;
+        for (const link_end& end : each.ends) {
+            for (auto& [channel, held] : secys_[end].transmit) {
+                for (const association& sa : held) {
+                    if (sa.in_use && now_ns - sa.installed_ns > oldest_key_ns)
+                        fail(to_text(end) + " sends with a key that is " +
+                             std::to_string((now_ns - sa.installed_ns) / second) + " s old");
+                }
+            }
+        }
+    }
+}
+
 bool checks::claims_encryption(const link_end& end, bool even_old) const {
     auto last = claims_.find(end);
     return last != claims_.end() && last->second.encrypted && (even_old || !last->second.is_old);
@@ -183,13 +216,18 @@ bool checks::all_good() const {
     return std::all_of(links_.begin(), links_.end(), [this](const link& each) { return is_good(each); });
 }
 
-void checks::look_at_links() {
+void checks::look_at_links(uint64_t now_ns, bool after_stall, uint64_t excused_until_ns) {
     for (const link& each : links_) {
-        if (!claims_encryption(each.ends[0], false) || !claims_encryption(each.ends[1], false))
-            continue;
+        const bool both_claim =
+            claims_encryption(each.ends[0], false) && claims_encryption(each.ends[1], false);
         for (int end : {0, 1}) {
-            std::string why = why_dark(each.ends[end], each.ends[1 - end]);
-            if (!why.empty() && !is_yet_to_protect(each.ends[end]))
+            std::string why = both_claim ? why_dark(each.ends[end], each.ends[1 - end]) : "";
+            if (why.empty() || is_yet_to_protect(each.ends[end])) {
+                dark_since_.erase(each.ends[end]);
+                continue;
+            }
+            const uint64_t since_ns = dark_since_.try_emplace(each.ends[end], now_ns).first->second;
+            if (!after_stall || (now_ns > excused_until_ns && now_ns - since_ns > longest_untruth_ns))
                 fail("both ends report encryption enabled, but " + why);
         }
     }

@@ -33,7 +33,8 @@ class checks {
   public:
     explicit checks(std::vector<link> links) : links_(std::move(links)) {}
 
-    void secy_called(int unit, const oxhal_sim::call_report& call);
+    void secy_called(int unit, const oxhal_sim::call_report& call, uint64_t now_ns);
+    void key_made(int unit, const key& made) { made_[made] = unit; }
     void daemon_said(const link_end& port, bool is_encrypted);
     void daemon_ended(int unit);
     // Hardware that lost its power.
@@ -42,8 +43,11 @@ class checks {
     void answer_sent(mailbox_ref server, mailbox_ref client, uint32_t reference, uint32_t number);
     void mailbox_gone(mailbox_ref mailbox);
 
-    // After every step.
-    void look_at_links();
+    // After every step. After a stall the ends may claim what is not so until they have looked at their
+    // SecYs: what is wrong then must not last for more than 20 s, nor beyond `excused_until_ns`.
+    void look_at_links(uint64_t now_ns, bool after_stall, uint64_t excused_until_ns);
+    // Once nothing disturbs the links any more: keys that are in use are changed.
+    void look_at_ages(uint64_t now_ns);
     // Both ends report it, and frames arrive in both directions.
     bool is_good(const link& which) const;
     bool all_good() const;
@@ -58,6 +62,7 @@ class checks {
         bool in_use = false;
         bool started = false;
         uint32_t packet_number = 0;
+        uint64_t installed_ns = 0;
         key with{};
     };
     using associations = std::array<association, oxhal::associations_per_channel>;
@@ -80,6 +85,7 @@ class checks {
 
     void key_installed(const link_end& at, const sci& channel, uint8_t an, const key& installed);
     void key_starts(association& sa);
+    int host_of(const link_end& end) const;
     bool claims_encryption(const link_end& end, bool even_old) const;
     bool is_yet_to_protect(const link_end& end) const;
     std::string why_dark(const link_end& from, const link_end& to) const;
@@ -90,6 +96,8 @@ class checks {
     std::map<link_end, claim> claims_;
     std::map<key, std::pair<sci, uint8_t>> key_uses_;
     std::set<std::pair<key, uint32_t>> started_;
+    std::map<link_end, uint64_t> dark_since_; // what it sends is lost, though both ends claim encryption
+    std::map<key, int> made_;                 // by the key server of that unit
     std::map<request, uint32_t> requests_;
     std::string violation_;
 };

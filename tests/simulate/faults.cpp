@@ -37,10 +37,13 @@ constexpr struct {
     // It joins again before its former incarnation is noticed to be gone.
     {"requested an SCI value that is already used", any_fault},
     {"creation rejected", any_fault},
-    {"Heartbeat timeout", any_of(DELAY, STALL)},
-    {"handle_ks_heartbeat_timeout_ind", any_of(DELAY, STALL)},
-    {"KEYSRV: handle_msg_timeout", any_of(DELAY, STALL)},
-    {"TOPOLOGYD: 'oxmsi' does not answer", any_of(DELAY, STALL)},
+    {"Heartbeat supervision is in", any_of(DELAY, STALL, UNIT_STALL, SLOW, INTRUDER)},
+    {"Heartbeat timeout", any_of(DELAY, STALL, UNIT_STALL, SLOW, INTRUDER)},
+    {"handle_ks_heartbeat_timeout_ind", any_of(DELAY, STALL, UNIT_STALL, SLOW, INTRUDER)},
+    {"on unexpected state (state=KEY_REFRESH_STOPPED)", any_of(DELAY, STALL, UNIT_STALL, SLOW)},
+    {"KEYSRV: handle_msg_timeout", any_of(DELAY, STALL, UNIT_STALL, SLOW)},
+    {"not found, CA=", any_of(DELAY, STALL, UNIT_STALL, SLOW)},
+    {"TOPOLOGYD: 'oxmsi' does not answer", any_of(DELAY, STALL, UNIT_STALL, SLOW)},
     {"_cfm called in wrong state: current: 'OXMSI_SERVER_STATE_INITIAL'",
      any_of(KILL_PORT_CONTROL, KILL_UNIT)},
 
@@ -51,6 +54,20 @@ constexpr struct {
     {"TAVU: No link exists on port", any_of(KILL_TOPOLOGY_MANAGER, KILL_UNIT)},
     {"refused: the port has another link", any_of(KILL_TOPOLOGY_MANAGER, KILL_UNIT)},
     {"refused: the port has no such link", any_of(KILL_TOPOLOGY_MANAGER, KILL_UNIT)},
+
+    // What an intruder says is dropped, and told; so is the end of the connections that it gets and leaves
+    // alone.
+    {"TAVU: Unhandled message", any_of(INTRUDER)},
+    {"Invalid proc_ref value", any_of(INTRUDER)},
+    {"TAVU: Could not find client", any_of(INTRUDER)},
+    {"already exists with client id", any_of(INTRUDER)},
+    {"has wrong size", any_of(INTRUDER)},
+    {"msg_len=", any_of(INTRUDER)},
+    {"Protocol version negotiation", any_of(INTRUDER)},
+    {"Maximum number of clients reached", any_of(INTRUDER)},
+    {"but only this process prepares it", any_of(INTRUDER)},
+    {"is received from wrong mailbox", any_of(INTRUDER)},
+    {"is none that managers send each other", any_of(INTRUDER)},
 
     {"SecY error code", any_of(SECY_FAILS)},
     {"OXHAL: ", any_of(SECY_FAILS)},

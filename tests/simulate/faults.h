@@ -15,15 +15,20 @@ enum fault : unsigned {
     CUT,
     DELAY,
     STALL,
+    UNIT_STALL,
+    SLOW,
     SECY_FAILS,
     PORT_FLAPS,
     LINK_EDITED,
+    INTRUDER,
     FAULT_KINDS,
 };
 
 constexpr std::array<const char*, FAULT_KINDS> fault_names = {
-    "daemon killed",      "topology manager killed", "port control killed", "unit killed", "messaging cut",
-    "deliveries delayed", "process stalled",         "SecY call fails",     "port flaps",  "link edited",
+    "daemon killed", "topology manager killed", "port control killed", "unit killed",
+    "messaging cut", "deliveries delayed",      "process stalled",     "unit stalled",
+    "process slow",  "SecY call fails",         "port flaps",          "link edited",
+    "intruder",
 };
 
 // Whether the faults of that set (a bit each) may leave this line behind.

@@ -4,12 +4,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <sys/wait.h>
 #include <utility>
 
+#include "protocols/message_numbers.h"
 #include "protocols/oxmsi_messages.h"
+#include "protocols/topology_messages.h"
 #include "simulate/checks.h"
 #include "simulate/ports.h"
 #include "simulate/stage.h"
@@ -25,6 +28,9 @@ constexpr uint64_t recovery_ns = 2 * second;
 // No message reports that a refresh failed after 180 s. The topology managers notice it when keys are older
 // than 200 s at two looks, which are 5 s apart.
 constexpr uint64_t failed_refresh_ns = 36 * second;
+constexpr uint64_t stall_recovery_ns = 10 * second;
+constexpr size_t overheard_max = 256;
+constexpr int most_drift_ppm = 10'000;
 constexpr uint64_t heap_slack = 64 * 1024; // names of mailboxes that are gone, room for timers
 constexpr role roles[] = {role::DAEMON, role::TOPOLOGY_MANAGER, role::PORT_CONTROL};
 
@@ -66,6 +72,10 @@ class node : audience {
     void crash(int unit, role what, uint64_t down_ns);
     void note_fault(fault kind, uint64_t lasts_ns);
     void disturbed_until(uint64_t time_ns) { cause_gone_ns_ = std::max(cause_gone_ns_, time_ns); }
+    void overhear(uint32_t number, const bytes& message);
+    void intrude();
+    void stall(process* stalled, uint64_t lasts_ns);
+    uint64_t longest_recovery_ns() const;
     fault draw_fault();
     void single_fault();
     void expect_nothing_open();
@@ -93,7 +103,8 @@ class node : audience {
     std::map<int, unsigned> failing_call_; // of the unit's SecY, counted from now; 0 for none
     std::map<std::pair<int, role>, uint64_t> down_ns_;
     std::map<int, std::map<std::string, uint64_t>> stuck_;
-    unsigned enabled_ = 0; // faults of this run
+    std::deque<bytes> overheard_; // messages between units, which an intruder says again
+    unsigned enabled_ = 0;        // faults of this run
     unsigned occurred_ = 0;
     uint64_t longest_pause_ns_ = 0;
     bool calm_ = true;
@@ -135,6 +146,10 @@ node::node(const settings& wanted)
       links_(draw_links(plan_, units_, wanted.links)), checks_(links_),
       stage_(wanted.seed, plan_.spread(1'000, 20 * ms), *this) {
     stage_.verbose = wanted.verbose;
+    if (plan_.one_in(2)) {
+        for (int unit : units_)
+            stage_.set_drift(unit, static_cast<int>(plan_.below(2 * most_drift_ppm + 1)) - most_drift_ppm);
+    }
     while (enabled_ == 0 && wanted.faults != 0)
         enabled_ = static_cast<unsigned>(plan_.next()) & wanted.faults & ((1u << FAULT_KINDS) - 1);
     longest_pause_ns_ = plan_.spread(second, 100 * second);
@@ -241,6 +256,9 @@ oxhal_sim::report_answer node::secy_asks(process& by, const oxhal_sim::call_repo
     if (!strcmp(call.operation, "generate_key")) {
         for (uint8_t& octet : answer.key)
             octet = static_cast<uint8_t>(stage_.draw.next());
+        key made = {};
+        memcpy(made.data(), answer.key, std::min<size_t>(made.size(), call.number));
+        checks_.key_made(by.unit, made);
     }
     return answer;
 }
@@ -250,7 +268,7 @@ void node::secy_called(process& by, const oxhal_sim::call_report& call) {
     snprintf(text, sizeof text, "%s: %s %s an=%d %u %s = %d", by.name.c_str(), call.operation, call.port,
              call.an, call.number, call.word, call.result);
     stage_.note(text);
-    checks_.secy_called(by.unit, call);
+    checks_.secy_called(by.unit, call, stage_.now_ns());
 }
 
 void node::sent(mailbox_ref from, process& sender, mailbox_ref to, const bytes& message) {
@@ -260,6 +278,7 @@ void node::sent(mailbox_ref from, process& sender, mailbox_ref to, const bytes& 
     const auto& header = *reinterpret_cast<const message_header*>(message.data());
     uint32_t number;
     memcpy(&number, message.data(), sizeof number);
+    overhear(number, message);
     if (number < OXMSI_CONNECTION_ESTABLISH_REQ || number > OXMSI_PORT_STATE_CHANGE_IND)
         return;
     if (sender.what == role::TOPOLOGY_MANAGER)
@@ -308,7 +327,10 @@ void node::ended(process& which, bool killed, int status) {
 }
 
 void node::stepped() {
-    checks_.look_at_links();
+    constexpr unsigned stalls = 1u << STALL | 1u << UNIT_STALL | 1u << SLOW;
+    checks_.look_at_links(stage_.now_ns(), occurred_ & stalls, cause_gone_ns_ + stall_recovery_ns);
+    if (stage_.now_ns() > cause_gone_ns_ + quiet_ns)
+        checks_.look_at_ages(stage_.now_ns());
     bool is_good = checks_.all_good();
     if (is_good && !was_good_)
         good_since_ns_ = stage_.now_ns();
@@ -359,9 +381,10 @@ void node::note_fault(fault kind, uint64_t lasts_ns) {
 
 // One fault and nothing else: how long the links take once its cause is gone.
 void node::single_fault() {
-    is_settled_ = false;
+    const fault kind = draw_fault();
+    is_settled_ = kind == INTRUDER; // which is no excuse
     last_fault_ = FAULT_KINDS;
-    inject(draw_fault());
+    inject(kind);
     if (last_fault_ == FAULT_KINDS)
         return;
     stage_.note(std::string("a single fault: ") + fault_names[last_fault_]);
@@ -372,9 +395,22 @@ void node::single_fault() {
     recoveries& of = outcome_.by_kind[last_fault_];
     of.recovered++;
     of.worst_ns = std::max(of.worst_ns, took_ns);
-    if (took_ns > (last_fault_ == SECY_FAILS ? failed_refresh_ns : recovery_ns) && violation_.empty())
+    if (took_ns > longest_recovery_ns() && violation_.empty())
         fail("recovered " + std::to_string(took_ns / ms) + " ms after the cause was gone");
     is_settled_ = true;
+}
+
+uint64_t node::longest_recovery_ns() const {
+    switch (last_fault_) {
+    case SECY_FAILS:
+        return failed_refresh_ns;
+    case STALL:
+    case UNIT_STALL:
+    case SLOW:
+        return stall_recovery_ns;
+    default:
+        return recovery_ns;
+    }
 }
 
 void node::expect_nothing_open() {
@@ -393,6 +429,59 @@ void node::crash(int unit, role what, uint64_t down_ns) {
         stage_.kill(*victim);
     else
         victim->doomed_after = static_cast<uint32_t>(stage_.draw.below(12));
+}
+
+void node::stall(process* stalled, uint64_t lasts_ns) {
+    if (!stalled)
+        return;
+    stage_.note(stalled->name + " stalls");
+    stalled->stalled_until_ns = std::max(stalled->stalled_until_ns, stage_.now_ns() + lasts_ns);
+}
+
+// What passes between units can be heard by others, who cannot join an association without a part in it.
+void node::overhear(uint32_t number, const bytes& message) {
+    const bool is_mka = number >= tavu::MKA_CONNECTION_ESTABLISH_REQ && number <= tavu::MKA_HEARTBEAT_RCFM;
+    const bool is_of_managers =
+        number == services::TOPOLOGY_PEER_LINK_IND || number == services::TOPOLOGY_PEER_SECY_IND;
+    if ((!is_mka && !is_of_managers) || number == tavu::MKA_JOIN_CA_REQ)
+        return;
+    overheard_.push_back(message);
+    if (overheard_.size() > overheard_max)
+        overheard_.pop_front();
+}
+
+// Says again what it has heard, as it was, with other numbers and other values, to mailboxes that other units
+// can reach or know of. This must cost no link anything.
+void node::intrude() {
+    static constexpr uint32_t internal_numbers[] = {
+        tavu::KEYSRV_MSG_TIMEOUT_IND,      tavu::KEYSRV_KEY_REFRESH_TIMER_IND,
+        tavu::MKA_SERVER_UP_IND,           tavu::MKA_SERVER_DOWN_IND,
+        tavu::MKA_CLIENT_DOWN_IND,         tavu::MKA_CLIENT_HEARTBEAT_TIMEOUT_IND,
+        tavu::OXPCSI_SERVER_DOWN_IND,      tavu::OXPCSI_SERVER_UP_IND,
+        tavu::OXMSI_CLIENT_DOWN_IND,       tavu::TAVU_PM_RETRY_TIMEOUT_IND,
+        tavu::KAY_SA_DISPOSAL_TIMEOUT_IND, tavu::MKA_SERVER_HEARTBEAT_TIMEOUT_IND};
+    chance& draw = stage_.draw;
+    stage_.note("an intruder speaks");
+    for (uint64_t left = overheard_.empty() ? 0 : draw.spread(1, 200); left > 0; left--) {
+        process* to = stage_.find(any_unit(), draw.one_in(2) ? role::DAEMON : role::TOPOLOGY_MANAGER);
+        if (!to)
+            continue;
+        std::vector<uint32_t> reachable;
+        for (auto& [mailbox, name] : to->mailboxes) {
+            if (name == "mka-key-server" || name.starts_with("mka-client-") || name.ends_with("-peer"))
+                reachable.push_back(mailbox);
+        }
+        if (reachable.empty())
+            continue;
+        bytes said = overheard_[draw.below(overheard_.size())];
+        if (draw.one_in(3)) {
+            const uint32_t number = internal_numbers[draw.below(std::size(internal_numbers))];
+            memcpy(said.data(), &number, sizeof number);
+        } else if (draw.one_in(2)) {
+            said[4 + draw.below(said.size() - 4)] = static_cast<unsigned char>(draw.next());
+        }
+        stage_.intrude(*to, reachable[draw.below(reachable.size())], std::move(said));
+    }
 }
 
 void node::inject(fault kind) {
@@ -432,12 +521,29 @@ void node::inject(fault kind) {
         break;
     }
     case STALL:
-        lasts_ns = draw.spread(10 * ms, 6 * second);
-        if (process* stalled = stage_.find(unit, roles[draw.below(std::size(roles))])) {
-            stage_.note(stalled->name + " stalls");
-            stalled->stalled_until_ns = stage_.now_ns() + lasts_ns;
+        lasts_ns = draw.spread(100 * ms, 60 * second);
+        stall(stage_.find(unit, roles[draw.below(std::size(roles))]), lasts_ns);
+        if (draw.one_in(3))
+            stall(stage_.find(any_unit(), roles[draw.below(std::size(roles))]), lasts_ns);
+        break;
+    case UNIT_STALL:
+        lasts_ns = draw.spread(100 * ms, 60 * second);
+        for (role each : roles)
+            stall(stage_.find(unit, each), lasts_ns);
+        break;
+    case SLOW:
+        if (process* slow = stage_.find(unit, roles[draw.below(std::size(roles))])) {
+            slow->slow_until_ns = stage_.now_ns() + lasts_ns;
+            slow->slowness_ns = draw.spread(ms, 300 * ms);
+            stage_.note(slow->name + " is slow");
         }
         break;
+    case INTRUDER:
+        intrude();
+        outcome_.by_kind[kind].injected++;
+        occurred_ |= 1u << kind;
+        last_fault_ = kind;
+        return;
     case SECY_FAILS:
         failing_call_[unit] = 1 + static_cast<unsigned>(draw.below(8));
         lasts_ns = 0;
@@ -493,11 +599,12 @@ void node::calm() {
     calm_ = true;
     stage_.note("calm");
     stage_.mend_all();
+    stage_.end_intrusion();
     stage_.set_lag(0);
     for (int unit : units_) {
         for (role each : roles) {
             if (process* running = stage_.find(unit, each))
-                running->stalled_until_ns = 0;
+                running->stalled_until_ns = running->slow_until_ns = 0;
         }
         for (int port = 0; port < ports_per_unit; port++)
             set_port({unit, port}, true);

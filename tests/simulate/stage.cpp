@@ -22,6 +22,7 @@ using oka::conduct;
 using oka::conduct_record;
 
 constexpr size_t history_length = 100;
+constexpr mailbox_ref intruder = {0, 1};
 unsigned char packet_room[oka::conduct_packet_max];
 
 [[noreturn]] void give_up(const char* what) {
@@ -189,7 +190,7 @@ void stage::read_traces(process& of) {
 // --- A step
 
 void stage::grant(process& to, conduct_record record, const void* payload) {
-    record.c = now_ns_;
+    record.c = local_time(to.unit, now_ns_);
     memcpy(packet_room, &record, sizeof record);
     if (record.length > 0)
         memcpy(packet_room + sizeof record, payload, record.length);
@@ -285,7 +286,7 @@ void stage::carry_out(process& by, const conduct_record& record, const unsigned 
         std::erase_if(by.searches, [&](const search& each) { return each.locate == record.a; });
         return;
     case conduct::wait:
-        by.deadline_ns = record.c;
+        by.deadline_ns = time_of_local(by.unit, record.c);
         by.has_watches = record.a & oka::CONDUCT_WATCHES;
         by.look |= (record.a & oka::CONDUCT_SAW) != 0;
         return;
@@ -404,6 +405,16 @@ void stage::post(process& receiver, const std::string& mailbox, bytes message) {
     }
 }
 
+void stage::intrude(process& receiver, uint32_t mailbox, bytes message) {
+    deliver(receiver, intruder,
+            {conduct::deliver, 0, mailbox, alias(receiver, intruder), std::move(message), {}});
+}
+
+void stage::end_intrusion() {
+    for (auto& [id, each] : processes_)
+        announce_gone(intruder, *each, false);
+}
+
 oka::conduct_balance stage::balance(process& of) {
     oka::conduct_balance result = {};
     grant(of, {conduct::tell_balance, 0, 0, 0, 0});
@@ -414,6 +425,26 @@ oka::conduct_balance stage::balance(process& of) {
 }
 
 // --- Time
+
+uint64_t stage::local_time(int unit, uint64_t time_ns) const {
+    auto drift = drift_ppm_.find(unit);
+    const int64_t ppm = drift == drift_ppm_.end() ? 0 : drift->second;
+    const auto millions = static_cast<int64_t>(time_ns / 1'000'000),
+               rest = static_cast<int64_t>(time_ns % 1'000'000);
+    return time_ns + static_cast<uint64_t>(millions * ppm + rest * ppm / 1'000'000);
+}
+
+// The earliest at which the unit's clock shows it.
+uint64_t stage::time_of_local(int unit, uint64_t local_ns) const {
+    auto drift = drift_ppm_.find(unit);
+    if (local_ns == oka::never_ns || drift == drift_ppm_.end())
+        return local_ns;
+    const auto rate = static_cast<uint64_t>(1'000'000 + drift->second);
+    uint64_t time_ns = local_ns / rate * 1'000'000 + local_ns % rate * 1'000'000 / rate;
+    while (local_time(unit, time_ns) < local_ns)
+        time_ns++;
+    return time_ns;
+}
 
 // All that is due, and when the next of the rest is.
 void stage::collect(uint64_t& next_ns) {
@@ -470,6 +501,9 @@ void stage::perform(candidate chosen) {
         grant(runs, record, what.message.data());
     }
     serve(runs);
+    process* ran = by_id(id);
+    if (ran && ran->slow_until_ns > now_ns_)
+        ran->stalled_until_ns = std::max(ran->stalled_until_ns, now_ns_ + ran->slowness_ns);
     // Empty queues from processes that are gone are removed, so that their number does not grow.
     if (process* still = chosen.from ? by_id(id) : nullptr)
         std::erase_if(still->inbox, [this](const auto& entry) {

@@ -61,6 +61,7 @@ struct process {
     std::string unfinished_line{};
     uint64_t deadline_ns = oka::never_ns;
     uint64_t stalled_until_ns = 0;
+    uint64_t slow_until_ns = 0, slowness_ns = 0; // the pause after each thing it does
     bool has_watches = false;
     bool look = false;
     uint32_t doomed_after = none; // so many more things it does, then it dies
@@ -114,6 +115,12 @@ class stage {
     bool is_cut(int unit, int other) const { return cuts_.count(std::minmax(unit, other)) > 0; }
     // A message from nowhere to a mailbox of the process.
     void post(process& receiver, const std::string& mailbox, bytes message);
+    // A message from somebody who is of no unit of the node, to a mailbox of the process.
+    void intrude(process& receiver, uint32_t mailbox, bytes message);
+    // The mailboxes of that somebody are gone.
+    void end_intrusion();
+    // Clocks of that unit run faster by so many parts in a million.
+    void set_drift(int unit, int ppm) { drift_ppm_[unit] = ppm; }
     oka::conduct_balance balance(process& of);
     // Messages may take this much longer, now and then.
     void set_lag(uint64_t longest_ns) { lag_ns_ = longest_ns; }
@@ -132,6 +139,8 @@ class stage {
         process* runs;
         std::deque<delivery>* from; // null: its timers, or a look
     };
+    uint64_t local_time(int unit, uint64_t time_ns) const;
+    uint64_t time_of_local(int unit, uint64_t local_ns) const;
     void collect(uint64_t& next_ns);
     void perform(candidate chosen);
     void grant(process& to, oka::conduct_record record, const void* payload = nullptr);
@@ -159,6 +168,7 @@ class stage {
     uint32_t last_process_ = 0;
     std::map<uint32_t, std::unique_ptr<process>> processes_;
     std::map<std::pair<int, int>, bool> cuts_;
+    std::map<int, int> drift_ppm_;
     std::vector<candidate> candidates_;
     std::deque<std::string> history_;
 };
