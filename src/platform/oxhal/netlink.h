@@ -19,7 +19,7 @@ class netlink {
     // An empty request of that type, flags beside NLM_F_REQUEST and NLM_F_ACK. There is one at a time.
     nlmsghdr* begin(uint16_t type, uint16_t flags);
     // Sends it and waits for the end of the answers, a second at most. Returns 0 or an errno value; the
-    // kernel's own words on an error, if any, are `why` until the next request.
+    // kernel's own words on an error, if any, are error_text() until the next request.
     int transact(answer_handler on_answer = nullptr, void* context = nullptr);
     [[nodiscard]] const char* error_text() const { return kernel_text; }
 
