@@ -437,6 +437,15 @@ TEST(links_file, tells_file_line_key_and_remedy) {
     }
 }
 
+TEST(links_file, names_the_units_at_the_other_ends_once) {
+    std::string content;
+    for (const char* rest :
+         {"hunt-path='mp7'", "hunt-path='site/mp9'", "hunt-path='mp7'", "du-type='type-2'"})
+        content += "[[link]]\nport='P" + std::to_string(content.size()) +
+                   "'\nid=1\nremote-port='P'\nremote-mpid=7\n" + rest + "\n";
+    EXPECT_EQ(units_of(parse_links(content, "F").links), "mp7 site/mp9");
+}
+
 TEST(links_file, has_at_most_as_many_links_as_there_are_subscriptions) {
     std::string content;
     for (int i = 0; i < 33; i++) {

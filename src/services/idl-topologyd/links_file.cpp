@@ -227,4 +227,15 @@ links_file read_links_file(const char* path) {
     return result;
 }
 
+std::string units_of(const std::vector<link_attributes>& links) {
+    std::string units;
+    for (const link_attributes& each : links) {
+        bool is_new =
+            std::none_of(links.data(), &each, [&](auto& other) { return other.hunt_path == each.hunt_path; });
+        if (is_new && *each.hunt_path.c_str())
+            units += (units.empty() ? "" : " ") + std::string(each.hunt_path.c_str());
+    }
+    return units;
+}
+
 } // namespace topologyd

@@ -44,4 +44,7 @@ struct links_file {
 links_file parse_links(std::string_view content, const char* path);
 links_file read_links_file(const char* path);
 
+// The units at the other ends, each once, separated by blanks: what OKA_PEERS needs to name.
+std::string units_of(const std::vector<link_attributes>& links);
+
 } // namespace topologyd

@@ -17,7 +17,8 @@ int check() {
     for (const std::string& error : file.errors)
         fprintf(stderr, "%s\n", error.c_str());
     if (file.is_good())
-        printf("%s: %zu links, good\n", links_path, file.links.size());
+        printf("%s: %zu links, good; the units at their other ends: OKA_PEERS=\"%s\"\n", links_path,
+               file.links.size(), units_of(file.links).c_str());
     return file.is_good() ? 0 : services::exit_failure;
 }
 
