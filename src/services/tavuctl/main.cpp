@@ -38,13 +38,14 @@ int check() {
     return configuration.is_good() ? EXIT_STATUS_DONE : EXIT_STATUS_FAILED;
 }
 
-// Unless the environment names a unit, it is the one of this host's configuration.
+// Unless the environment names a unit, it is the one of this host's configuration. What is asked for stays
+// within the host, whatever leads to others.
 void take_configured_unit() {
     if (getenv("OKA_DIR") || getenv("OKA_UNIT"))
         return;
     for (const services::variable& each :
          services::read_unit_configuration(services::unit_configuration_path).variables) {
-        if (each.name.starts_with("OKA_"))
+        if (each.name == "OKA_DIR" || each.name == "OKA_UNIT")
             setenv(each.name.c_str(), each.value.c_str(), 0);
     }
 }
