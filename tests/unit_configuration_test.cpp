@@ -32,6 +32,8 @@ TEST(unit_configuration, is_taken_or_refused_with_line_and_remedy) {
         {good + "OKA_TRANSPORTS=unix unix", "FILE:3: OKA_TRANSPORTS is 'unix unix'; 'unix' is named twice"},
         {good + "ZEB_TRACE=error,all,loud",
          "FILE:3: ZEB_TRACE is 'error,all,loud'; there is no 'loud'; there are: error"},
+        {good + "OKA_TRANSPORTS=tipc\nOKA_TIPC_INTERFACES=eth1",
+         "FILE: OKA_TRANSPORTS leads to other machines only; add unix"},
         {good + "OKA_TRANSPORTS=unix tipc", "FILE: OKA_TIPC_INTERFACES is missing; add"},
         {good + "OKA_TRANSPORTS=unix tipc\nOKA_TIPC_INTERFACES=eth1 eth2\nOKA_TIPC_TOLERANCE=50", ""},
         {good + "OKA_TIPC_INTERFACES=eth1 sec-a1\nOKA_UNIT=mp3",

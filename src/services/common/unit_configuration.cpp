@@ -233,7 +233,10 @@ void check_completeness(reader& file) {
         file.complain(
             "OXHAL_PORTS is missing; add OXHAL_PORTS=\"DiPort_A1=eth1:sec-a1\", with the unit's own "
             "interfaces");
-    if (has_word(file.value("OKA_TRANSPORTS"), "tipc") && file.value("OKA_TIPC_INTERFACES").empty() &&
+    const std::string_view transports = file.value("OKA_TRANSPORTS");
+    if (!transports.empty() && !has_word(transports, "unix"))
+        file.complain("OKA_TRANSPORTS leads to other machines only; add unix, for the processes of this one");
+    if (has_word(transports, "tipc") && file.value("OKA_TIPC_INTERFACES").empty() &&
         file.value("OKA_TIPC_CLEAR") != "yes")
         file.complain("OKA_TIPC_INTERFACES is missing; add OKA_TIPC_INTERFACES=\"eth1\", with the interfaces "
                       "that lead to the other machines");
