@@ -9,6 +9,10 @@
 // where OKA_TIPC_CLEAR=yes says that it need not be. The kernel does not tell whether it has a node key. So
 // the program that sets the key, as root, leaves a mark: a file of root's, OKA_TIPC_KEY_MARK or
 // /run/oka-tipc-key, with the name of the network namespace that was given the key ("net:[4026531840]").
+//
+// Every process of the cluster's machines may use TIPC. So both ends of a connection prove that they know the
+// secret in OKA_TIPC_SECRET or /etc/qel-tavu/group.secret, and only the mailboxes that other units need are
+// published.
 #pragma once
 
 #include "platform/oka/core/core.h"
