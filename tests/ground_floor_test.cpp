@@ -177,6 +177,19 @@ TEST_F(stderr_test, a_record_is_one_line_that_the_journal_understands) {
     EXPECT_STREQ(line, "<3>error port.cpp:12 TAVU: gone?<7>forged\n");
 }
 
+TEST_F(stderr_test, errors_that_belong_to_ordinary_life_are_written_as_traces) {
+    constexpr const char* ordinary = "KEYSRV: handle_ks_ca_member_peer_down_ind: client_id = 3";
+    const uint32_t mask = procInfo.trace_group_mask;
+    procInfo.trace_group_mask &= ~(1u << ZEB_GROUP_TRACE);
+    trace(ordinary);
+    trace("KEYSRV: handle_ks_ca_member_peer_down_ind failed");
+    EXPECT_EQ(drain(), "<3>error port.cpp:12 KEYSRV: handle_ks_ca_member_peer_down_ind failed\n");
+    procInfo.trace_group_mask |= 1u << ZEB_GROUP_TRACE;
+    trace(ordinary);
+    EXPECT_EQ(drain(), std::string("<7>trace port.cpp:12 ") + ordinary + "\n");
+    procInfo.trace_group_mask = mask;
+}
+
 TEST_F(stderr_test, nobody_waits_for_the_reader_of_traces_nor_dies_with_it) {
     fill();
     close(ends_[0]);

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "platform/words.h"
+#include "platform/zeb/harmless.h"
 #include "platform/zeb/repetition.h"
 #include "platform/zeb/zeb_sink.h"
 #include "platform/zeb_names.h"
@@ -187,6 +188,11 @@ void write_bounded(const zeb::record& record) {
 }
 
 void write_to_stderr(const zeb::record& record) {
+    if (record.group == ZEB_GROUP_ERROR && zeb::is_harmless(record.text)) {
+        if (ZEB_IS_TRACED(ZEB_GROUP_TRACE))
+            write_or_keep({ZEB_GROUP_TRACE, record.file, record.line, record.text});
+        return;
+    }
     if (bounded_groups & bit(record.group))
         write_bounded(record);
     else
