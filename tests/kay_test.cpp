@@ -463,6 +463,21 @@ TEST_F(kay, DropsADisposalTimeoutThatIsNotForThePrimary) {
     EXPECT_EQ(receive_sas(), "1 ");
 }
 
+TEST_F(kay, AClientIdThatIsGivenAgainBelongsToItsNewPort) {
+    EXPECT_TRUE(kay_create_instance("IDL_B1"));
+    create();
+    connect_to_server();
+    answer(MKA_JOIN_CA_REJ, 3, 5);
+    EXPECT_TRUE(take_reports().ends_with(failed_report));
+    server_.forget_all();
+    EXPECT_TRUE(kay_connect_secured("IDL_B1", ca, "mka-key-server", options_));
+    settle();
+    client_ = server_.take(MKA_CONNECTION_ESTABLISH_REQ).sender();
+    take_reports();
+    answer(MKA_CONNECTION_ESTABLISH_REJ, 101, 7);
+    EXPECT_EQ(take_reports(), "IDL_B1 error=1 valid=0 oper=0 encryption=0\n");
+}
+
 TEST_F(kay, BecomesUnauthenticatedWithoutAReport) {
     kay_state_change_ind indication = {};
     auto shows = [&](bool error, bool valid, uint32_t oper) {

@@ -161,6 +161,7 @@ TEST_F(oxpcsi_helper, drops_indications_that_are_not_right) {
         {"connection", [](auto& ind) { ind.header.connection_reference = servers_connection; }},
         {"procedure", [](auto& ind) { ind.header.procedure_reference = 2; }},
         {"port name", [](auto& ind) { memset(ind.port.octets, 'x', 16); }},
+        {"namespace", [](auto& ind) { memset(&ind.name_space, 'x', sizeof ind.name_space); }},
         {"module", [](auto& ind) { ind.port_mod_present = 2; }},
         {"filtered port", [](auto& ind) { ind.port.assign("C2_1"); }},
     };

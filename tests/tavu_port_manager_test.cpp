@@ -340,6 +340,10 @@ TEST_F(port_manager_test, a_retry_that_is_late_changes_nothing) {
     take_calls();
     settle();
     EXPECT_EQ(take_calls(), "");
+    // A link that goes takes the retry along.
+    report("IDL_A1", failed);
+    client_.remove("IDL_A1");
+    EXPECT_EQ(oka::simulation::live().timers, 0u);
 }
 
 TEST_F(port_manager_test, a_new_request_first_ends_the_one_that_waits) {
@@ -427,6 +431,9 @@ TEST_F(port_manager_test, the_loss_of_any_client_releases_every_port) {
     test::topology_manager third = connect("third");
     third.add("IDL_A1");
     EXPECT_EQ(take_calls(), add_ + secure_);
+    // It has the id of a client that is gone, and none of its subscriptions.
+    third.subscribe("IDL_A1");
+    EXPECT_EQ(third.heard(), "SUBSCRIBE_CFM 2\nCHANGE_IND 2 IDL_A1 oper 0 encryption 0\n");
 }
 
 TEST_F(port_manager_test, subscriptions_are_the_clients_own_and_at_most_32) {
