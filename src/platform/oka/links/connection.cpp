@@ -110,8 +110,10 @@ void limit_half_open(uint32_t pid) {
         ++count_of_pid;
     }
     if (count_of_pid >= half_open_limit_of_process)
-        close_connection(oldest_of_pid);
-    else if (connections.half_open_count >= half_open_limit)
+        oldest = oldest_of_pid;
+    else if (connections.half_open_count < half_open_limit)
+        oldest = nullptr;
+    if (oldest)
         close_connection(oldest);
 }
 
