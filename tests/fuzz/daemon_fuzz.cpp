@@ -83,6 +83,7 @@ enum class event_kind : uint8_t {
     fail_call,   // a call of the SecY will fail
     fail_record, // an allocation will fail
     trace,       // every trace is written, or errors alone
+    forge,       // what the peer would say comes from another's mailbox
     KINDS,
 };
 
@@ -90,7 +91,7 @@ struct event {
     uint8_t kind; // with `held`: what is sent waits for an event that is not held
     uint8_t peer;
     uint8_t value; // message row; index of a span; after how many others
-    uint8_t to;    // receiver, with `second_link`
+    uint8_t to;    // receiver, or who forges, with `second_link`
     edit edits[edits_max];
 };
 static_assert(sizeof(event) == 16);
@@ -143,6 +144,9 @@ void happen(const event& what) {
     case event_kind::say:
         return say(peer, what.value, what.to & ~second_link, what.to & second_link ? 1 : 0, what.edits,
                    edits_max);
+    case event_kind::forge:
+        return forge(peer, what.value, (what.to & ~second_link) % PEERS, what.to & second_link ? 1 : 0,
+                     what.edits, edits_max);
     case event_kind::slip:
         return slip(peer, what.value % 16u, what.edits);
     case event_kind::exist:
@@ -279,11 +283,22 @@ using events = std::vector<event>;
 event said(uint8_t peer, uint32_t number, uint8_t to = 0, edit changed = {}) {
     return {0, peer, row_of(number), to, {changed, {}, {}}};
 }
+event forged(uint8_t peer, uint32_t number, uint8_t link = 0, edit changed = {}) {
+    event one = said(peer, number, STRANGER | link, changed);
+    one.kind = static_cast<uint8_t>(event_kind::forge);
+    return one;
+}
 event slipped(uint8_t peer, uint8_t after, edit changed) {
     return {static_cast<uint8_t>(event_kind::slip), peer, after, 0, {changed, {}, {}}};
 }
 event of(event_kind kind, uint8_t peer, uint8_t value = 0, uint8_t waits = 0) {
     return {static_cast<uint8_t>(static_cast<uint8_t>(kind) | waits), peer, value, 0, {}};
+}
+events times(unsigned count, const events& repeated) {
+    events all;
+    for (; count > 0; count--)
+        all.insert(all.end(), repeated.begin(), repeated.end());
+    return all;
 }
 events operator+(events first, const events& second) {
     first.insert(first.end(), second.begin(), second.end());
@@ -291,7 +306,7 @@ events operator+(events first, const events& second) {
 }
 
 constexpr unsigned it_ended = 100;
-constexpr uint8_t eight_seconds = 5, three_minutes = 7;
+constexpr uint8_t eight_seconds = 5, half_a_minute = 6, three_minutes = 7;
 
 struct life {
     const char* name;
@@ -337,6 +352,27 @@ const std::vector<life>& lives() {
              events{said(KAY_1, MKA_JOIN_CA_REQ), said(KAY_1, MKA_CREATE_TX_SC_REQ),
                     of(pass, 0, eight_seconds), of(leap, 0, three_minutes)},
          0},
+        {"a member repeats a confirmation again and again: the keys are replaced all the same",
+         link + times(8, {of(pass, 0, half_a_minute), said(KAY_1, MKA_CREATE_TX_SA_RCFM)}), 2},
+        {"a member confirms again and again that it receives, which nobody waits for",
+         link + times(20, {said(KAY_1, MKA_CREATE_RX_SC_RCFM)}) +
+             events{of(pass, 0, three_minutes), of(pass, 0, eight_seconds)},
+         2},
+        {"a stranger says what a member has to confirm",
+         events{of(oblige, KAY_1)} + link +
+             events{said(KAY_1, MKA_JOIN_CA_REQ), said(KAY_1, MKA_CREATE_TX_SC_REQ),
+                    forged(KAY_1, MKA_CREATE_RX_SC_RCFM), forged(KAY_1, MKA_CREATE_RX_SA_RCFM),
+                    forged(KAY_1, MKA_CREATE_TX_SA_RCFM)},
+         0},
+        {"a stranger speaks as the key server at the other end",
+         other_link + events{forged(KEY_SERVER, MKA_CREATE_TX_SA_RREQ, second_link,
+                                    {6, static_cast<uint8_t>(change::value), 0, 2})},
+         1},
+        {"a stranger says that timers have run out",
+         link + times(8, {forged(KAY_1, KEYSRV_KEY_REFRESH_TIMER_IND), of(pass, 0, eight_seconds)}) +
+             events{forged(KAY_1, KEYSRV_MSG_TIMEOUT_IND), forged(KAY_1, MKA_CLIENT_DOWN_IND),
+                    of(pass, 0, three_minutes)},
+         2},
         {"the start is rejected",
          {of(exist, PORTS), of(exist, PORTS, 0, held), of(oblige, PORTS),
           said(PORTS, OXPCSI_INIT_SERVICE_REJ)},
@@ -357,14 +393,18 @@ uint8_t octet(size_t limit = 256) {
 }
 // Mostly a message that its sender sends to whom it talks to; seldom of the rare kinds.
 event random_event() {
-    event one = {octet(3), octet(PEERS), octet(), {}, {}};
+    event one = {octet(4), octet(PEERS), octet(), {}, {}};
     if (one.kind == 2)
+        one.kind = static_cast<uint8_t>(event_kind::forge);
+    else if (one.kind == 3)
         one.kind = octet(static_cast<size_t>(event_kind::KINDS));
-    for (int tries = 0; tries < 100 && one.kind == 0 && !is_sent_by(one.value, one.peer); tries++)
+    const bool is_forged = one.kind == static_cast<uint8_t>(event_kind::forge);
+    for (int tries = 0; tries < 100 && (one.kind == 0 || is_forged) && !is_sent_by(one.value, one.peer);
+         tries++)
         one.value = octet();
     if (below(4) == 0)
         one.kind |= held;
-    one.to = below(8) ? second_link * octet(2) : octet();
+    one.to = below(8) && !is_forged ? second_link * octet(2) : octet();
     for (edit& each : one.edits) {
         if (below(2) == 0)
             each = {octet(16), octet(static_cast<size_t>(change::KINDS)), octet(2) ? octet() : octet(1),

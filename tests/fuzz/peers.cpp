@@ -197,6 +197,28 @@ void apply(const edit& one, const char* layout, std::vector<uint8_t>& bytes) {
     }
 }
 
+void send(unsigned index, unsigned row, unsigned link, const edit* edits, unsigned edit_count, oka_mailbox to,
+          oka_mailbox sender) {
+    if (!exists(index))
+        return;
+    const auto& of = layouts[row / most_numbers % std::size(layouts)];
+    uint32_t number = of.numbers[row % most_numbers] ? of.numbers[row % most_numbers] : of.numbers[0];
+    peer& from = peers[index];
+    from.link = link;
+    if (number == OXMSI_CONNECTION_ESTABLISH_REQ)
+        from.connection = index;
+    std::vector<uint8_t> bytes(sizeof number);
+    for (const char* letter = of.layout; *letter; letter++) {
+        bytes.resize(bytes.size() + size_of(*letter));
+        put_good_value(&bytes[bytes.size() - size_of(*letter)], *letter, from);
+    }
+    for (unsigned i = 0; i < edit_count; i++)
+        apply(edits[i], of.layout, bytes);
+    oka_message* message = oka_alloc(bytes.size(), number);
+    memcpy(message + 1, bytes.data() + sizeof number, bytes.size() - sizeof number);
+    oka_send(&message, to, sender);
+}
+
 } // namespace
 
 uint8_t row_of(uint32_t number) {
@@ -237,25 +259,13 @@ void locate(unsigned index) {
 }
 
 void say(unsigned index, unsigned row, unsigned to, unsigned link, const edit* edits, unsigned edit_count) {
-    if (!exists(index))
-        return;
-    const auto& of = layouts[row / most_numbers % std::size(layouts)];
-    uint32_t number = of.numbers[row % most_numbers] ? of.numbers[row % most_numbers] : of.numbers[0];
-    peer& from = peers[index];
-    from.link = link;
-    if (number == OXMSI_CONNECTION_ESTABLISH_REQ)
-        from.connection = index;
-    std::vector<uint8_t> bytes(sizeof number);
-    for (const char* letter = of.layout; *letter; letter++) {
-        bytes.resize(bytes.size() + size_of(*letter));
-        put_good_value(&bytes[bytes.size() - size_of(*letter)], *letter, from);
-    }
-    for (unsigned i = 0; i < edit_count; i++)
-        apply(edits[i], of.layout, bytes);
-    oka_message* message = oka_alloc(bytes.size(), number);
-    memcpy(message + 1, bytes.data() + sizeof number, bytes.size() - sizeof number);
-    oka_send(&message, to == 0 || daemons.empty() ? from.talks_to : daemons[to % daemons.size()],
-             from.mailbox);
+    send(index, row, link, edits, edit_count,
+         to == 0 || daemons.empty() ? peers[index].talks_to : daemons[to % daemons.size()],
+         peers[index].mailbox);
+}
+void forge(unsigned index, unsigned row, unsigned by, unsigned link, const edit* edits, unsigned edit_count) {
+    if (exists(by))
+        send(index, row, link, edits, edit_count, peers[index].talks_to, peers[by].mailbox);
 }
 
 bool heard(const oka_message* message) {

@@ -44,6 +44,8 @@ void locate(unsigned peer);
 // Of the links, 0 is with unit 7, whose key server is this unit's, and 1 with unit 1, which has it. `to`
 // selects among the daemon's known mailboxes; 0 is the one that the peer talks to.
 void say(unsigned peer, unsigned row, unsigned to, unsigned link, const edit* edits, unsigned edit_count);
+// What the peer would say to whom it talks to comes from another peer's mailbox.
+void forge(unsigned peer, unsigned row, unsigned by, unsigned link, const edit* edits, unsigned edit_count);
 
 // Takes a message that was received; false when it is not a peer's.
 bool heard(const oka_message* message);
