@@ -271,21 +271,21 @@ class idl_topologyd_watch : public idl_topologyd {
         oxhal::port port{};
         strcpy(port.name, "DiPort_A1");
         oxhal_view view{};
-        view.enabled = view.confidentiality = true;
+        view.enabled = true;
+        view.confidentiality = encrypts;
         view.protect_frames = protects;
-        view.validate_frames = OXHAL_MACSEC_VALIDATE_FRAMES_STRICT;
+        view.validate_frames = validates;
         view.transmit.associations[1] = association(sends_with);
         view.transmit.out_pkts_encrypted = sent;
         view.receive_channels = 1;
         view.receive[0].associations[1] = association(receives_with);
+        view.receive[0].associations[1].active = receives;
         view.receive[0].in_pkts_ok = 5;
         oxhal_sim::show_view(port, view);
         oxhal_sim::write_counters("DiPort_A1", view);
     }
-    // Five seconds pass, and the other end tells what it sees.
-    void look(uint8_t its_transmit_key, uint8_t its_receive_key, uint64_t accepted = 0) {
-        show_secy();
-        advance(look_interval_ms);
+    topology_peer_secy_ind word_of_other(uint8_t its_transmit_key, uint8_t its_receive_key,
+                                         uint64_t accepted = 0) {
         topology_peer_secy_ind word{};
         word.version = topology_peer_version;
         word.port = says.port;
@@ -295,7 +295,14 @@ class idl_topologyd_watch : public idl_topologyd {
         word.transmit_key = key(its_transmit_key);
         word.receive_keys[1] = key(its_receive_key);
         word.accepted_low = static_cast<uint32_t>(accepted);
-        other->send(peers, TOPOLOGY_PEER_SECY_IND, word);
+        return word;
+    }
+    // Five seconds pass, and the other end tells what it sees.
+    void look(uint8_t its_transmit_key, uint8_t its_receive_key, uint64_t accepted = 0) {
+        show_secy();
+        advance(look_interval_ms);
+        other->send(peers, TOPOLOGY_PEER_SECY_IND,
+                    word_of_other(its_transmit_key, its_receive_key, accepted));
         settle();
     }
     bool is_up() { return heard().phase == TOPOLOGY_PHASE_ENCRYPTED; }
@@ -307,7 +314,8 @@ class idl_topologyd_watch : public idl_topologyd {
 
     uint8_t sends_with = 1, receives_with = 2;
     uint64_t sent = 0;
-    bool protects = true;
+    bool protects = true, encrypts = true, receives = true;
+    oxhal_macsec_validate_frames validates = OXHAL_MACSEC_VALIDATE_FRAMES_STRICT;
     topology_peer_secy_ind last_word{};
 };
 
@@ -338,15 +346,27 @@ TEST_F(idl_topologyd_watch, starts_over_when_one_end_sends_with_what_the_other_d
         says.incarnation = its_incarnation - 1;
         look(9, 9);
         says.incarnation = its_incarnation;
-        told.incarnation = told.incarnation - 1;
+        const uint32_t own_incarnation = told.incarnation;
+        told.incarnation = own_incarnation - 1;
         look(9, 9);
+        told.incarnation = own_incarnation;
         other->send_bytes(peers, TOPOLOGY_PEER_SECY_IND, &last_word, sizeof last_word - 1);
-        last_word.incarnation = its_incarnation;
-        last_word.seen_incarnation = heard().incarnation;
-        person->send(peers, TOPOLOGY_PEER_SECY_IND, last_word);
+        person->send(peers, TOPOLOGY_PEER_SECY_IND, word_of_other(9, 9));
         settle();
     }
     EXPECT_TRUE(is_up());
+    // Nor are words that come all at once as many looks.
+    look(2, 9);
+    for (int count = 0; count < 3; count++)
+        other->send(peers, TOPOLOGY_PEER_SECY_IND, word_of_other(2, 9));
+    settle();
+    EXPECT_TRUE(is_up());
+    // A key that is installed, but not for receiving now, does not count.
+    look(2, 1);
+    receives = false;
+    look(2, 1);
+    look(2, 1);
+    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_KEYS_DIFFER);
 }
 
 TEST_F(idl_topologyd_watch, starts_over_when_keys_grow_old_or_the_secy_does_not_encrypt) {
@@ -364,12 +384,17 @@ TEST_F(idl_topologyd_watch, starts_over_when_keys_grow_old_or_the_secy_does_not_
     sends_with = 7;
     look(2, 7);
     EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_NONE);
-    protects = false;
-    look(2, 7);
-    EXPECT_TRUE(is_up());
-    look(2, 7);
-    EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_UNPROTECTED);
-    EXPECT_FALSE(is_up());
+    for (int row = 0; row < 3; row++) {
+        protects = row != 0;
+        encrypts = row != 1;
+        validates = row != 2 ? OXHAL_MACSEC_VALIDATE_FRAMES_STRICT : OXHAL_MACSEC_VALIDATE_FRAMES_DISABLED;
+        look(2, 7);
+        EXPECT_TRUE(is_up()) << row;
+        look(2, 7);
+        EXPECT_EQ(heard().fault, TOPOLOGY_FAULT_UNPROTECTED) << row;
+        EXPECT_FALSE(is_up()) << row;
+        secure_again();
+    }
 }
 
 TEST_F(idl_topologyd_watch, starts_over_ever_less_often_when_no_frame_arrives) {

@@ -145,8 +145,13 @@ topology_fault_code take_own_look(secy_watch& watch, const secy_look& own, const
     return confirm(watch, watch.of_own, code);
 }
 
+bool is_look_of_peer_due(const secy_watch& watch, uint64_t now_ms) {
+    return watch.words == 0 || now_ms - watch.word_ms >= look_interval_ms / 2;
+}
+
 topology_fault_code take_look_of_peer(secy_watch& watch, const secy_look& own,
-                                      const topology_peer_secy_ind& peer) {
+                                      const topology_peer_secy_ind& peer, uint64_t now_ms) {
+    watch.word_ms = now_ms;
     const topology_fault_code code = doubt_of_both(watch, own, peer);
     const uint64_t accepted = accepted_by(peer);
     const bool arrives = watch.words > 0 && accepted > watch.accepted_at[0];

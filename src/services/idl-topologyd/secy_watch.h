@@ -45,6 +45,7 @@ struct secy_watch {
     uint64_t sent_at[2]{};     // by us
     uint64_t accepted_at[2]{}; // by it
     uint32_t words = 0;
+    uint64_t word_ms = 0;            // when the last was taken
     uint32_t futile_start_overs = 0; // since a frame of ours arrived
 
     // The fault that was found last, until a look shows that it is gone.
@@ -56,9 +57,13 @@ void begin_watch(secy_watch& watch);
 // This end's look, every look_interval_ms. Returns the fault that makes both ends start over, or NONE.
 services::topology_fault_code take_own_look(secy_watch& watch, const secy_look& own, const char* port,
                                             uint64_t now_ms);
+// Words that come faster than looks are made are no looks of their own: they waited somewhere, or are made
+// up.
+bool is_look_of_peer_due(const secy_watch& watch, uint64_t now_ms);
 // The other end's, with ours of the same moment.
 services::topology_fault_code take_look_of_peer(secy_watch& watch, const secy_look& own,
-                                                const services::topology_peer_secy_ind& peer);
+                                                const services::topology_peer_secy_ind& peer,
+                                                uint64_t now_ms);
 void fill_look(services::topology_peer_secy_ind& told, const secy_look& own);
 
 } // namespace topologyd

@@ -329,9 +329,9 @@ void handle_peer_secy(const services::topology_peer_secy_ind& said, oka_mailbox 
     secy_look own;
     if (!link || peers_find(link->file.hunt_path) != sender || !is_encrypted(*link) ||
         link->agreed.up_with != said.incarnation || link->agreed.incarnation != said.seen_incarnation ||
-        !look_at_secy(link->file.port, own))
+        !is_look_of_peer_due(link->watched, now_ms()) || !look_at_secy(link->file.port, own))
         return;
-    take_findings(*link, take_look_of_peer(link->watched, own, said));
+    take_findings(*link, take_look_of_peer(link->watched, own, said, now_ms()));
     pursue_all();
 }
 
