@@ -23,6 +23,8 @@ struct published_socket {
     uint64_t identity[2] = {}; // the family's
 };
 
+// What has no default is needed. The table has external linkage, since it is a parameter of
+// `stream_transport`.
 struct family {
     const char* name; // in OKA_TRANSPORTS
     // Then who connects has to prove that it is of the node's group, and only mailboxes that are offered can
@@ -61,6 +63,7 @@ struct family {
     // --- Searching
 
     // Adds every place where the mailbox may be, now or soon, and goes on doing so when there are others.
+    // Where nothing tells of new ones, a timer (call_later) adds them anew and calls try_places.
     void (*look)(search& of);
     // After the search was taken out of the list of searches.
     void (*stop_looking)(const search& of);
