@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "services/oka-guard/guard.h"
 #include "support/process.h"
 
 namespace {
@@ -313,6 +314,21 @@ TEST_F(node, ends_in_order_when_it_is_asked_to) {
         EXPECT_EQ(row.asked->wait_for_end(), row.status) << row.asked->output();
         EXPECT_NE(access(socket.c_str(), F_OK), 0) << socket;
     }
+}
+
+TEST_F(node, a_guard_kills_what_stands_still_and_nothing_else) {
+    ASSERT_NO_FATAL_FAILURE(start_both());
+    const std::string sockets = folder.path() + "/mp3/";
+    const words looked_at = {sockets + "oxpcsi-server-root", sockets + "qel-tavu-root",
+                             sockets + "idl-topologyd", sockets + "nobody", sockets + std::string(108, 'x')};
+    EXPECT_EQ(guard::look(looked_at, 20), words{});
+    ASSERT_EQ(kill(three.port_control->pid(), SIGSTOP), 0);
+    EXPECT_EQ(guard::look(looked_at, 1),
+              words{"process " + std::to_string(three.port_control->pid()) + " at " + looked_at[0] +
+                    " stood still for 1 s and was killed"});
+    EXPECT_EQ(three.port_control->wait_for_end(), -SIGKILL);
+    EXPECT_EQ(guard::look(looked_at, 20), words{});
+    EXPECT_FALSE(three.daemon->wrote("OKA:") || three.topology->wrote("OKA:")) << all_output();
 }
 
 TEST_F(node, command_line_of_the_daemon_is_answered_before_anything_starts) {

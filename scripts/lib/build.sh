@@ -27,7 +27,7 @@ build() { quietly "$(basename "$1").build" cmake --build "$1" -j "$(nproc)" --ta
 # build_programs [amd64|armhf]: the programs of a unit. Sets `programs` to their paths, and `additions` to what puts them
 # into the guest machine.
 build_programs() {
-    local preset=release names=(qel-tavu oxpcsi-server idl-topologyd tavuctl oka-tipc-key) name
+    local preset=release names=(qel-tavu oxpcsi-server idl-topologyd tavuctl oka-guard oka-tipc-key) name
     case ${1-amd64} in
     amd64) ;;
     armhf) preset=armhf ;;
