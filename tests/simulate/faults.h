@@ -31,6 +31,8 @@ constexpr std::array<const char*, FAULT_KINDS> fault_names = {
     "intruder",
 };
 
+static_assert(fault_names.back(), "every kind has a name");
+
 // Whether the faults of that set (a bit each) may leave this line behind.
 bool is_explained(std::string_view line, unsigned faults);
 

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "protocols/message_numbers.h"
+#include "protocols/topology_messages.h"
 
 namespace simulate {
 
@@ -38,6 +39,7 @@ const char* name_of(uint32_t number) {
         MKA_MESSAGES(NAME_OF_MESSAGE)
         OXPCSI_MESSAGES(NAME_OF_MESSAGE)
         OXMSI_MESSAGES(NAME_OF_MESSAGE)
+        TOPOLOGY_MESSAGES(NAME_OF_MESSAGE)
     }
     return "";
 }

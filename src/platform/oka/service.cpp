@@ -19,6 +19,7 @@
 namespace {
 
 constexpr const oka::transport* known_transports[] = {&oka::unix_transport, &oka::tipc_transport};
+static_assert(std::size(known_transports) <= oka::transports_at_once);
 
 const oka::transport* find_transport(std::string_view name) {
     for (const oka::transport* each : known_transports) {
